@@ -1,0 +1,98 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "SystemLog.h"
+
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <string>
+
+#include "ContextData.h"
+
+// The one program that does not supply the log call: it reads what the default hands to the system.
+
+namespace {
+
+/// Stands where the system's log daemon would, at /dev/log of the test's own /dev.
+class SystemLogTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_NE(std::getenv("LUMORA_PRIVATE_DATA_DIRECTORY"), nullptr) << "run this through ctest";
+        m_socket = socket(AF_UNIX, SOCK_DGRAM, 0);
+        ASSERT_GE(m_socket, 0);
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        std::strcpy(address.sun_path, "/dev/log");
+        ASSERT_EQ(bind(m_socket, reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0)
+            << std::strerror(errno);
+    }
+
+    void TearDown() override {
+        close(m_socket);
+        unlink("/dev/log");
+    }
+
+    /// @return the next datagram, or "" when none comes within the bound.
+    std::string Receive() const {
+        pollfd ready{m_socket, POLLIN, 0};
+        if (poll(&ready, 1, /*timeout=*/10000) <= 0) {
+            return "";
+        }
+        char datagram[65536];
+        const ssize_t length = recv(m_socket, datagram, sizeof(datagram), 0);
+        return length > 0 ? std::string(datagram, static_cast<std::size_t>(length)) : "";
+    }
+
+    int m_socket = -1;
+};
+
+bool EndsWith(const std::string& text, const std::string& end) {
+    return text.size() >= end.size() && text.compare(text.size() - end.size(), end.size(), end) == 0;
+}
+
+TEST_F(SystemLogTest, ReceivesWhatTheLibraryLogs) {
+    ContextData document;
+    EXPECT_FALSE(document.MakeData(nullptr));
+    const std::string datagram = Receive();
+    EXPECT_EQ(datagram.substr(0, 4), "<11>") << datagram;  // facility user, level error
+    EXPECT_NE(datagram.find("LMR_COMMON: ContextData.cpp: MakeData("), std::string::npos) << datagram;
+    EXPECT_TRUE(EndsWith(datagram, ") > input is null")) << datagram;
+}
+
+TEST_F(SystemLogTest, MapsEveryPriorityToItsSyslogLevel) {
+    const struct {
+        int priority;
+        const char* head;  // facility user (8) plus the level
+    } rows[] = {
+        {LUMORA_LOG_DEBUG, "<15>"},
+        {LUMORA_LOG_INFO, "<14>"},
+        {LUMORA_LOG_WARNING, "<12>"},
+        {LUMORA_LOG_ERROR, "<11>"},
+        {99, "<11>"},
+    };
+    for (const auto& row : rows) {
+        EXPECT_EQ(lumora_log_print(LUMORA_LOG_BUFFER_MAIN, row.priority, "TAG", "%s %d", "text", 7), 6);
+        const std::string datagram = Receive();
+        EXPECT_EQ(datagram.substr(0, 4), row.head) << datagram;
+        EXPECT_TRUE(EndsWith(datagram, ": TAG: text 7")) << datagram;
+    }
+}
+
+TEST_F(SystemLogTest, PassesLongTextsAndPercentSignsWhole) {
+    const std::string text = std::string(5000, 'x') + "%s%n";
+    EXPECT_EQ(lumora_log_print(LUMORA_LOG_BUFFER_MAIN, LUMORA_LOG_INFO, "TAG", "%s", text.c_str()), 5004);
+    EXPECT_TRUE(EndsWith(Receive(), ": TAG: " + text));
+}
+
+TEST_F(SystemLogTest, LeavesTheErrorNumberAsItWas) {
+    errno = EDOM;
+    lumora_log_print(LUMORA_LOG_BUFFER_MAIN, LUMORA_LOG_INFO, "TAG", "text");
+    EXPECT_EQ(errno, EDOM);
+    EXPECT_NE(Receive(), "");
+}
+
+}  // namespace

@@ -1,0 +1,93 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "CapturedLog.h"
+
+#include <algorithm>
+#include <condition_variable>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <mutex>
+#include <stdexcept>
+
+#include "SystemLog.h"
+
+namespace {
+
+constexpr const char* kPrefix = "%s: %s(%d) > ";
+
+std::mutex g_mutex;
+std::condition_variable g_changed;
+std::vector<CapturedLog::Line> g_lines;
+
+int CountLocked(const std::string& message) {
+    return static_cast<int>(std::count_if(g_lines.begin(), g_lines.end(),
+                                          [&](const CapturedLog::Line& line) { return line.message == message; }));
+}
+
+/// Splits "file: function(line) > message"; a text that is not of this form aborts the test program.
+CapturedLog::Line Split(int buffer, int priority, const char* tag, const std::string& format, const std::string& text) {
+    const auto colon = text.find(": ");
+    const auto open = text.find('(', colon);
+    const auto close = text.find(") > ", open);
+    if (format.compare(0, std::string(kPrefix).size(), kPrefix) != 0 || colon == std::string::npos ||
+        open == std::string::npos || close == std::string::npos) {
+        std::fprintf(stderr, "a log line without the prefix: %s\n", text.c_str());
+        std::abort();
+    }
+    return {buffer,
+            priority,
+            tag,
+            format.substr(std::string(kPrefix).size()),
+            text.substr(0, colon),
+            text.substr(colon + 2, open - colon - 2),
+            std::atoi(text.substr(open + 1, close - open - 1).c_str()),
+            text.substr(close + 4)};
+}
+
+}  // namespace
+
+int lumora_log_print(int buffer, int priority, const char* tag, const char* format, ...) {
+    va_list arguments;
+    va_start(arguments, format);
+    char* formatted = nullptr;
+    const int length = vasprintf(&formatted, format, arguments);
+    va_end(arguments);
+    if (length < 0) {
+        std::abort();
+    }
+    const std::string text(formatted);
+    std::free(formatted);
+    const std::lock_guard<std::mutex> lock(g_mutex);
+    g_lines.push_back(Split(buffer, priority, tag, format, text));
+    g_changed.notify_all();
+    return length;
+}
+
+void CapturedLog::Clear() {
+    const std::lock_guard<std::mutex> lock(g_mutex);
+    g_lines.clear();
+}
+
+std::vector<CapturedLog::Line> CapturedLog::Lines() {
+    const std::lock_guard<std::mutex> lock(g_mutex);
+    return g_lines;
+}
+
+std::vector<std::string> CapturedLog::Messages() {
+    std::vector<std::string> messages;
+    for (const Line& line : Lines()) {
+        const char* letters = "???DIWE";
+        messages.push_back(std::string(1, letters[std::clamp(line.priority, 0, 6)]) + " " + line.message);
+    }
+    return messages;
+}
+
+int CapturedLog::Count(const std::string& message) {
+    const std::lock_guard<std::mutex> lock(g_mutex);
+    return CountLocked(message);
+}
+
+bool CapturedLog::WaitFor(const std::string& message, int count, std::chrono::milliseconds bound) {
+    std::unique_lock<std::mutex> lock(g_mutex);
+    return g_changed.wait_for(lock, bound, [&] { return CountLocked(message) >= count; });
+}

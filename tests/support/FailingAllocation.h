@@ -1,0 +1,15 @@
+// SPDX-License-Identifier: Apache-2.0
+#ifndef LUMORA_COMMON_TESTS_FAILING_ALLOCATION_H
+#define LUMORA_COMMON_TESTS_FAILING_ALLOCATION_H
+
+/// While it lives, every non-throwing `new` of the thread that made it fails. A program that uses it replaces the
+/// non-throwing `operator new`, for the library too.
+class FailingAllocation {
+public:
+    FailingAllocation();
+    ~FailingAllocation();
+    FailingAllocation(const FailingAllocation&) = delete;
+    FailingAllocation& operator=(const FailingAllocation&) = delete;
+};
+
+#endif  // LUMORA_COMMON_TESTS_FAILING_ALLOCATION_H
