@@ -1,0 +1,145 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "ContextHost.h"
+
+#include <ContextData.h>
+#include <ContextString.h>
+#include <glib.h>
+
+#include <chrono>
+#include <climits>
+#include <map>
+#include <vector>
+
+#include "HistoryProvider.h"
+
+namespace {
+
+constexpr int kFlushInterval = 1;  // seconds
+constexpr int kPageSize = 4096;    // rows; a whole history at once would need ten times the memory of the agent
+constexpr std::chrono::minutes kLongestFlush{2};
+constexpr gulong kPollMicroseconds = 20000;
+
+// A failed write wipes the database, so every statement here is one that cannot fail on a sound disk: the table is
+// made only where it is missing, and a record that is stored already is ignored. Equal rows of one history differ in
+// their occurrence.
+constexpr const char* kCreateTable =
+    "CREATE TABLE IF NOT EXISTS usage (history TEXT, unit_id TEXT, unit_name TEXT, device_name TEXT, "
+    "start_time INTEGER, duration INTEGER, occurrence INTEGER, "
+    "UNIQUE (start_time, unit_id, duration, occurrence, history, device_name, unit_name))";
+constexpr const char* kInsert = "INSERT OR IGNORE INTO usage VALUES (?, ?, ?, ?, ?, ?, ?)";
+// Behind each batch the file is marked with the batch's number. A fresh file bears 0, and so does one that was reset.
+constexpr const char* kReadMark = "PRAGMA user_version";
+constexpr const char* kSelectPage =
+    "SELECT rowid, unit_id, unit_name, device_name, start_time, duration FROM usage "
+    "WHERE (start_time, rowid) > (?, ?) ORDER BY start_time, rowid LIMIT ?";
+
+}  // namespace
+
+ContextHost::ContextHost(const std::string& databaseName)
+    : m_database(databaseName, kCreateTable, kFlushInterval), m_batchNumber(QueryNumber_(kReadMark)) {
+    if (m_batchNumber == 0) {
+        WriteMark_(/*immediate=*/true);
+    }
+}
+
+void ContextHost::BeginBatch() {
+    m_database.ExecuteQuery("BEGIN", {}, /*immediate=*/false);
+}
+
+void ContextHost::EndBatch() {
+    m_database.ExecuteQuery("COMMIT", {}, /*immediate=*/false);
+    WriteMark_(/*immediate=*/false);
+}
+
+bool ContextHost::WaitForFlush(const std::function<void()>& onWait) {
+    const auto end = std::chrono::steady_clock::now() + kLongestFlush;
+    while (std::chrono::steady_clock::now() < end) {
+        const int reached = QueryNumber_(kReadMark);
+        if (reached == m_batchNumber) {
+            return true;
+        }
+        if (reached == 0) {
+            return false;  // the database was reset
+        }
+        onWait();
+        g_usleep(kPollMicroseconds);
+    }
+    return false;
+}
+
+int ContextHost::CountRecords() {
+    return QueryNumber_("SELECT COUNT(*) FROM usage");
+}
+
+void ContextHost::Teach(CCuratorAgent& agent) {
+    long lastStart = INT_MIN;
+    int lastRow = 0;
+    std::vector<std::map<std::string, std::string>> rows;
+    do {
+        ContextDatabase::ValueList values;
+        m_database.SetQueryValue(values, lastStart);
+        m_database.SetQueryValue(values, lastRow);
+        m_database.SetQueryValue(values, kPageSize);
+        rows.clear();
+        m_database.SelectQuery(kSelectPage, values, rows);
+
+        std::vector<CuratorBaseData> records;
+        records.reserve(rows.size());
+        for (auto& row : rows) {
+            CuratorBaseData& record = records.emplace_back();
+            record.SetUnitId(row["unit_id"]);
+            record.SetUnitName(row["unit_name"]);
+            record.SetUnitDeviceName(row["device_name"]);
+            // A ranking gives back the metadata alone: the name and the device that it is to show.
+            record.m_strMetaData = row["unit_name"];
+            record.m_strMetaDataSrc = row["device_name"];
+            record.m_nStartTime = ContextString::string2int(row["start_time"]);
+            record.m_nDuration = static_cast<unsigned int>(ContextString::string2int(row["duration"]));
+            lastStart = record.m_nStartTime;
+            lastRow = ContextString::string2int(row["rowid"]);
+        }
+        agent.LearnHistorys(records);
+    } while (rows.size() == kPageSize);
+}
+
+int ContextHost::AddInSubject(CBaseProvider* /*provider*/, const char* subject) {
+    m_arrivals.Register(subject);
+    return 0;
+}
+
+void ContextHost::Publish(const char* subject, int code, const char* data, IProvider* /*provider*/) {
+    if (code == HISTORY_END) {
+        m_arrivals.Set(subject);
+    } else {
+        Store_(subject, data);
+    }
+}
+
+void ContextHost::Store_(const char* subject, const char* text) {
+    ContextData data;
+    if (!data.MakeData(text)) {
+        return;
+    }
+    ContextDatabase::ValueList values;
+    values.reserve(7);
+    m_database.SetQueryValue(values, std::string(subject));
+    m_database.SetQueryValue(values, data.GetValueStr("unit_id"));
+    m_database.SetQueryValue(values, data.GetValueStr("unit_name"));
+    m_database.SetQueryValue(values, data.GetValueStr("device_name"));
+    m_database.SetQueryValue(values, data.GetValueInt("start_time"));
+    m_database.SetQueryValue(values, data.GetValueInt("duration"));
+    m_database.SetQueryValue(values, data.GetValueInt("occurrence"));
+    m_database.ExecuteQuery(kInsert, values, /*immediate=*/false);
+}
+
+void ContextHost::WriteMark_(bool immediate) {
+    ++m_batchNumber;
+    const std::string mark = "PRAGMA user_version = " + std::to_string(m_batchNumber);
+    m_database.ExecuteQuery(mark.c_str(), {}, immediate);
+}
+
+int ContextHost::QueryNumber_(const char* query) {
+    std::vector<std::map<std::string, std::string>> rows;
+    m_database.SelectQuery(query, {}, rows);
+    return rows.empty() ? 0 : ContextString::string2int(rows.front().begin()->second);
+}

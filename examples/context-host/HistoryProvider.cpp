@@ -1,0 +1,198 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "HistoryProvider.h"
+
+#include <ContextData.h>
+#include <csv.h>
+#include <glib.h>
+
+#include <algorithm>
+#include <charconv>
+#include <cstring>
+#include <filesystem>
+#include <memory>
+#include <numeric>
+#include <tuple>
+
+namespace {
+
+const std::vector<std::string> kHeader = {"unit_id", "unit_name", "device_name", "start_time", "duration"};
+constexpr const char* kByteOrderMark = "\xEF\xBB\xBF";
+
+/// Reads the rows of one file and says where it found what is wrong.
+class Reader {
+public:
+    explicit Reader(const std::string& path) : m_path(path) {
+        if (csv_init(&m_parser, CSV_STRICT | CSV_STRICT_FINI) != 0) {
+            throw std::bad_alloc();
+        }
+        csv_set_space_func(&m_parser, [](unsigned char) { return 0; });  // blanks around a name belong to it
+    }
+    ~Reader() { csv_free(&m_parser); }
+    Reader(const Reader&) = delete;
+    Reader& operator=(const Reader&) = delete;
+
+    std::vector<HistoryProvider::Record> Read() {
+        const std::string text = Content();
+        // Line by line, so that a row is known by the line that it starts on, though a quoted name may span several.
+        for (std::size_t from = 0; from < text.size();) {
+            const std::size_t end = std::min(text.find('\n', from), text.size() - 1) + 1;
+            ++m_line;
+            if (m_rowLine == 0) {
+                m_rowLine = m_line;
+            }
+            Parse(text.data() + from, end - from);
+            from = end;
+        }
+        if (csv_fini(&m_parser, OnField, OnRow, this) != 0) {
+            Fail("the quote that opens here is never closed");
+        }
+        Rethrow();
+        if (!m_hasHeader) {
+            m_rowLine = 1;
+            Fail("the file is empty; its first line must read " + Header());
+        }
+        return std::move(m_records);
+    }
+
+private:
+    std::string Content() const {
+        char* content = nullptr;
+        gsize size = 0;
+        GError* error = nullptr;
+        if (g_file_get_contents(m_path.c_str(), &content, &size, &error) == FALSE) {
+            const std::string message = error->message;
+            g_error_free(error);
+            throw HistoryError(HistoryError::Kind::Unreadable, message);
+        }
+        const std::unique_ptr<char, decltype(&g_free)> owner(content, g_free);
+        const std::string text(content, size);
+        return text.compare(0, std::strlen(kByteOrderMark), kByteOrderMark) == 0
+                   ? text.substr(std::strlen(kByteOrderMark))
+                   : text;
+    }
+
+    void Parse(const char* line, std::size_t length) {
+        const std::size_t parsed = csv_parse(&m_parser, line, length, OnField, OnRow, this);
+        Rethrow();
+        if (parsed != length) {
+            Fail("a quote stands where none may be (a quote inside a quoted field is written twice)");
+        }
+    }
+
+    // The two callbacks are called by a C library, which no exception may cross.
+    static void OnField(void* field, std::size_t length, void* self) {
+        static_cast<Reader*>(self)->m_fields.emplace_back(static_cast<const char*>(field), length);
+    }
+
+    static void OnRow(int /*terminator*/, void* self) {
+        auto* reader = static_cast<Reader*>(self);
+        try {
+            if (!reader->m_error) {
+                reader->TakeRow();
+            }
+        } catch (const HistoryError&) {
+            reader->m_error = std::current_exception();
+        }
+        reader->m_fields.clear();
+        reader->m_rowLine = 0;
+    }
+
+    void Rethrow() const {
+        if (m_error) {
+            std::rethrow_exception(m_error);
+        }
+    }
+
+    void TakeRow() {
+        if (!m_hasHeader) {
+            if (m_fields != kHeader) {
+                Fail("the first line must read " + Header());
+            }
+            m_hasHeader = true;
+            return;
+        }
+        if (m_fields.size() != kHeader.size()) {
+            Fail(std::to_string(m_fields.size()) + " fields where " + std::to_string(kHeader.size()) + " are expected");
+        }
+        for (std::size_t field = 0; field < m_fields.size(); ++field) {
+            const std::string& text = m_fields[field];
+            if (g_utf8_validate(text.data(), static_cast<gssize>(text.size()), nullptr) == FALSE) {
+                Fail(kHeader[field] + " is not UTF-8 text");
+            }
+        }
+        if (m_fields[0].empty()) {
+            Fail("unit_id is empty");
+        }
+        m_records.push_back({m_fields[0], m_fields[1], m_fields[2], Seconds(3), Seconds(4), /*occurrence=*/0});
+        if (m_records.back().duration < 0) {
+            Fail("duration is negative: " + m_fields[4]);
+        }
+    }
+
+    int Seconds(std::size_t field) const {
+        const std::string& text = m_fields[field];
+        int seconds = 0;
+        const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), seconds);
+        if (error != std::errc() || end != text.data() + text.size()) {
+            Fail(kHeader[field] + " is not a whole number of seconds that fits into 32 bits: \"" + text + "\"");
+        }
+        return seconds;
+    }
+
+    static std::string Header() {
+        return std::accumulate(std::next(kHeader.begin()), kHeader.end(), kHeader.front(),
+                               [](const std::string& all, const std::string& name) { return all + "," + name; });
+    }
+
+    [[noreturn]] void Fail(const std::string& what) const {
+        throw HistoryError(HistoryError::Kind::Malformed, m_path + ":" + std::to_string(m_rowLine) + ": " + what);
+    }
+
+    std::string m_path;
+    csv_parser m_parser{};
+    std::vector<std::string> m_fields;
+    std::vector<HistoryProvider::Record> m_records;
+    std::exception_ptr m_error;
+    bool m_hasHeader = false;
+    int m_line = 0;
+    int m_rowLine = 0;  ///< 0 between two rows
+};
+
+void NumberEqualRecords(std::vector<HistoryProvider::Record>& records) {
+    std::vector<std::size_t> order(records.size());
+    std::iota(order.begin(), order.end(), 0U);
+    const auto content = [&](std::size_t index) {
+        const HistoryProvider::Record& record = records[index];
+        return std::tie(record.startTime, record.duration, record.unitId, record.unitName, record.deviceName);
+    };
+    std::stable_sort(order.begin(), order.end(), [&](std::size_t a, std::size_t b) { return content(a) < content(b); });
+    for (std::size_t next = 1; next < order.size(); ++next) {
+        if (content(order[next - 1]) == content(order[next])) {
+            records[order[next]].occurrence = records[order[next - 1]].occurrence + 1;
+        }
+    }
+}
+
+}  // namespace
+
+HistoryProvider::HistoryProvider(const std::string& path)
+    : m_subject("usage/" + std::filesystem::path(path).stem().string()), m_records(Reader(path).Read()) {
+    NumberEqualRecords(m_records);
+}
+
+void HistoryProvider::PublishAll(const std::function<bool()>& mayGoOn) {
+    for (const Record& record : m_records) {
+        if (!mayGoOn()) {
+            return;
+        }
+        ContextData data;
+        data.SetValue("unit_id", record.unitId);
+        data.SetValue("unit_name", record.unitName);
+        data.SetValue("device_name", record.deviceName);
+        data.SetValue("start_time", record.startTime);
+        data.SetValue("duration", record.duration);
+        data.SetValue("occurrence", record.occurrence);
+        Publish(m_subject.c_str(), HISTORY_RECORD, data.MakeStr(), /*provider=*/nullptr);
+    }
+    Publish(m_subject.c_str(), HISTORY_END, "", /*provider=*/nullptr);
+}

@@ -1,0 +1,79 @@
+#!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
+"""Holds every include of the library to the layers that docs/architecture.md lists.
+
+  check.py ROOT
+
+Fails when a file belongs to no layer, includes a layer above its own or one that its row does not name, uses a
+third-party header that its row does not name, or when the build lists the layers in another order.
+"""
+import pathlib
+import re
+import sys
+
+THIRD_PARTY = {"glib.h": "glib", "json/json.h": "json", "sqlite3.h": "sqlite3"}
+
+
+def layers_of(text):
+    """From the table: {layer: (files, layers it may use, third parties)}, in order."""
+    table = text.split("<!-- layers -->")[1].split("<!-- /layers -->")[0]
+    rows = [[cell.strip() for cell in line.strip("|").split("|")] for line in table.strip().splitlines()[2:]]
+    return {row[0]: [[name.strip() for name in cell.split(",") if name.strip()] for cell in row[1:]] for row in rows}
+
+
+def main(root):
+    layers = layers_of((root / "docs/architecture.md").read_text(encoding="utf-8"))
+    order = list(layers)
+    layer_of = {file: layer for layer, (files, _, _) in layers.items() for file in files}
+    problems = []
+    seen = set()
+
+    for layer, (_, uses, _) in layers.items():
+        for used in uses:
+            if order.index(used) >= order.index(layer):
+                problems.append(f"docs/architecture.md: {layer} may not use {used}, which is not below it")
+
+    paths = sorted(path for folder in ("include", "src") for path in (root / folder).rglob("*.*"))
+    for path in paths:
+        name = str(path.relative_to(root))
+        unit = re.sub(r"\.(h|cpp)(\.in)?$", "", str(path.relative_to(root / name.split("/")[0])))
+        if unit not in layer_of:
+            problems.append(f"{name}: is in no layer of docs/architecture.md")
+            continue
+        seen.add(unit)
+        own = layer_of[unit]
+        _, uses, third_parties = layers[own]
+        for number, line in enumerate(path.read_text(encoding="utf-8").splitlines(), 1):
+            include = re.match(r'\s*#\s*include\s*([<"])([^>"]+)[>"]', line)
+            if not include:
+                continue
+            where = f"{name}:{number}"
+            header = include[2]
+            if include[1] == "<":
+                if header in THIRD_PARTY and THIRD_PARTY[header] not in third_parties:
+                    problems.append(f"{where}: {own} may not use {THIRD_PARTY[header]}")
+                continue
+            used = layer_of.get(header.removesuffix(".h"))
+            if used is None:
+                problems.append(f"{where}: {header} is in no layer")
+            elif used != own and used not in uses:
+                problems.append(f"{where}: {own} may not use {used}")
+            elif name.startswith("include/") and not (root / name.split("/")[0] / header).exists() and not (
+                root / "include" / (header + ".in")).exists():
+                problems.append(f"{where}: a public header needs {header}, which is not public")
+
+    for unit in sorted(set(layer_of) - seen):
+        problems.append(f"docs/architecture.md: {unit} does not exist")
+
+    cmake = (root / "CMakeLists.txt").read_text(encoding="utf-8")
+    sources = re.findall(r"^\s+src/(\S+)\.cpp", cmake, re.M)
+    ranks = [order.index(layer_of[source]) for source in sources if source in layer_of]
+    if ranks != sorted(ranks) or not sources:
+        problems.append("CMakeLists.txt: the sources do not stand in the order of the layers")
+
+    print("\n".join(problems) if problems else f"{len(paths)} files keep to {len(layers)} layers")
+    return 1 if problems else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main(pathlib.Path(sys.argv[1])))
