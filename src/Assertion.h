@@ -2,6 +2,8 @@
 #ifndef LUMORA_COMMON_SRC_ASSERTION_H
 #define LUMORA_COMMON_SRC_ASSERTION_H
 
+// <cassert> declares what the macro calls only where assertions are on.
+#undef NDEBUG
 #include <cassert>
 
 /// Aborts through the C library with exactly `text` as the failed expression, in release builds too.
