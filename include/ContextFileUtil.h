@@ -24,7 +24,7 @@ public:
     /// Copies the bytes of one file into another, which is created or emptied first.
     ///
     /// Reports nothing. The destination is opened even when the source cannot be: a missing source leaves an empty
-    /// destination behind. Permissions and times are not carried over.
+    /// destination behind. A null path is one that cannot be opened. Permissions and times are not carried over.
     static void Copy(const char* source, const char* destination);
 };
 

@@ -53,7 +53,7 @@ public:
 
     /// Splits a text as `std::getline` with a delimiter does: an empty text has no token, and a delimiter at the end
     /// is not followed by an empty one.
-    /// @param text       the text to split.
+    /// @param text       the text to split; may be an element of `tokens`.
     /// @param delimiter  the character between two tokens.
     /// @param tokens     receives the tokens behind what it already holds.
     /// @return the number of elements in `tokens` afterwards.

@@ -61,14 +61,15 @@ std::vector<std::string> ContextString::to_word_vector(const std::string& text, 
 }
 
 int ContextString::SplitStringToken(const std::string& text, char delimiter, std::vector<std::string>& tokens) {
+    const std::string source(text);  // the text may be an element of the vector that grows
     std::string::size_type from = 0;
-    while (from < text.size()) {
-        const auto hit = text.find(delimiter, from);
+    while (from < source.size()) {
+        const auto hit = source.find(delimiter, from);
         if (hit == std::string::npos) {
-            tokens.emplace_back(text, from);
+            tokens.emplace_back(source, from);
             break;
         }
-        tokens.emplace_back(text, from, hit - from);
+        tokens.emplace_back(source, from, hit - from);
         from = hit + 1;
     }
     return static_cast<int>(tokens.size());

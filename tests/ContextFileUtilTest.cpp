@@ -1,1 +1,274 @@
 // SPDX-License-Identifier: Apache-2.0
+#include "ContextFileUtil.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstring>
+#include <filesystem>
+#include <string>
+
+#include "CapturedLog.h"
+#include "Surroundings.h"
+
+namespace {
+
+int g_syncs = 0;
+
+}  // namespace
+
+// In the place of the C library's, for the library too.
+extern "C" void sync() noexcept {
+    ++g_syncs;
+}
+
+namespace {
+
+namespace fs = std::filesystem;
+using Surroundings::ReadFile;
+using Surroundings::WriteFile;
+
+/// None of these functions logs, whatever a test does with them.
+class ContextFileUtilTest : public ::testing::Test {
+protected:
+    void SetUp() override { CapturedLog::Clear(); }
+    void TearDown() override { EXPECT_TRUE(CapturedLog::Lines().empty()); }
+
+    static bool IsSymbolicLink(const std::string& path) { return ContextFileUtil::IsSymbolicLink(path.c_str()); }
+    static void Copy(const std::string& source, const std::string& destination) {
+        ContextFileUtil::Copy(source.c_str(), destination.c_str());
+    }
+
+    Surroundings::TemporaryFolder m_folder;
+    const std::string m_source = m_folder / "source";
+    const std::string m_destination = m_folder / "destination";
+};
+
+TEST_F(ContextFileUtilTest, KnowsASymbolicLinkWhateverItPointsTo) {
+    WriteFile(m_folder / "file", "content");
+    fs::create_symlink("file", m_folder / "to-file");
+    fs::create_symlink(".", m_folder / "to-folder");
+    fs::create_symlink("missing", m_folder / "dangling");
+    fs::create_symlink("to-file", m_folder / "to-link");
+    fs::create_symlink("to-itself", m_folder / "to-itself");
+    for (const char* name : {"to-file", "to-folder", "dangling", "to-link", "to-itself", "to-folder/to-file"}) {
+        EXPECT_TRUE(IsSymbolicLink(m_folder / name)) << name;
+    }
+}
+
+TEST_F(ContextFileUtilTest, TakesNoOtherKindOfFileForASymbolicLink) {
+    const std::string pipe = m_folder / "pipe";
+    WriteFile(m_folder / "file", "content");
+    fs::create_directory(m_folder / "folder");
+    fs::create_hard_link(m_folder / "file", m_folder / "hard-link");
+    ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+    for (const char* name : {"file", "folder", "hard-link", "pipe", "", ".", ".."}) {
+        EXPECT_FALSE(IsSymbolicLink(m_folder / name)) << '"' << name << '"';
+    }
+    EXPECT_FALSE(IsSymbolicLink("/dev/null"));
+}
+
+TEST_F(ContextFileUtilTest, TakesNoSocketForASymbolicLink) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    const std::string path = m_folder / "socket";
+    ASSERT_LT(path.size(), sizeof(address.sun_path));
+    path.copy(address.sun_path, path.size());
+    const int descriptor = socket(AF_UNIX, SOCK_STREAM, 0);
+    ASSERT_EQ(bind(descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0)
+        << std::strerror(errno);
+    EXPECT_FALSE(IsSymbolicLink(path));
+    close(descriptor);
+}
+
+TEST_F(ContextFileUtilTest, FollowsEveryLinkButTheLastPartOfThePath) {
+    fs::create_directory(m_folder / "folder");
+    WriteFile(m_folder / "folder/file", "content");
+    fs::create_symlink("folder", m_folder / "link");
+    EXPECT_TRUE(IsSymbolicLink(m_folder / "link"));
+    EXPECT_FALSE(IsSymbolicLink(m_folder / "link/"));
+    EXPECT_FALSE(IsSymbolicLink(m_folder / "link/file"));
+}
+
+TEST_F(ContextFileUtilTest, TakesAPathWhoseStatusCannotBeReadForNoLinkAndLeavesTheErrorNumber) {
+    WriteFile(m_folder / "file", "content");
+    fs::create_symlink("loop", m_folder / "loop");
+    const struct {
+        const char* name;
+        std::string path;
+        int error;
+    } rows[] = {
+        {"missing", m_folder / "missing", ENOENT},
+        {"empty", "", ENOENT},
+        {"below a file", m_folder / "file/below", ENOTDIR},
+        {"below a loop", m_folder / "loop/below", ELOOP},
+        {"name too long", m_folder / std::string(NAME_MAX + 1, 'x'), ENAMETOOLONG},
+        {"path too long", std::string(PATH_MAX, '/'), ENAMETOOLONG},
+    };
+    for (const auto& row : rows) {
+        errno = 0;
+        EXPECT_FALSE(IsSymbolicLink(row.path)) << row.name;
+        EXPECT_EQ(errno, row.error) << row.name;
+    }
+    errno = 0;
+    EXPECT_FALSE(ContextFileUtil::IsSymbolicLink(nullptr));
+    EXPECT_EQ(errno, EFAULT);
+}
+
+TEST_F(ContextFileUtilTest, LeavesTheErrorNumberAloneWhenTheStatusCanBeRead) {
+    fs::create_symlink("missing", m_folder / "link");
+    errno = EDOM;
+    EXPECT_TRUE(IsSymbolicLink(m_folder / "link"));
+    EXPECT_FALSE(IsSymbolicLink("/"));
+    EXPECT_EQ(errno, EDOM);
+}
+
+TEST_F(ContextFileUtilTest, SyncsAllFileSystemsOnce) {
+    g_syncs = 0;
+    ContextFileUtil::Sync();
+    EXPECT_EQ(g_syncs, 1);
+}
+
+TEST_F(ContextFileUtilTest, DoesNotSyncWhatItCopies) {
+    WriteFile(m_source, "content");
+    g_syncs = 0;
+    Copy(m_source, m_destination);
+    EXPECT_EQ(g_syncs, 0);
+}
+
+TEST_F(ContextFileUtilTest, CopiesEveryByteOfAFile) {
+    std::string bytes;
+    for (int i = 0; i < 3 * 1000 * 1000; ++i) {
+        bytes += static_cast<char>(i % 251 * (i % 7));
+    }
+    const struct {
+        const char* name;
+        std::string content;
+    } rows[] = {
+        {"text", "content"},
+        {"empty", ""},
+        {"line ends of every kind", "a\r\nb\nc\rd\n\r"},
+        {"ends of files and of strings", std::string("\x1a\0\x04\xff", 4)},
+        {"many buffers full", bytes},
+    };
+    for (const auto& row : rows) {
+        WriteFile(m_source, row.content);
+        fs::remove(m_destination);
+        Copy(m_source, m_destination);
+        EXPECT_TRUE(fs::exists(m_destination)) << row.name;
+        EXPECT_TRUE(ReadFile(m_destination) == row.content) << row.name;
+        EXPECT_TRUE(ReadFile(m_source) == row.content) << row.name;
+    }
+}
+
+TEST_F(ContextFileUtilTest, LeavesNothingOfALongerDestination) {
+    for (const char* content : {"short", ""}) {
+        WriteFile(m_source, content);
+        WriteFile(m_destination, "a content that is longer");
+        Copy(m_source, m_destination);
+        EXPECT_EQ(ReadFile(m_destination), content);
+    }
+}
+
+TEST_F(ContextFileUtilTest, EmptiesTheDestinationWhenTheSourceIsMissing) {
+    WriteFile(m_destination, "content");
+    Copy(m_source, m_destination);
+    EXPECT_TRUE(fs::exists(m_destination));
+    EXPECT_EQ(ReadFile(m_destination), "");
+    EXPECT_FALSE(fs::exists(m_source));
+}
+
+TEST_F(ContextFileUtilTest, MakesAnEmptyDestinationWhenTheSourceIsMissing) {
+    Copy(m_source, m_destination);
+    EXPECT_TRUE(fs::is_regular_file(m_destination));
+    EXPECT_EQ(fs::file_size(m_destination), 0U);
+}
+
+TEST_F(ContextFileUtilTest, MakesAnEmptyDestinationWhenTheSourceIsAFolder) {
+    WriteFile(m_destination, "content");
+    EXPECT_NO_THROW(Copy(m_folder.Path(), m_destination));
+    EXPECT_TRUE(fs::exists(m_destination));
+    EXPECT_EQ(ReadFile(m_destination), "");
+}
+
+TEST_F(ContextFileUtilTest, IsSilentWhenTheDestinationCannotBeOpened) {
+    WriteFile(m_source, "content");
+    EXPECT_NO_THROW(Copy(m_source, m_folder / "missing/destination"));
+    EXPECT_FALSE(fs::exists(m_folder / "missing"));
+    EXPECT_NO_THROW(Copy(m_source, m_folder.Path()));
+    EXPECT_TRUE(fs::is_directory(m_folder.Path()));
+    EXPECT_NO_THROW(Copy(m_source, ""));
+    EXPECT_EQ(ReadFile(m_source), "content");
+}
+
+TEST_F(ContextFileUtilTest, IsSilentWhenNeitherFileCanBeOpened) {
+    EXPECT_NO_THROW(Copy(m_source, m_folder / "missing/destination"));
+    EXPECT_TRUE(fs::is_empty(m_folder.Path()));
+}
+
+TEST_F(ContextFileUtilTest, IsSilentWhenTheDestinationTakesNoBytes) {
+    ASSERT_TRUE(fs::is_character_file("/dev/full")) << "this system has no /dev/full";
+    WriteFile(m_source, std::string(100000, 'x'));
+    EXPECT_NO_THROW(Copy(m_source, "/dev/full"));
+}
+
+TEST_F(ContextFileUtilTest, TakesANullPathForAFileThatCannotBeOpened) {
+    WriteFile(m_source, "content");
+    WriteFile(m_destination, "content");
+    EXPECT_NO_THROW(ContextFileUtil::Copy(m_source.c_str(), nullptr));
+    EXPECT_EQ(ReadFile(m_source), "content");
+    EXPECT_NO_THROW(ContextFileUtil::Copy(nullptr, m_destination.c_str()));
+    EXPECT_TRUE(fs::exists(m_destination));
+    EXPECT_EQ(ReadFile(m_destination), "");
+}
+
+TEST_F(ContextFileUtilTest, EmptiesAFileThatIsCopiedOntoItself) {
+    WriteFile(m_source, "content");
+    Copy(m_source, m_source);
+    EXPECT_TRUE(fs::exists(m_source));
+    EXPECT_EQ(ReadFile(m_source), "");
+}
+
+TEST_F(ContextFileUtilTest, CopiesThroughLinksAtBothEnds) {
+    WriteFile(m_source, "content");
+    fs::create_symlink("source", m_folder / "to-source");
+    fs::create_symlink("destination", m_folder / "to-destination");
+    Copy(m_folder / "to-source", m_folder / "to-destination");
+    EXPECT_EQ(ReadFile(m_destination), "content");
+    EXPECT_TRUE(fs::is_symlink(m_folder / "to-destination"));
+}
+
+TEST_F(ContextFileUtilTest, CarriesNoPermissionsOver) {
+    struct stat status {};
+    WriteFile(m_source, "content");
+    ASSERT_EQ(chmod(m_source.c_str(), 0711), 0);
+    const mode_t mask = umask(022);
+    Copy(m_source, m_destination);
+    umask(mask);
+    ASSERT_EQ(stat(m_destination.c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 07777, 0644U);
+
+    ASSERT_EQ(chmod(m_destination.c_str(), 0600), 0);
+    Copy(m_source, m_destination);
+    ASSERT_EQ(stat(m_destination.c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 07777, 0600U);
+}
+
+TEST_F(ContextFileUtilTest, CarriesNoTimesOver) {
+    struct stat status {};
+    const timespec longAgo[] = {{1000000000, 0}, {1000000000, 0}};
+    WriteFile(m_source, "content");
+    ASSERT_EQ(utimensat(AT_FDCWD, m_source.c_str(), longAgo, /*flags=*/0), 0);
+    Copy(m_source, m_destination);
+    ASSERT_EQ(stat(m_destination.c_str(), &status), 0);
+    EXPECT_GT(status.st_mtim.tv_sec, 1000000000);
+    EXPECT_GT(status.st_atim.tv_sec, 1000000000);
+}
+
+}  // namespace

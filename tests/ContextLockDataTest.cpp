@@ -2,19 +2,65 @@
 #include "ContextLockData.h"
 
 #include <gtest/gtest.h>
+#include <malloc.h>
 
+#include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cstdlib>
+#include <cstring>
+#include <functional>
+#include <iterator>
 #include <memory>
+#include <new>
 #include <string>
 #include <thread>
+#include <type_traits>
+#include <utility>
 #include <vector>
 
 #include "CapturedLog.h"
+#include "Waiting.h"
+
+namespace {
+
+/// Runs inside every strdup() of its thread; false makes the copy fail for want of memory.
+thread_local std::function<bool()> t_onCopy;
+
+}  // namespace
+
+// In the place of the C library's, for the library too.
+extern "C" char* strdup(const char* text) noexcept {
+    if (t_onCopy && !t_onCopy()) {
+        return nullptr;
+    }
+    const std::size_t size = std::strlen(text) + 1;
+    void* copy = std::malloc(size);
+    return copy == nullptr ? nullptr : static_cast<char*>(std::memcpy(copy, text, size));
+}
 
 namespace {
 
 using ::testing::Test;
+
+static_assert(sizeof(ContextLockData) == sizeof(char*) + sizeof(GMutex), "a pointer and the mutex itself");
+static_assert(!std::is_copy_constructible_v<ContextLockData> && !std::is_copy_assignable_v<ContextLockData>,
+              "a mutex cannot be copied");
+
+/// Sets what happens in strdup() on this thread, for one scope.
+class OnCopy {
+public:
+    explicit OnCopy(std::function<bool()> action) { t_onCopy = std::move(action); }
+    ~OnCopy() { t_onCopy = nullptr; }
+    OnCopy(const OnCopy&) = delete;
+    OnCopy& operator=(const OnCopy&) = delete;
+};
+
+/// @return the bytes handed out by malloc; always 0 under a sanitizer, whose own leak checker sees the same.
+std::size_t HeapInUse() {
+    const struct mallinfo2 heap = mallinfo2();
+    return heap.uordblks + heap.hblkhd;
+}
 
 class ContextLockDataTest : public Test {
 protected:
@@ -96,6 +142,125 @@ TEST_F(ContextLockDataTest, ResetsSilently) {
     EXPECT_TRUE(m_data.IsEmpty());
     EXPECT_EQ(Take(m_data), "(null)");
     EXPECT_TRUE(CapturedLog::Lines().empty());
+}
+
+TEST_F(ContextLockDataTest, WritesNothingToTheConsole) {
+    ::testing::internal::CaptureStdout();
+    ::testing::internal::CaptureStderr();
+    m_data.SetData(nullptr);
+    m_data.SetData("abc");
+    EXPECT_EQ(::testing::internal::GetCapturedStdout(), "");
+    EXPECT_EQ(::testing::internal::GetCapturedStderr(), "");
+    EXPECT_EQ(CapturedLog::Lines().size(), 1U);
+}
+
+TEST_F(ContextLockDataTest, IsEmptyAndSilentWhenTheCopyToHoldFails) {
+    m_data.SetData("abc");
+    {
+        const OnCopy outOfMemory([] { return false; });
+        m_data.SetData("de");
+    }
+    EXPECT_TRUE(m_data.IsEmpty());
+    EXPECT_EQ(Take(m_data), "(null)");
+    EXPECT_TRUE(CapturedLog::Lines().empty());
+    m_data.SetData("again");
+    EXPECT_EQ(Take(m_data), "again");
+}
+
+TEST_F(ContextLockDataTest, HandsOutNullAndKeepsWhatItHoldsWhenTheCopyToHandOutFails) {
+    m_data.SetData("abc");
+    {
+        const OnCopy outOfMemory([] { return false; });
+        EXPECT_EQ(m_data.GetData(), nullptr);
+    }
+    EXPECT_FALSE(m_data.IsEmpty());
+    EXPECT_EQ(Take(m_data), "abc");
+    EXPECT_TRUE(CapturedLog::Lines().empty());
+}
+
+TEST_F(ContextLockDataTest, ReleasesWhatItHeldHoweverItIsLost) {
+    const struct {
+        const char* name;
+        void (*lose)(std::unique_ptr<ContextLockData>&);
+    } rows[] = {
+        {"destroyed", [](std::unique_ptr<ContextLockData>& data) { data.reset(); }},
+        {"reset", [](std::unique_ptr<ContextLockData>& data) { data->ResetData(); }},
+        {"replaced", [](std::unique_ptr<ContextLockData>& data) { data->SetData("abc"); }},
+        {"rejected", [](std::unique_ptr<ContextLockData>& data) { data->SetData(""); }},
+    };
+    const std::string text(1 << 20, 'x');
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        auto data = std::make_unique<ContextLockData>();
+        const std::size_t before = HeapInUse();
+        data->SetData(text.c_str());
+        EXPECT_TRUE(before == 0 || HeapInUse() >= before + text.size());
+        row.lose(data);
+        EXPECT_LT(HeapInUse(), before + text.size());
+    }
+}
+
+TEST_F(ContextLockDataTest, InitialisesEveryFieldWhateverTheMemoryHeld) {
+    alignas(ContextLockData) static unsigned char memory[sizeof(ContextLockData)];
+    std::fill(std::begin(memory), std::end(memory), static_cast<unsigned char>(0xa5));
+    static Waiting::Gate done;  // outlives the thread, which a wrong mutex would block for ever
+    static std::string taken;
+    std::thread([] {
+        auto* data = new (memory) ContextLockData;
+        taken = Take(*data);
+        data->SetData("abc");
+        taken += Take(*data);
+        data->~ContextLockData();
+        done.Open();
+    }).detach();
+    ASSERT_TRUE(done.Wait());
+    EXPECT_EQ(taken, "(null)abc");
+}
+
+TEST_F(ContextLockDataTest, HoldsItsMutexWhileACopyIsMade) {
+    using Operation = std::function<void(ContextLockData&)>;
+    const struct {
+        const char* name;
+        Operation run;
+    } copying[] = {
+        {"SetData", [](ContextLockData& data) { data.SetData("set"); }},
+        {"GetData", [](ContextLockData& data) { Take(data); }},
+    };
+    const struct {
+        const char* name;
+        Operation run;
+    } waiting[] = {
+        {"SetData", [](ContextLockData& data) { data.SetData(""); }},
+        {"GetData", [](ContextLockData& data) { Take(data); }},
+        {"ResetData", [](ContextLockData& data) { data.ResetData(); }},
+        {"IsEmpty", [](ContextLockData& data) { data.IsEmpty(); }},
+    };
+    for (const auto& first : copying) {
+        for (const auto& second : waiting) {
+            SCOPED_TRACE(std::string(second.name) + " while " + first.name + " copies");
+            ContextLockData data;
+            data.SetData("held");
+            Waiting::Gate begun;
+            Waiting::Gate ended;
+            std::thread other;
+            {
+                const OnCopy meanwhile([&] {
+                    other = std::thread([&] {
+                        begun.Open();
+                        second.run(data);
+                        ended.Open();
+                    });
+                    EXPECT_TRUE(begun.Wait());
+                    EXPECT_FALSE(ended.Wait(std::chrono::milliseconds(20)));
+                    return true;
+                });
+                first.run(data);
+            }
+            EXPECT_TRUE(ended.Wait());
+            ASSERT_TRUE(other.joinable());
+            other.join();
+        }
+    }
 }
 
 TEST_F(ContextLockDataTest, ServesManyThreadsAtOnce) {
