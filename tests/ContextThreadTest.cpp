@@ -1,1 +1,262 @@
 // SPDX-License-Identifier: Apache-2.0
+#include "ContextThread.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <functional>
+#include <string>
+#include <thread>
+#include <type_traits>
+#include <vector>
+
+#include "CapturedLog.h"
+#include "Waiting.h"
+
+namespace {
+
+/// What the library asked of g_thread_new(), and how that is to answer.
+struct ThreadRequests {
+    int count = 0;
+    std::string name;
+    GThreadFunc entry = nullptr;
+    void* argument = nullptr;
+    bool areRefused = false;
+    std::function<void()> beforeReturn = [] {};
+};
+
+ThreadRequests g_requests;
+
+}  // namespace
+
+/// Stands before GLib's own for the library too.
+GThread* g_thread_new(const gchar* name, GThreadFunc entry, gpointer argument) {
+    ++g_requests.count;
+    g_requests.name = name == nullptr ? "(null)" : name;
+    g_requests.entry = entry;
+    g_requests.argument = argument;
+    if (g_requests.areRefused) {
+        return nullptr;
+    }
+    GThread* thread = g_thread_try_new(name, entry, argument, nullptr);
+    g_requests.beforeReturn();
+    return thread;
+}
+
+namespace {
+
+using Strings = std::vector<std::string>;
+
+/// A body that loops until it is told to stop, as the contract asks.
+class Worker : public ContextThread {
+public:
+    void OnThread() override {
+        ++m_runs;
+        m_sawRunningAtFirst = IsRuning();
+        m_thread = std::this_thread::get_id();
+        m_hasBegun.Open();
+        while (IsRuning() && !m_returnsAtOnce) {
+            std::this_thread::yield();
+        }
+        m_beforeReturn();
+        m_hasReturned = true;
+    }
+
+    GThread* Handle() const { return m_pThread; }
+
+    std::ptrdiff_t OffsetOfHandle() const { return Offset_(&m_pThread); }
+    std::ptrdiff_t OffsetOfFlag() const { return Offset_(&m_bRunning); }
+
+    std::atomic<int> m_runs{0};
+    std::atomic<bool> m_sawRunningAtFirst{false};
+    std::atomic<std::thread::id> m_thread{};
+    Waiting::Gate m_hasBegun;
+    bool m_returnsAtOnce = false;
+    std::function<void()> m_beforeReturn = [] {};
+    std::atomic<bool> m_hasReturned{false};
+
+private:
+    std::ptrdiff_t Offset_(const void* field) const {
+        return static_cast<const char*>(field) - reinterpret_cast<const char*>(static_cast<const ContextThread*>(this));
+    }
+};
+
+class ContextThreadTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        CapturedLog::Clear();
+        g_requests = {};
+    }
+
+    void TearDown() override {
+        if (m_worker.IsRuning()) {
+            m_worker.Stop();
+        }
+    }
+
+    /// What has been logged, as "priority file: function > format".
+    static Strings Logged() {
+        Strings logged;
+        for (const CapturedLog::Line& line : CapturedLog::Lines()) {
+            logged.push_back(std::to_string(line.priority) + " " + line.file + ": " + line.function + " > " +
+                             line.format);
+        }
+        return logged;
+    }
+
+    Worker m_worker;
+};
+
+TEST_F(ContextThreadTest, IsStoppedAtFirst) {
+    EXPECT_FALSE(m_worker.IsRuning());
+    EXPECT_EQ(m_worker.Handle(), nullptr);
+    EXPECT_EQ(g_requests.count, 0);
+    EXPECT_EQ(Logged(), Strings{});
+}
+
+TEST_F(ContextThreadTest, RunsTheBodyOnAThreadOfItsOwnUntilItIsStopped) {
+    EXPECT_TRUE(m_worker.Start());
+    EXPECT_TRUE(m_worker.IsRuning());
+    EXPECT_NE(m_worker.Handle(), nullptr);
+    ASSERT_TRUE(m_worker.m_hasBegun.Wait());
+    EXPECT_NE(m_worker.m_thread.load(), std::this_thread::get_id());
+    EXPECT_FALSE(m_worker.m_hasReturned);
+
+    EXPECT_TRUE(m_worker.Stop());
+    EXPECT_FALSE(m_worker.IsRuning());
+    EXPECT_EQ(m_worker.Handle(), nullptr);
+    EXPECT_EQ(m_worker.m_runs, 1);
+    EXPECT_EQ(Logged(), Strings{});
+}
+
+TEST_F(ContextThreadTest, CreatesANamelessThreadWithItselfAsTheArgument) {
+    ASSERT_TRUE(m_worker.Start());
+    EXPECT_EQ(g_requests.count, 1);
+    EXPECT_EQ(g_requests.name, "(null)");
+    EXPECT_EQ(g_requests.entry, &ContextThread::_Thread);
+    EXPECT_EQ(g_requests.argument, static_cast<ContextThread*>(&m_worker));
+}
+
+TEST_F(ContextThreadTest, ShowsTheBodyThatItRunsEvenBeforeTheThreadIsHandedOver) {
+    bool hasBegun = false;
+    g_requests.beforeReturn = [&] { hasBegun = m_worker.m_hasBegun.Wait(); };
+    ASSERT_TRUE(m_worker.Start());
+    EXPECT_TRUE(hasBegun);
+    EXPECT_TRUE(m_worker.m_sawRunningAtFirst);
+}
+
+TEST_F(ContextThreadTest, RefusesASecondStart) {
+    ASSERT_TRUE(m_worker.Start());
+    GThread* const handle = m_worker.Handle();
+    EXPECT_FALSE(m_worker.Start());
+    EXPECT_EQ(Logged(), Strings{"6 ContextThread.cpp: Start > Already Started"});
+    EXPECT_TRUE(m_worker.IsRuning());
+    EXPECT_EQ(m_worker.Handle(), handle);
+    EXPECT_EQ(g_requests.count, 1);
+    EXPECT_TRUE(m_worker.Stop());
+    EXPECT_EQ(m_worker.m_runs, 1);
+}
+
+TEST_F(ContextThreadTest, RefusesToStopWhatNeverStarted) {
+    EXPECT_FALSE(m_worker.Stop());
+    EXPECT_EQ(Logged(), Strings{"6 ContextThread.cpp: Stop > Already Stopped"});
+    EXPECT_FALSE(m_worker.IsRuning());
+    EXPECT_EQ(m_worker.Handle(), nullptr);
+}
+
+TEST_F(ContextThreadTest, RefusesASecondStop) {
+    ASSERT_TRUE(m_worker.Start());
+    ASSERT_TRUE(m_worker.Stop());
+    EXPECT_FALSE(m_worker.Stop());
+    EXPECT_EQ(Logged(), Strings{"6 ContextThread.cpp: Stop > Already Stopped"});
+    EXPECT_FALSE(m_worker.IsRuning());
+    EXPECT_EQ(m_worker.Handle(), nullptr);
+}
+
+TEST_F(ContextThreadTest, StopReturnsOnlyAfterTheBody) {
+    Waiting::Gate stopHasReturned;
+    bool stoppedTooEarly = true;
+    m_worker.m_beforeReturn = [&] { stoppedTooEarly = stopHasReturned.Wait(std::chrono::milliseconds(50)); };
+    ASSERT_TRUE(m_worker.Start());
+    EXPECT_TRUE(m_worker.Stop());
+    EXPECT_TRUE(m_worker.m_hasReturned);
+    stopHasReturned.Open();
+    EXPECT_FALSE(stoppedTooEarly);
+}
+
+TEST_F(ContextThreadTest, ShowsTheBodyThatItStopsBeforeTheHandleIsReleased) {
+    bool isRunning = true;
+    GThread* handle = nullptr;
+    m_worker.m_beforeReturn = [&] {
+        isRunning = m_worker.IsRuning();
+        handle = m_worker.Handle();
+    };
+    ASSERT_TRUE(m_worker.Start());
+    ASSERT_TRUE(m_worker.Stop());
+    EXPECT_FALSE(isRunning);
+    EXPECT_NE(handle, nullptr);
+}
+
+TEST_F(ContextThreadTest, RunsAFreshThreadAfterAStop) {
+    for (int run = 1; run <= 3; ++run) {
+        EXPECT_TRUE(m_worker.Start());
+        EXPECT_TRUE(m_worker.IsRuning());
+        EXPECT_TRUE(m_worker.Stop());
+        EXPECT_FALSE(m_worker.IsRuning());
+        EXPECT_EQ(g_requests.count, run);
+        EXPECT_EQ(m_worker.m_runs, run);
+    }
+    EXPECT_EQ(Logged(), Strings{});
+}
+
+TEST_F(ContextThreadTest, CountsAsRunningUntilItIsStoppedEvenWhenTheBodyHasReturned) {
+    m_worker.m_returnsAtOnce = true;
+    ASSERT_TRUE(m_worker.Start());
+    ASSERT_TRUE(Waiting::Until([&] { return m_worker.m_hasReturned.load(); }));
+    EXPECT_TRUE(m_worker.IsRuning());
+    EXPECT_FALSE(m_worker.Start());
+    EXPECT_EQ(g_requests.count, 1);
+    EXPECT_TRUE(m_worker.Stop());
+    EXPECT_FALSE(m_worker.IsRuning());
+}
+
+TEST_F(ContextThreadTest, StaysStoppedWhenNoThreadCanBeCreated) {
+    g_requests.areRefused = true;
+    EXPECT_FALSE(m_worker.Start());
+    EXPECT_FALSE(m_worker.IsRuning());
+    EXPECT_EQ(m_worker.Handle(), nullptr);
+    EXPECT_EQ(g_requests.count, 1);
+    EXPECT_EQ(Logged(), Strings{});
+
+    g_requests.areRefused = false;
+    EXPECT_TRUE(m_worker.Start());
+    EXPECT_TRUE(m_worker.Stop());
+    EXPECT_EQ(m_worker.m_runs, 1);
+}
+
+TEST_F(ContextThreadTest, EntersTheBodyOfTheDerivedClassAndReturnsNull) {
+    EXPECT_EQ(ContextThread::_Thread(static_cast<ContextThread*>(&m_worker)), nullptr);
+    EXPECT_EQ(m_worker.m_runs, 1);
+    EXPECT_EQ(m_worker.m_thread.load(), std::this_thread::get_id());
+    EXPECT_FALSE(m_worker.m_sawRunningAtFirst);
+    EXPECT_FALSE(m_worker.IsRuning());
+}
+
+TEST_F(ContextThreadTest, KeepsItsBinaryLayout) {
+    EXPECT_TRUE(std::has_virtual_destructor_v<ContextThread>);
+    EXPECT_TRUE(std::is_abstract_v<ContextThread>);
+    EXPECT_EQ(m_worker.OffsetOfHandle(), sizeof(void*));
+    EXPECT_EQ(m_worker.OffsetOfFlag(), 2 * sizeof(void*));
+
+    // A pointer to a virtual member begins with its offset in the table, on some processors plus 1.
+    const auto member = &ContextThread::OnThread;
+    std::uintptr_t offset = 0;
+    std::memcpy(&offset, &member, sizeof(offset));
+    EXPECT_EQ(offset / sizeof(void*), 2U) << "behind the two forms of the destructor";
+}
+
+}  // namespace

@@ -1,1 +1,357 @@
 // SPDX-License-Identifier: Apache-2.0
+#include "Provider/BaseProvider.h"
+
+#include <gtest/gtest.h>
+
+#include <climits>
+#include <cstdint>
+#include <functional>
+#include <ostream>
+#include <string>
+#include <type_traits>
+#include <utility>
+#include <vector>
+
+#include "CapturedLog.h"
+
+namespace {
+
+/// An argument as it arrives: a number or an address.
+std::intptr_t Word(int number) {
+    return number;
+}
+
+std::intptr_t Word(const void* address) {
+    return reinterpret_cast<std::intptr_t>(address);
+}
+
+std::intptr_t Word(timer_cb callback) {
+    return reinterpret_cast<std::intptr_t>(callback);
+}
+
+/// An operation of the handler, and what it was called with.
+struct Call {
+    std::string operation;
+    std::vector<std::intptr_t> arguments;
+
+    template <class... Arguments>
+    static Call Of(const char* operation, Arguments... arguments) {
+        return {operation, {Word(arguments)...}};
+    }
+
+    bool operator==(const Call& other) const { return operation == other.operation && arguments == other.arguments; }
+};
+
+std::ostream& operator<<(std::ostream& out, const Call& call) {
+    return out << call.operation << ::testing::PrintToString(call.arguments);
+}
+
+/// A host's handler that notes every call and returns what it is told to.
+class RecordingHandler : public IProvider {
+public:
+    int AddInSubject(CBaseProvider* provider, const char* subject) override {
+        return Note(Call::Of("AddInSubject", provider, subject));
+    }
+    int ProviderRequest(const char* subject, const char* data, IProvider* provider, void* userData) override {
+        return Note(Call::Of("ProviderRequest", subject, data, provider, userData));
+    }
+    int ProviderResponse(const char* subject, int code, const char* data, IProvider* provider,
+                         void* userData) override {
+        return Note(Call::Of("ProviderResponse text", subject, code, data, provider, userData));
+    }
+    int ProviderResponse(const char* subject, int code, void* data, IProvider* provider, void* userData) override {
+        return Note(Call::Of("ProviderResponse pointer", subject, code, data, provider, userData));
+    }
+    int ProviderRead(const char* subject, const char* key, char** data) override {
+        if (data != nullptr) {
+            *data = m_written;
+        }
+        return Note(Call::Of("ProviderRead", subject, key, data));
+    }
+    int ProviderWrite(const char* subject, const char* data) override {
+        return Note(Call::Of("ProviderWrite", subject, data));
+    }
+    void Publish(const char* subject, int code, const char* data, IProvider* provider) override {
+        Note(Call::Of("Publish text", subject, code, data, provider));
+    }
+    void Publish(const char* subject, int code, void* data, IProvider* provider) override {
+        Note(Call::Of("Publish pointer", subject, code, data, provider));
+    }
+    int SetTimer(int interval, timer_cb callback, void* userData) override {
+        return Note(Call::Of("SetTimer", interval, callback, userData));
+    }
+    bool KillTimer(int timerId) override { return Note(Call::Of("KillTimer", timerId)) != 0; }
+
+    std::vector<Call> m_calls;
+    int m_result = 0;
+    char* m_written = nullptr;  ///< what ProviderRead() hands out
+
+private:
+    int Note(Call call) {
+        m_calls.push_back(std::move(call));
+        return m_result;
+    }
+};
+
+void OnTimer(int /*timerId*/, void* /*userData*/) {}
+
+class BaseProviderTest : public ::testing::Test {
+protected:
+    /// One operation of the provider, the call that it becomes, and its result as a number (0 for none).
+    struct Row {
+        std::string name;
+        std::string method;
+        std::function<int(CBaseProvider&)> call;
+        Call arrives;
+        bool returnsNumber;
+        int withoutHandler;
+    };
+
+    void SetUp() override { CapturedLog::Clear(); }
+
+    /// Every operation that looks for its handler, each argument with a value of its own.
+    std::vector<Row> ForwardingOperations() {
+        const auto nothing = [](auto publish) {
+            return [publish](CBaseProvider& provider) {
+                publish(provider);
+                return 0;
+            };
+        };
+        return {
+            {"publishes a text", "Publish",
+             nothing([this](CBaseProvider& provider) { provider.Publish(m_subject, 41, m_text, &m_other); }),
+             Call::Of("Publish text", m_subject, 41, m_text, &m_other), false, 0},
+            {"publishes a pointer", "Publish",
+             nothing([this](CBaseProvider& provider) { provider.Publish(m_subject, -42, m_pointer, &m_other); }),
+             Call::Of("Publish pointer", m_subject, -42, m_pointer, &m_other), false, 0},
+            {"sends a request", "ProviderRequest",
+             [this](CBaseProvider& provider) {
+                 return provider.ProviderRequest(m_subject, m_text, &m_other, m_userData);
+             },
+             Call::Of("ProviderRequest", m_subject, m_text, &m_other, m_userData), true, -5},
+            {"answers with a text", "ProviderResponse",
+             [this](CBaseProvider& provider) {
+                 return provider.ProviderResponse(m_subject, INT_MAX, m_text, &m_other, m_userData);
+             },
+             Call::Of("ProviderResponse text", m_subject, INT_MAX, m_text, &m_other, m_userData), true, -5},
+            {"answers with a pointer", "ProviderResponse",
+             [this](CBaseProvider& provider) {
+                 return provider.ProviderResponse(m_subject, INT_MIN, m_pointer, &m_other, m_userData);
+             },
+             Call::Of("ProviderResponse pointer", m_subject, INT_MIN, m_pointer, &m_other, m_userData), true, -5},
+            {"reads", "ProviderRead",
+             [this](CBaseProvider& provider) { return provider.ProviderRead(m_subject, m_text, &m_read); },
+             Call::Of("ProviderRead", m_subject, m_text, &m_read), true, -5},
+            {"writes", "ProviderWrite",
+             [this](CBaseProvider& provider) { return provider.ProviderWrite(m_subject, m_text); },
+             Call::Of("ProviderWrite", m_subject, m_text), true, -5},
+            {"sets a timer", "SetTimer",
+             [this](CBaseProvider& provider) { return provider.SetTimer(43, OnTimer, m_userData); },
+             Call::Of("SetTimer", 43, OnTimer, m_userData), true, -5},
+            {"kills a timer", "KillTimer",
+             [](CBaseProvider& provider) { return static_cast<int>(provider.KillTimer(7)); }, Call::Of("KillTimer", 7),
+             false, 1},
+        };
+    }
+
+    /// Expects one error of a method in the log and nothing else.
+    static void ExpectLogged(const std::string& method, const std::string& message) {
+        const std::vector<CapturedLog::Line> lines = CapturedLog::Lines();
+        ASSERT_EQ(lines.size(), 1U);
+        EXPECT_EQ(lines[0].buffer, 0);
+        EXPECT_EQ(lines[0].priority, 6);
+        EXPECT_EQ(lines[0].tag, "LMR_COMMON");
+        EXPECT_EQ(lines[0].file, "BaseProvider.cpp");
+        EXPECT_EQ(lines[0].function, method);
+        EXPECT_GT(lines[0].line, 0);
+        EXPECT_EQ(lines[0].format, message);
+        EXPECT_EQ(lines[0].message, message);
+    }
+
+    RecordingHandler m_handler;
+    RecordingHandler m_other;  ///< a handler that is only passed along
+    CBaseProvider m_provider{&m_handler};
+
+    const char* const m_subject = "subject";
+    const char* const m_text = "text";
+    char m_block[2] = {};
+    void* const m_pointer = &m_block[0];
+    void* const m_userData = &m_block[1];
+    char* m_read = nullptr;
+};
+
+TEST_F(BaseProviderTest, ForwardsEveryArgumentInOrder) {
+    for (const Row& row : ForwardingOperations()) {
+        SCOPED_TRACE(row.name);
+        m_handler.m_calls.clear();
+        row.call(m_provider);
+        EXPECT_EQ(m_handler.m_calls, std::vector<Call>{row.arrives});
+    }
+    EXPECT_TRUE(m_other.m_calls.empty());
+    EXPECT_TRUE(CapturedLog::Lines().empty());
+}
+
+TEST_F(BaseProviderTest, ReturnsWhateverTheHandlerReturns) {
+    for (const Row& row : ForwardingOperations()) {
+        SCOPED_TRACE(row.name);
+        for (const int result : {0, 1, -1, -5, 77, INT_MAX, INT_MIN}) {
+            m_handler.m_result = result;
+            const int expected = row.method == "KillTimer" ? int{result != 0} : row.returnsNumber ? result : 0;
+            EXPECT_EQ(row.call(m_provider), expected);
+        }
+    }
+    EXPECT_TRUE(CapturedLog::Lines().empty());
+}
+
+TEST_F(BaseProviderTest, ForwardsNullArguments) {
+    constexpr const char* kNoText = nullptr;
+    constexpr void* kNoPointer = nullptr;
+    m_provider.Publish(nullptr, 0, kNoText, nullptr);
+    m_provider.Publish(nullptr, 0, kNoPointer, nullptr);
+    m_provider.ProviderRequest(nullptr, nullptr, nullptr, nullptr);
+    m_provider.ProviderResponse(nullptr, 0, kNoText, nullptr, nullptr);
+    m_provider.ProviderResponse(nullptr, 0, kNoPointer, nullptr, nullptr);
+    m_provider.ProviderRead(nullptr, nullptr, nullptr);
+    m_provider.ProviderWrite(nullptr, nullptr);
+    m_provider.SetTimer(0, nullptr, nullptr);
+    m_provider.KillTimer(0);
+    const std::vector<Call> expected = {
+        {"Publish text", {0, 0, 0, 0}},
+        {"Publish pointer", {0, 0, 0, 0}},
+        {"ProviderRequest", {0, 0, 0, 0}},
+        {"ProviderResponse text", {0, 0, 0, 0, 0}},
+        {"ProviderResponse pointer", {0, 0, 0, 0, 0}},
+        {"ProviderRead", {0, 0, 0}},
+        {"ProviderWrite", {0, 0}},
+        {"SetTimer", {0, 0, 0}},
+        {"KillTimer", {0}},
+    };
+    EXPECT_EQ(m_handler.m_calls, expected);
+    EXPECT_TRUE(CapturedLog::Lines().empty());
+}
+
+TEST_F(BaseProviderTest, HandsOutWhatTheHandlerRead) {
+    m_handler.m_written = m_block;
+    EXPECT_EQ(m_provider.ProviderRead("subject", "key", &m_read), 0);
+    EXPECT_EQ(m_read, m_block);
+}
+
+TEST_F(BaseProviderTest, RefusesWithoutAHandlerAndNamesTheOperationInTheLog) {
+    CBaseProvider withoutHandler;
+    for (const Row& row : ForwardingOperations()) {
+        SCOPED_TRACE(row.name);
+        CapturedLog::Clear();
+        EXPECT_EQ(row.call(withoutHandler), row.withoutHandler);
+        ExpectLogged(row.method, "m_pIProviderHandler is NULL");
+    }
+    EXPECT_TRUE(m_handler.m_calls.empty());
+}
+
+TEST_F(BaseProviderTest, LeavesTheOutputUntouchedWhenItReadsWithoutAHandler) {
+    CBaseProvider withoutHandler;
+    char* data = m_block;
+    EXPECT_EQ(withoutHandler.ProviderRead("subject", "key", &data), -5);
+    EXPECT_EQ(data, m_block);
+}
+
+TEST_F(BaseProviderTest, OffersASubjectTogetherWithItself) {
+    class Module : public CBaseProvider {
+    public:
+        using CBaseProvider::CBaseProvider;
+    };
+    Module module(&m_handler);
+    for (const int result : {0, 3, -1, -5, INT_MIN}) {
+        m_handler.m_calls.clear();
+        m_handler.m_result = result;
+        EXPECT_EQ(module.AddInSubject(m_subject), result);
+        EXPECT_EQ(m_handler.m_calls,
+                  std::vector<Call>{Call::Of("AddInSubject", static_cast<CBaseProvider*>(&module), m_subject)});
+    }
+    EXPECT_TRUE(CapturedLog::Lines().empty());
+}
+
+TEST_F(BaseProviderTest, OffersAnEmptySubjectLikeAnyOther) {
+    m_handler.m_result = 9;
+    EXPECT_EQ(m_provider.AddInSubject(""), 9);
+    EXPECT_EQ(m_handler.m_calls.size(), 1U);
+}
+
+TEST_F(BaseProviderTest, RefusesANullSubjectBeforeItReachesTheHandler) {
+    m_handler.m_result = 9;
+    EXPECT_EQ(m_provider.AddInSubject(nullptr), -5);
+    EXPECT_TRUE(m_handler.m_calls.empty());
+    ExpectLogged("AddInSubject", "subject is NULL");
+}
+
+TEST_F(BaseProviderTest, LooksForNoHandlerWhenTheSubjectIsNull) {
+    CBaseProvider withoutHandler;
+    EXPECT_EQ(withoutHandler.AddInSubject(nullptr), -5);
+    ExpectLogged("AddInSubject", "subject is NULL");
+}
+
+TEST_F(BaseProviderTest, TakesReplacesAndLosesItsHandler) {
+    CBaseProvider provider;
+    EXPECT_EQ(provider.ProviderWrite("subject", "data"), -5);
+    provider.SetProviderHandler(&m_handler);
+    EXPECT_EQ(provider.ProviderWrite("subject", "data"), 0);
+    provider.SetProviderHandler(&m_other);
+    EXPECT_EQ(provider.ProviderWrite("subject", "data"), 0);
+    EXPECT_EQ(m_handler.m_calls.size(), 1U);
+    EXPECT_EQ(m_other.m_calls.size(), 1U);
+    provider.SetProviderHandler(nullptr);
+    EXPECT_EQ(provider.ProviderWrite("subject", "data"), -5);
+    EXPECT_EQ(CapturedLog::Count("m_pIProviderHandler is NULL"), 2);
+}
+
+TEST_F(BaseProviderTest, HasNoVirtualOperationsOfItsOwn) {
+    EXPECT_FALSE(std::is_polymorphic_v<CBaseProvider>);
+    EXPECT_TRUE(std::has_virtual_destructor_v<IProvider>);
+    EXPECT_TRUE(std::is_abstract_v<IProvider>);
+}
+
+/// Calls the handler as compiled code does: by the position in its virtual table, after the pair of destructors.
+class HandlerSlots {
+public:
+    explicit HandlerSlots(IProvider& handler) : m_handler(handler), m_table(*reinterpret_cast<void***>(&handler)) {}
+
+    template <class Result, class... Arguments>
+    Result Call(int slot, Arguments... arguments) {
+        using Operation = Result (*)(IProvider*, Arguments...);
+        return reinterpret_cast<Operation>(m_table[slot])(&m_handler, arguments...);
+    }
+
+private:
+    IProvider& m_handler;
+    void** m_table;
+};
+
+TEST_F(BaseProviderTest, FindsTheOperationsOfTheHandlerInTheirFixedSlots) {
+    IProvider* const other = &m_other;
+    HandlerSlots slots(m_handler);
+    m_handler.m_result = 12;
+    EXPECT_EQ((slots.Call<int>(2, &m_provider, m_subject)), 12);
+    EXPECT_EQ((slots.Call<int>(3, m_subject, m_text, other, m_userData)), 12);
+    EXPECT_EQ((slots.Call<int>(4, m_subject, 1, m_text, other, m_userData)), 12);
+    EXPECT_EQ((slots.Call<int>(5, m_subject, 2, m_pointer, other, m_userData)), 12);
+    EXPECT_EQ((slots.Call<int>(6, m_subject, m_text, &m_read)), 12);
+    EXPECT_EQ((slots.Call<int>(7, m_subject, m_text)), 12);
+    slots.Call<void>(8, m_subject, 3, m_text, other);
+    slots.Call<void>(9, m_subject, 4, m_pointer, other);
+    EXPECT_EQ((slots.Call<int>(10, 5, &OnTimer, m_userData)), 12);
+    EXPECT_TRUE((slots.Call<bool>(11, 6)));
+    const std::vector<Call> expected = {
+        Call::Of("AddInSubject", &m_provider, m_subject),
+        Call::Of("ProviderRequest", m_subject, m_text, other, m_userData),
+        Call::Of("ProviderResponse text", m_subject, 1, m_text, other, m_userData),
+        Call::Of("ProviderResponse pointer", m_subject, 2, m_pointer, other, m_userData),
+        Call::Of("ProviderRead", m_subject, m_text, &m_read),
+        Call::Of("ProviderWrite", m_subject, m_text),
+        Call::Of("Publish text", m_subject, 3, m_text, other),
+        Call::Of("Publish pointer", m_subject, 4, m_pointer, other),
+        Call::Of("SetTimer", 5, OnTimer, m_userData),
+        Call::Of("KillTimer", 6),
+    };
+    EXPECT_EQ(m_handler.m_calls, expected);
+}
+
+}  // namespace
