@@ -18,6 +18,7 @@ constexpr const char* kDataDirectory = "/opt/usr/apps/lumora-service/data/";
 constexpr const char* kJournalSuffix = "-journal";
 constexpr const char* QUERY_INTEGRITY_CHECK = "pragma integrity_check";
 
+constexpr std::size_t kUsualValueCount = 8;
 constexpr std::size_t kKeptQueryCapacity = 256;  ///< a longer deferred list gives its memory back after the flush
 
 // Shared by every database of the process. Where both are held, g_query_set_mutex is taken first.
@@ -88,6 +89,16 @@ std::map<std::string, int> ColumnsByName(sqlite3_stmt* statement) {
     return columns;
 }
 
+/// Appends a value whose member is still to be set; a list grows but once for a statement of usual length.
+struct_sql_value& Append(ContextDatabase::ValueList& values, enum_sql_type type) {
+    if (values.capacity() == 0) {
+        values.reserve(kUsualValueCount);
+    }
+    auto& [tag, value] = values.emplace_back();
+    tag = type;
+    return value;
+}
+
 }  // namespace
 
 ContextDatabase::ContextDatabase(std::string name, std::string createTableQuery, int interval)
@@ -128,23 +139,19 @@ ContextDatabase::~ContextDatabase() {
 }
 
 void ContextDatabase::SetQueryValue(ValueList& values, std::string value) {
-    values.emplace_back(SQL_STRING, struct_sql_value{});
-    values.back().second.strValue = std::move(value);
+    Append(values, SQL_STRING).strValue = std::move(value);
 }
 
 void ContextDatabase::SetQueryValue(ValueList& values, const char* value) {
-    values.emplace_back(SQL_CSTRING, struct_sql_value{});
-    values.back().second.pszValue = value;
+    Append(values, SQL_CSTRING).pszValue = value;
 }
 
 void ContextDatabase::SetQueryValue(ValueList& values, int value) {
-    values.emplace_back(SQL_INT, struct_sql_value{});
-    values.back().second.nValue = value;
+    Append(values, SQL_INT).nValue = value;
 }
 
 void ContextDatabase::SetQueryValue(ValueList& values, long value) {
-    values.emplace_back(SQL_LONG, struct_sql_value{});
-    values.back().second.lValue = value;
+    Append(values, SQL_LONG).lValue = value;
 }
 
 void ContextDatabase::ExecuteQuery(const char* query, const ValueList& values, bool immediate) {

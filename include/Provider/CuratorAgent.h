@@ -62,19 +62,13 @@ public:
     CuratorBaseData7x24 RunCurate7x24();
 
 private:
-    /// A unit and its score, from which a record is made only if it gets into the ranking.
-    struct Candidate {
-        double dScore;
-        std::size_t nOrder;  ///< position in m_vecUnits
-    };
-
     CCuratorBaseUnit* FindUnit_(const std::string& unitId);
     CCuratorBaseUnit* NewUnit_(const std::string& unitId);
     CCuratorBaseUnit* GetUnit_(const std::string& unitId);
-    void Learn_(const CuratorBaseData& record);
-    std::vector<Candidate> GetAllCandidates_();
-    std::vector<Candidate> GetAllCandidates_(const int& day, const int& hour);
-    std::list<CuratorBaseData> Rank_(std::vector<Candidate> candidates);
+    void Learn_(const CuratorBaseData& record, CCuratorDateUnit::LocalHour& lastHour);
+    std::vector<double> GetAllCandidates_();
+    void GetAllCandidates_(const int& day, std::vector<double> (&scores)[24]);
+    std::list<CuratorBaseData> Rank_(const std::vector<double>& scores);
 
     ECuratorAgentType m_eType;
     int m_nMaxResult;

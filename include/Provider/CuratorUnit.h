@@ -102,7 +102,22 @@ protected:
     double m_dWeight[4];       ///< of total, hour, day, and hour of week
 
 private:
+    friend class CCuratorAgent;
+
+    /// A stretch of time inside one hour of local time, without a change of the clock in it.
+    struct LocalHour {
+        time_t begin = 0;
+        time_t end = 0;  ///< exclusive: the next full hour
+        tm local{};      ///< tells the hour and the day
+    };
+
+    void Learn_(const CuratorBaseData& record, double weight, LocalHour& lastHour);
+    void LearnAcrossHours_(tm current, double remaining, double weight);
     void Credit_(const tm& hour, double seconds);
+    double ScoreOf_(int dayOfWeek, int hour) const;
+    void GetScores_(int dayOfWeek, double (&scores)[24]) const;
+
+    static bool FindHour_(time_t start, const tm& local, LocalHour& hour);
 };
 
 /// @}

@@ -19,15 +19,17 @@ void CCuratorAgent::LearnHistory(const CuratorBaseData& record) {
     if (m_eType == CURATOR_AGENT_DATE) {
         tzset();  // localtime_r need not notice that the time zone has changed
     }
-    Learn_(record);
+    CCuratorDateUnit::LocalHour unknown;
+    Learn_(record, unknown);
 }
 
 void CCuratorAgent::LearnHistorys(const std::vector<CuratorBaseData>& records) {
     if (m_eType == CURATOR_AGENT_DATE) {
         tzset();
     }
+    CCuratorDateUnit::LocalHour lastHour;
     for (const CuratorBaseData& record : records) {
-        Learn_(record);
+        Learn_(record, lastHour);
     }
 }
 
@@ -41,9 +43,11 @@ CuratorBaseData7x24 CCuratorAgent::RunCurate7x24() {
         LMR_LOG_ERROR("7x24 Not support! - Agent type is not DATE");
         return grid;
     }
+    std::vector<double> scores[24];
     for (int day = 0; day < 7; ++day) {
+        GetAllCandidates_(day, scores);
         for (int hour = 0; hour < 24; ++hour) {
-            grid.m_listData[day][hour] = Rank_(GetAllCandidates_(day, hour));
+            grid.m_listData[day][hour] = Rank_(scores[hour]);
         }
     }
     return grid;
@@ -79,7 +83,7 @@ CCuratorBaseUnit* CCuratorAgent::GetUnit_(const std::string& unitId) {
     return unit;
 }
 
-void CCuratorAgent::Learn_(const CuratorBaseData& record) {
+void CCuratorAgent::Learn_(const CuratorBaseData& record, CCuratorDateUnit::LocalHour& lastHour) {
     if (record.m_nDuration < static_cast<unsigned int>(m_nMinDuration)) {
         return;
     }
@@ -93,48 +97,73 @@ void CCuratorAgent::Learn_(const CuratorBaseData& record) {
     if (!record.m_strMetaDataSrc.empty()) {
         unit->m_strMetaDataSrc = record.m_strMetaDataSrc;
     }
-    unit->LearnHistory(record, /*weight=*/1.0);
+    if (m_eType == CURATOR_AGENT_DATE) {
+        static_cast<CCuratorDateUnit*>(unit)->Learn_(record, /*weight=*/1.0, lastHour);
+    } else {
+        unit->LearnHistory(record, /*weight=*/1.0);
+    }
 }
 
-std::vector<CCuratorAgent::Candidate> CCuratorAgent::GetAllCandidates_() {
-    std::vector<Candidate> candidates;
-    candidates.reserve(m_vecUnits.size());
+// One score for each entry of m_vecUnits, null entries included.
+std::vector<double> CCuratorAgent::GetAllCandidates_() {
+    std::vector<double> scores;
+    scores.reserve(m_vecUnits.size());
+    for (CCuratorBaseUnit* unit : m_vecUnits) {
+        scores.push_back(unit != nullptr ? unit->GetScore() : 0.0);
+    }
+    return scores;
+}
+
+// A whole day at once: a unit is far larger than its scores of a day, so that going through all units for every hour
+// would wait for memory most of the time.
+void CCuratorAgent::GetAllCandidates_(const int& day, std::vector<double> (&scores)[24]) {
+    for (std::vector<double>& ofHour : scores) {
+        ofHour.resize(m_vecUnits.size());
+    }
+    double ofDay[24];
     for (std::size_t order = 0; order < m_vecUnits.size(); ++order) {
-        if (m_vecUnits[order] != nullptr) {
-            candidates.push_back({m_vecUnits[order]->GetScore(), order});
+        static_cast<const CCuratorDateUnit*>(m_vecUnits[order])->GetScores_(day, ofDay);
+        for (std::size_t hour = 0; hour < 24; ++hour) {
+            scores[hour][order] = ofDay[hour];
         }
     }
-    return candidates;
 }
 
-std::vector<CCuratorAgent::Candidate> CCuratorAgent::GetAllCandidates_(const int& day, const int& hour) {
-    std::vector<Candidate> candidates;
-    candidates.reserve(m_vecUnits.size());
-    for (std::size_t order = 0; order < m_vecUnits.size(); ++order) {
-        if (m_vecUnits[order] != nullptr) {
-            candidates.push_back({m_vecUnits[order]->GetScore(day, hour), order});
-        }
-    }
-    return candidates;
-}
-
-std::list<CuratorBaseData> CCuratorAgent::Rank_(std::vector<Candidate> candidates) {
-    // The order of first appearance decides between equal scores: what a stable sort of everything would give, while
-    // only the head of the ranking is sorted.
+std::list<CuratorBaseData> CCuratorAgent::Rank_(const std::vector<double>& scores) {
+    struct Candidate {
+        double dScore;
+        std::size_t nOrder;  // position in m_vecUnits
+    };
+    // The order of first appearance decides between equal scores: what a stable sort of everything would give. Of the
+    // best so far, `best` is a heap with the one that would have to go in front.
     const auto ranksBefore = [](const Candidate& a, const Candidate& b) {
         return a.dScore > b.dScore || (a.dScore == b.dScore && a.nOrder < b.nOrder);
     };
-    const auto kept = std::min(static_cast<std::ptrdiff_t>(candidates.size()),
-                               static_cast<std::ptrdiff_t>(std::max(m_nMaxResult, 0)));
-    const auto end = candidates.begin() + kept;
-    std::partial_sort(candidates.begin(), end, candidates.end(), ranksBefore);
+    const std::size_t kept = std::min(scores.size(), static_cast<std::size_t>(std::max(m_nMaxResult, 0)));
+    std::vector<Candidate> best;
+    best.reserve(kept);
+    std::size_t order = 0;
+    for (; order < scores.size() && best.size() < kept; ++order) {
+        if (m_vecUnits[order] != nullptr) {
+            best.push_back({scores[order], order});
+        }
+    }
+    std::make_heap(best.begin(), best.end(), ranksBefore);
+    for (; order < scores.size() && kept > 0; ++order) {
+        if (scores[order] > best.front().dScore && m_vecUnits[order] != nullptr) {
+            std::pop_heap(best.begin(), best.end(), ranksBefore);
+            best.back() = {scores[order], order};
+            std::push_heap(best.begin(), best.end(), ranksBefore);
+        }
+    }
+    std::sort_heap(best.begin(), best.end(), ranksBefore);
 
     std::list<CuratorBaseData> ranking;
-    for (auto candidate = candidates.begin(); candidate != end; ++candidate) {
-        const CCuratorBaseUnit& unit = *m_vecUnits[candidate->nOrder];
+    for (const Candidate& candidate : best) {
+        const CCuratorBaseUnit& unit = *m_vecUnits[candidate.nOrder];
         CuratorBaseData& record = ranking.emplace_back();
         record.SetUnitId(unit.m_strUnitId);
-        record.m_dScore = candidate->dScore;
+        record.m_dScore = candidate.dScore;
         record.m_strMetaData = unit.m_strMetaData;
         record.m_strMetaDataSrc = unit.m_strMetaDataSrc;
     }

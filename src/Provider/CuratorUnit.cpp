@@ -8,21 +8,7 @@
 namespace {
 
 constexpr unsigned int kMaxLearntSeconds = 12000;
-constexpr std::int64_t kSecondsPerHour = 3600;
-
-/// Whether a usage ends before its first full hour, in an hour without a clock change up to that end. This is the
-/// common case, and it needs none of the slower calls that find the next full hour.
-bool EndsWithinItsHour(const tm& first, time_t start, unsigned int seconds) {
-    const std::int64_t end = static_cast<std::int64_t>(start) + seconds;
-    if (first.tm_min * 60 + first.tm_sec + std::int64_t{seconds} >= kSecondsPerHour ||
-        end > std::numeric_limits<time_t>::max()) {
-        return false;
-    }
-    const auto endTime = static_cast<time_t>(end);
-    tm last{};
-    return localtime_r(&endTime, &last) != nullptr && last.tm_gmtoff == first.tm_gmtoff &&
-           last.tm_isdst == first.tm_isdst;
-}
+constexpr int kSecondsPerHour = 3600;
 
 }  // namespace
 
@@ -62,17 +48,48 @@ CCuratorDateUnit::CCuratorDateUnit(const std::string& unitId)
     : CCuratorBaseUnit(unitId), m_dHour{}, m_dDay{}, m_dDayHour{}, m_dWeight{0.1, 1.0, 6.0, 11.0} {}
 
 void CCuratorDateUnit::LearnHistory(const CuratorBaseData& record, double weight) {
+    LocalHour unknown;
+    Learn_(record, weight, unknown);
+}
+
+double CCuratorDateUnit::GetScore() {
+    const time_t now = time(nullptr);
+    tm local{};
+    localtime_r(&now, &local);
+    return GetScore(local.tm_wday, local.tm_hour);
+}
+
+double CCuratorDateUnit::GetScore(const int& dayOfWeek, const int& hour) {
+    return ScoreOf_(dayOfWeek, hour);
+}
+
+// Most usages end within the hour of the one before. They need no call of the calendar, and so none of the slower ones
+// that find the next full hour. `lastHour` is good for as long as the time zone stays the same.
+void CCuratorDateUnit::Learn_(const CuratorBaseData& record, double weight, LocalHour& lastHour) {
     const unsigned int seconds = std::min(record.m_nDuration, kMaxLearntSeconds);
     const time_t start = record.m_nStartTime;
-    tm current{};
-    if (seconds == 0 || localtime_r(&start, &current) == nullptr) {
+    if (seconds == 0) {
         return;
     }
-    if (EndsWithinItsHour(current, start, seconds)) {
-        Credit_(current, weight * seconds);
+    const auto endsWithin = [&](const LocalHour& hour) {
+        return start >= hour.begin && std::int64_t{start} + seconds < hour.end;
+    };
+    if (endsWithin(lastHour)) {
+        Credit_(lastHour.local, weight * seconds);
         return;
     }
-    double remaining = seconds;
+    tm local{};
+    if (localtime_r(&start, &local) == nullptr) {
+        return;
+    }
+    if (FindHour_(start, local, lastHour) && endsWithin(lastHour)) {
+        Credit_(local, weight * seconds);
+        return;
+    }
+    LearnAcrossHours_(local, seconds, weight);
+}
+
+void CCuratorDateUnit::LearnAcrossHours_(tm current, double remaining, double weight) {
     while (remaining > 0.0) {
         tm next = current;
         ++next.tm_hour;
@@ -94,14 +111,14 @@ void CCuratorDateUnit::LearnHistory(const CuratorBaseData& record, double weight
     }
 }
 
-double CCuratorDateUnit::GetScore() {
-    const time_t now = time(nullptr);
-    tm local{};
-    localtime_r(&now, &local);
-    return GetScore(local.tm_wday, local.tm_hour);
+void CCuratorDateUnit::Credit_(const tm& hour, double seconds) {
+    m_dScore += seconds;
+    m_dHour[hour.tm_hour] += seconds;
+    m_dDay[hour.tm_wday] += seconds;
+    m_dDayHour[hour.tm_wday][hour.tm_hour] += seconds;
 }
 
-double CCuratorDateUnit::GetScore(const int& dayOfWeek, const int& hour) {
+double CCuratorDateUnit::ScoreOf_(int dayOfWeek, int hour) const {
     double score = m_dScore * m_dWeight[0];
     score += m_dHour[hour] * m_dWeight[1];
     score += m_dDay[dayOfWeek] * m_dWeight[2];
@@ -109,9 +126,23 @@ double CCuratorDateUnit::GetScore(const int& dayOfWeek, const int& hour) {
     return score;
 }
 
-void CCuratorDateUnit::Credit_(const tm& hour, double seconds) {
-    m_dScore += seconds;
-    m_dHour[hour.tm_hour] += seconds;
-    m_dDay[hour.tm_wday] += seconds;
-    m_dDayHour[hour.tm_wday][hour.tm_hour] += seconds;
+void CCuratorDateUnit::GetScores_(int dayOfWeek, double (&scores)[24]) const {
+    for (int hour = 0; hour < 24; ++hour) {
+        scores[hour] = ScoreOf_(dayOfWeek, hour);
+    }
+}
+
+bool CCuratorDateUnit::FindHour_(time_t start, const tm& local, LocalHour& hour) {
+    const std::int64_t end = std::int64_t{start} + kSecondsPerHour - (local.tm_min * 60 + local.tm_sec);
+    if (end > std::numeric_limits<time_t>::max()) {
+        return false;
+    }
+    const auto lastSecond = static_cast<time_t>(end - 1);
+    tm last{};
+    if (localtime_r(&lastSecond, &last) == nullptr || last.tm_gmtoff != local.tm_gmtoff ||
+        last.tm_isdst != local.tm_isdst) {
+        return false;
+    }
+    hour = {start, static_cast<time_t>(end), local};
+    return true;
 }
