@@ -1,12 +1,66 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "ContextString.h"
 
+#include <iconv.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <memory>
+#include <new>
 #include <sstream>
 #include <utility>
+
+#include "Log.h"
+#include "TimeText.h"
 
 namespace {
 
 constexpr const char* kWhiteSpace = " \v\f\n\r\t";
+
+constexpr std::size_t kUtf8BytesPerUnit = 4;  ///< three at most for a unit, four for a pair of them, and a terminator
+
+/// A field of the compact form but for the year, which is never padded.
+std::string PadToTwo(long long field) {
+    std::string text = std::to_string(field);
+    if (text.size() == 1) {
+        text.insert(text.begin(), '0');
+    }
+    return text;
+}
+
+bool IsLineBreak(const unsigned short& unit) {
+    const auto* bytes = reinterpret_cast<const unsigned char*>(&unit);
+    return bytes[0] == 0x00 && (bytes[1] == 0x0A || bytes[1] == 0x0D);
+}
+
+/// A converter from UTF-16BE to UTF-8, closed at the end of its scope.
+class Converter {
+public:
+    Converter() : m_descriptor(iconv_open("UTF-8", "UTF-16BE")) {}
+    ~Converter() {
+        if (IsOpen()) {
+            iconv_close(m_descriptor);
+        }
+    }
+
+    Converter(const Converter&) = delete;
+    Converter& operator=(const Converter&) = delete;
+
+    // The descriptor for "none" is a pointer of all ones.
+    bool IsOpen() const { return reinterpret_cast<std::intptr_t>(m_descriptor) != -1; }
+
+    /// @return false with the reason in `errno`.
+    bool Convert(char* destination, std::size_t destinationSize, char* source, std::size_t sourceSize) {
+        return iconv(m_descriptor, &source, &sourceSize, &destination, &destinationSize) !=
+               static_cast<std::size_t>(-1);
+    }
+
+private:
+    iconv_t m_descriptor;
+};
 
 }  // namespace
 
@@ -88,4 +142,128 @@ std::string ContextString::UrlEncode(std::string text) {
         }
     }
     return result;
+}
+
+std::string ContextString::ConvertTimeFormat(long seconds) {
+    return TimeText::Format<TimeText::kCompactSize>(TimeText::kCompactForm, TimeText::Local(seconds));
+}
+
+std::string ContextString::ConvertUTCToLocaltime(long seconds) {
+    const std::time_t time = seconds == 0 ? std::time(nullptr) : seconds;
+    return TimeText::Format<TimeText::kDisplaySize>(TimeText::kDisplayForm, TimeText::Local(time));
+}
+
+std::time_t ContextString::ConvertTimeStringToUTC(const char* text) {
+    std::tm time{};
+    time.tm_isdst = -1;
+    if (text != nullptr) {
+        strptime(text, TimeText::kCompactForm, &time);
+    }
+    return std::mktime(&time);
+}
+
+std::time_t ContextString::ConvertTimeStringToUTC(std::string text) {
+    return ConvertTimeStringToUTC(text.c_str());
+}
+
+std::time_t ContextString::stringToUTCTime(std::string text) {
+    std::tm time = TimeText::CutTime(text);
+    return std::mktime(&time);
+}
+
+std::time_t ContextString::time_cal(std::string text) {
+    std::tm time = TimeText::CutUnadjusted(text);
+    return std::mktime(&time);
+}
+
+std::string ContextString::time_cal(std::tm* time) {
+    return std::to_string(time->tm_year + 1900LL) + PadToTwo(time->tm_mon + 1LL) + PadToTwo(time->tm_mday) +
+           PadToTwo(time->tm_hour) + PadToTwo(time->tm_min) + PadToTwo(time->tm_sec);
+}
+
+long ContextString::StringToUTC(std::string text) {
+    std::tm time = TimeText::CutTime(text);
+    std::mktime(&time);
+    const char* input = text.c_str();
+    LMR_LOG_INFO("ContextString::strTime  %s (%d) tm->tm_year [%s]", input, time.tm_year, "");
+    LMR_LOG_INFO("ContextString::strTime  %s (%d) tm->tm_mon [%s]", input, time.tm_mon, "");
+    LMR_LOG_INFO("ContextString::strTime  %s (%d) tm->tm_mday [%s]", input, time.tm_mday, "");
+    LMR_LOG_INFO("ContextString::strTime  %s (%d) tm->tm_hour [%s]", input, time.tm_hour, "");
+    LMR_LOG_INFO("ContextString::strTime  %s (%d) tm->tm_min [%s]", input, time.tm_min, "");
+    LMR_LOG_INFO("ContextString::strTime  %s (%d) tm->tm_sec  [%s]", input, time.tm_sec, "");
+    const long number = std::strtol(time_cal(&time).c_str(), nullptr, /*base=*/10);
+    LMR_LOG_INFO("ContextString::strTime  %s (%d) result  [%s]", input, static_cast<int>(number), "");
+    return number;
+}
+
+std::string ContextString::time_to_sqltime(std::string text) {
+    if (text.empty()) {
+        return text;
+    }
+    const auto [year, month, day, hour, minute, second] = TimeText::Cut(text, TimeText::kCompactStarts);
+    return year + "-" + month + "-" + day + " " + hour + ":" + minute + ":" + second;
+}
+
+std::string ContextString::sqltime_cal(std::string text) {
+    if (text.size() != 14) {
+        return text;
+    }
+    // Of 14 characters there is none at 17, where the seconds of the SQL form are: this throws.
+    const auto [year, month, day, hour, minute, second] = TimeText::Cut(text, TimeText::kSqlStarts);
+    return year + month + day + hour + minute + second;
+}
+
+bool ContextString::Unicode2Utf8(char* destination, unsigned int destinationSize, char* source,
+                                 unsigned int sourceSize) {
+    Converter converter;
+    if (!converter.IsOpen()) {
+        LMR_LOG_ERROR("Iconv open failed");
+        return false;
+    }
+    if (!converter.Convert(destination, destinationSize, source, sourceSize)) {
+        LMR_LOG_ERROR("iconv failed: %d", errno);
+        return false;
+    }
+    return true;
+}
+
+void ContextString::TransStrExceptLF(unsigned short* text) {
+    if (text == nullptr) {
+        LMR_LOG_WARNING("srv Is NUll");
+        return;
+    }
+    const std::size_t length = std::char_traits<unsigned short>::length(text);
+    // Zeroed, so that no half of a surrogate pair lies between the new end of the text and the old one.
+    const std::unique_ptr<unsigned short[]> kept(new (std::nothrow) unsigned short[length + 1]());
+    if (kept == nullptr) {
+        LMR_LOG_WARNING("new uint16_t[nLen] failed!");
+        return;
+    }
+    std::remove_copy_if(text, text + length, kept.get(), IsLineBreak);
+    std::copy_n(kept.get(), length + 1, text);
+}
+
+std::string ContextString::Twstring2String(std::basic_string<unsigned short> text) {
+    if (text.empty()) {
+        return {};
+    }
+    const std::size_t length = text.size();
+    const std::unique_ptr<unsigned short[]> units(new (std::nothrow) unsigned short[length + 1]);
+    if (units == nullptr) {
+        return {};
+    }
+    const std::size_t utf8Size = length * kUtf8BytesPerUnit;
+    const std::unique_ptr<char[]> utf8(new (std::nothrow) char[utf8Size]());
+    if (utf8 == nullptr) {
+        return {};
+    }
+    std::copy_n(text.c_str(), length + 1, units.get());
+    TransStrExceptLF(units.get());
+    // The size is that of before the removal, so the zeroed units behind the new end are converted as well.
+    if (!Unicode2Utf8(utf8.get(), static_cast<unsigned int>(utf8Size), reinterpret_cast<char*>(units.get()),
+                      static_cast<unsigned int>((length + 1) * sizeof(unsigned short)))) {
+        LMR_LOG_ERROR("convert name failed");
+        return {};
+    }
+    return utf8.get();
 }

@@ -13,7 +13,9 @@
     lumora_log_print(LUMORA_LOG_BUFFER_MAIN, priority, "LMR_COMMON", "%s: %s(%d) > " format, __FILE_NAME__, __func__, \
                      __LINE__, ##__VA_ARGS__)
 
+#define LMR_LOG_DEBUG(...) LMR_LOG(LUMORA_LOG_DEBUG, __VA_ARGS__)
 #define LMR_LOG_INFO(...) LMR_LOG(LUMORA_LOG_INFO, __VA_ARGS__)
+#define LMR_LOG_WARNING(...) LMR_LOG(LUMORA_LOG_WARNING, __VA_ARGS__)
 #define LMR_LOG_ERROR(...) LMR_LOG(LUMORA_LOG_ERROR, __VA_ARGS__)
 
 #endif  // LUMORA_COMMON_SRC_LOG_H

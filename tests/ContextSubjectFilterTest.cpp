@@ -3,4 +3,4 @@
 
 #include "NameFilterSuite.h"
 
-INSTANTIATE_TYPED_TEST_SUITE_P(ContextSubjectFilterTest, NameFilterTest, ContextSubjectFilter);
+INSTANTIATE_TYPED_TEST_SUITE_P(ContextSubjectFilterTest, NameFilterTest, ContextSubjectFilter, FilterName);

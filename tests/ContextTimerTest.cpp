@@ -44,6 +44,13 @@ public:
 
     /// @return the next message, which is the test's from now on; null when none waits.
     TEventMessage* TakeMessage() { return static_cast<TEventMessage*>(g_async_queue_try_pop(m_pQueue)); }
+
+    /// Undoes a SetTimer() of a timer that is not started.
+    void DiscardAdd() {
+        const std::unique_ptr<TEventMessage> message(TakeMessage());
+        delete static_cast<CTimerData*>(message->pData);
+        --m_nPreStartCount;
+    }
 };
 
 /// What usleep() and g_thread_new() of this program go by.
@@ -305,35 +312,28 @@ TEST_F(ContextTimerTest, CountsIdsUp) {
 }
 
 TEST_F(ContextTimerTest, GivesTheTimersOfManyThreadsDistinctIds) {
-    constexpr int kThreads = 4;
-    constexpr int kTimers = 1000;
+    constexpr std::size_t kThreads = 4;
+    constexpr std::size_t kTimers = 50000;  // few would hardly meet
+    std::vector<TimerId> ids(kThreads * kTimers);
     Waiting::Gate begin;
-    std::mutex idsMutex;
-    std::set<TimerId> ids;
     std::vector<std::thread> threads;
-    for (int thread = 0; thread < kThreads; ++thread) {
-        threads.emplace_back([&] {
-            OpenTimer timer;
-            EXPECT_TRUE(timer.ContextEventThread::Start());
-            std::vector<TimerId> own;
+    for (std::size_t thread = 0; thread < kThreads; ++thread) {
+        threads.emplace_back([&ids, &begin, thread] {
+            OpenTimer timer;  // of its own, so that nothing but the ids is shared
             begin.Wait();
-            for (int set = 0; set < kTimers; ++set) {
-                own.push_back(timer.SetTimer(1000, nullptr, nullptr));
+            for (std::size_t set = 0; set < kTimers; ++set) {
+                ids[thread * kTimers + set] = timer.SetTimer(1, nullptr, nullptr);
+                timer.DiscardAdd();
             }
-            for (const TimerId id : own) {
-                timer.KillTimer(id);
-            }
-            EXPECT_TRUE(timer.ContextEventThread::Stop());
-            const std::lock_guard<std::mutex> lock(idsMutex);
-            ids.insert(own.begin(), own.end());
         });
     }
     begin.Open();
     for (std::thread& thread : threads) {
         thread.join();
     }
-    ASSERT_EQ(ids.size(), static_cast<std::size_t>(kThreads * kTimers));
-    EXPECT_EQ(*ids.rbegin() - *ids.begin(), kThreads * kTimers - 1);
+    std::sort(ids.begin(), ids.end());
+    EXPECT_EQ(std::adjacent_find(ids.begin(), ids.end()), ids.end());
+    EXPECT_EQ(ids.back() - ids.front(), static_cast<TimerId>(ids.size()) - 1);
 }
 
 TEST_F(ContextTimerTest, ServesTheRequestsOfManyThreadsWhileItTicks) {
@@ -981,6 +981,17 @@ TEST_F(ContextTimerTest, TakesNoteOfTheSecondOfARefusedStart) {
     Tick();
     EXPECT_EQ(Fired(), Strings{"three@60"});
     EXPECT_EQ(Logged(), Strings{}) << "no jump since the last check is left";
+}
+
+TEST_F(ContextTimerTest, ChecksOnWhileStartsAreRefused) {
+    Set("tick", 0);
+    Start();
+    for (int start = 0; start < 10; ++start) {
+        QueueCheck();
+        EXPECT_FALSE(m_timer.Start());
+    }
+    Settle();
+    EXPECT_EQ(Fired(), Strings(11, "tick@0"));
 }
 
 TEST_F(ContextTimerTest, RefusesToStopWhatDoesNotRun) {

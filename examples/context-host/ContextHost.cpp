@@ -8,14 +8,13 @@
 #include <chrono>
 #include <climits>
 #include <map>
-#include <vector>
 
 #include "HistoryProvider.h"
 
 namespace {
 
 constexpr int kFlushInterval = 1;  // seconds
-constexpr int kPageSize = 4096;    // rows; a whole history at once would need ten times the memory of the agent
+constexpr int kPageSize = 4096;    // rows
 constexpr std::chrono::minutes kLongestFlush{2};
 constexpr gulong kPollMicroseconds = 20000;
 
@@ -71,7 +70,7 @@ int ContextHost::CountRecords() {
     return QueryNumber_("SELECT COUNT(*) FROM usage");
 }
 
-void ContextHost::Teach(CCuratorAgent& agent) {
+void ContextHost::ForEachPage(const std::function<void(const std::vector<CuratorBaseData>&)>& take) {
     long lastStart = INT_MIN;
     int lastRow = 0;
     std::vector<std::map<std::string, std::string>> rows;
@@ -98,7 +97,7 @@ void ContextHost::Teach(CCuratorAgent& agent) {
             lastStart = record.m_nStartTime;
             lastRow = ContextString::string2int(row["rowid"]);
         }
-        agent.LearnHistorys(records);
+        take(records);
     } while (rows.size() == kPageSize);
 }
 

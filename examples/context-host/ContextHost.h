@@ -4,15 +4,16 @@
 
 #include <ContextDatabase.h>
 #include <ContextSubjectFilter.h>
-#include <Provider/CuratorAgent.h>
+#include <Provider/CuratorBaseData.h>
 #include <Provider/IProvider.h>
 
 #include <functional>
 #include <string>
+#include <vector>
 
 /// The service: stores what its providers publish, and has an agent learn what is stored.
 ///
-/// Everything here runs on one thread; the database flushes on its own.
+/// One thread imports; any may count and read meanwhile. The database flushes on its own.
 class ContextHost : public IProvider {
 public:
     /// @param databaseName  a file name in the data directory.
@@ -35,8 +36,9 @@ public:
     /// @return how many records are stored.
     int CountRecords();
 
-    /// Teaches the agent all that is stored, in the order of time and, within a second, of arrival.
-    void Teach(CCuratorAgent& agent);
+    /// Reads all that is stored, in the order of time and, within a second, of arrival; page by page, since a whole
+    /// history at once would need ten times the memory of what is learnt from it.
+    void ForEachPage(const std::function<void(const std::vector<CuratorBaseData>&)>& take);
 
     int AddInSubject(CBaseProvider* provider, const char* subject) override;
     void Publish(const char* subject, int code, const char* data, IProvider* provider) override;

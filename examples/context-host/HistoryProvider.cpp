@@ -2,6 +2,7 @@
 #include "HistoryProvider.h"
 
 #include <ContextData.h>
+#include <ContextString.h>
 #include <csv.h>
 #include <glib.h>
 
@@ -11,12 +12,20 @@
 #include <filesystem>
 #include <memory>
 #include <numeric>
+#include <string_view>
 #include <tuple>
+
+#include "HostMemory.h"
 
 namespace {
 
 const std::vector<std::string> kHeader = {"unit_id", "unit_name", "device_name", "start_time", "duration"};
-constexpr const char* kByteOrderMark = "\xEF\xBB\xBF";
+constexpr const char* kUtf8Mark = "\xEF\xBB\xBF";
+constexpr const char* kUtf16Mark = "\xFE\xFF";  // big-endian
+
+bool StartsWith(const std::string& text, const char* start) {
+    return text.compare(0, std::strlen(start), start) == 0;
+}
 
 /// Reads the rows of one file and says where it found what is wrong.
 class Reader {
@@ -32,7 +41,8 @@ public:
     Reader& operator=(const Reader&) = delete;
 
     std::vector<HistoryProvider::Record> Read() {
-        const std::string text = Content();
+        const std::unique_ptr<HostBuffer> buffer = Buffered(Content());
+        const std::string_view text(buffer->Data(), buffer->Size());
         // Line by line, so that a row is known by the line that it starts on, though a quoted name may span several.
         for (std::size_t from = 0; from < text.size();) {
             const std::size_t end = std::min(text.find('\n', from), text.size() - 1) + 1;
@@ -55,6 +65,12 @@ public:
     }
 
 private:
+    static std::unique_ptr<HostBuffer> Buffered(const std::string& text) {
+        auto buffer = std::make_unique<HostBuffer>(text.size());
+        text.copy(buffer->Data(), text.size());
+        return buffer;
+    }
+
     std::string Content() const {
         char* content = nullptr;
         gsize size = 0;
@@ -66,9 +82,30 @@ private:
         }
         const std::unique_ptr<char, decltype(&g_free)> owner(content, g_free);
         const std::string text(content, size);
-        return text.compare(0, std::strlen(kByteOrderMark), kByteOrderMark) == 0
-                   ? text.substr(std::strlen(kByteOrderMark))
-                   : text;
+        if (StartsWith(text, kUtf16Mark)) {
+            return FromUtf16(text.substr(std::strlen(kUtf16Mark)));
+        }
+        return StartsWith(text, kUtf8Mark) ? text.substr(std::strlen(kUtf8Mark)) : text;
+    }
+
+    /// Platforms hand out names as big-endian UTF-16, and so whole histories come: line by line into UTF-8.
+    std::string FromUtf16(const std::string& bytes) const {
+        std::basic_string<unsigned short> units(bytes.size() / sizeof(unsigned short), 0);
+        std::memcpy(units.data(), bytes.data(), units.size() * sizeof(unsigned short));
+        const auto lineFeed = static_cast<unsigned short>(GUINT16_TO_BE('\n'));
+        std::string text;
+        int line = 1;
+        for (std::size_t from = 0; from < units.size(); ++line) {
+            const std::size_t end = std::min(units.find(lineFeed, from), units.size());
+            const std::string converted = ContextString::Twstring2String(units.substr(from, end - from));
+            if (converted.empty() && end > from) {
+                throw HistoryError(HistoryError::Kind::Malformed,
+                                   m_path + ":" + std::to_string(line) + ": is not UTF-16 text");
+            }
+            text += converted + "\n";
+            from = end + 1;
+        }
+        return text;
     }
 
     void Parse(const char* line, std::size_t length) {

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Report.h"
 
+#include <ContextString.h>
 #include <glib.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
@@ -73,13 +74,7 @@ std::string FitRight(const std::string& text, std::size_t width) {
 }
 
 std::string LocalTime(double seconds) {
-    const auto when = static_cast<time_t>(seconds);
-    tm local{};
-    char text[32] = "";
-    if (localtime_r(&when, &local) == nullptr || std::strftime(text, sizeof(text), "%Y-%m-%d %H:%M", &local) == 0) {
-        return std::to_string(seconds);
-    }
-    return text;
+    return ContextString::time_to_sqltime(ContextString::ConvertTimeFormat(static_cast<long>(seconds)));
 }
 
 std::string Hours(double seconds) {
@@ -158,7 +153,7 @@ void Report::PrintRanking(const std::list<CuratorBaseData>& ranking, ECuratorAge
 void Report::PrintWeek(const CuratorBaseData7x24& grid, int recordCount) {
     constexpr std::size_t kHourWidth = 5;
     std::printf("Usual in each hour of the week, of %d records\n\n", recordCount);
-    const std::size_t width = std::max<std::size_t>(OutputWidth(), kHourWidth + 56);
+    const std::size_t width = std::max<std::size_t>(OutputWidth(), kHourWidth + 7 * 8);
     const std::size_t cellWidth = (width - kHourWidth) / 7 - 1;
     std::string line = std::string(kHourWidth, ' ');
     for (const char* day : kDays) {
@@ -177,6 +172,25 @@ void Report::PrintWeek(const CuratorBaseData7x24& grid, int recordCount) {
             line += " " + Fit(Printable(name), cellWidth);
         }
         std::puts(Trimmed(line).c_str());
+    }
+}
+
+void Report::PrintEvaluation(const std::vector<Evaluation::Result>& results, int recordCount) {
+    const int tries = results.front().tries;
+    std::printf("How often the next use was foreseen: the last %d of %d records\n\n", tries, recordCount);
+    if (tries == 0) {
+        std::puts("Nothing to foresee.");
+        return;
+    }
+    std::puts(" Ranking by       Top 1   Top 3   Top 5    MRR");
+    for (std::size_t row = 0; row < results.size(); ++row) {
+        if (row == Evaluation::kRankings) {
+            std::puts("\n Choosing among the three\n Bandit agent     Top 1   Top 3   Top 5    MRR");
+        }
+        const Evaluation::Result& result = results[row];
+        const auto percent = [tries](int count) { return 100.0 * count / tries; };
+        std::printf(" %-14s %5.1f %%  %4.1f %%  %4.1f %%  %.3f\n", result.name.c_str(), percent(result.first),
+                    percent(result.amongThree), percent(result.amongFive), result.inverses / tries);
     }
 }
 

@@ -7,6 +7,9 @@
 #include <cstddef>
 #include <list>
 #include <string>
+#include <vector>
+
+#include "Evaluation.h"
 
 /// What a person reads: tables on standard output, a progress bar on standard error.
 namespace Report {
@@ -16,6 +19,9 @@ void PrintRanking(const std::list<CuratorBaseData>& ranking, ECuratorAgentType t
 
 /// Prints the first unit of every hour of the week: a row for each hour, a column for each day.
 void PrintWeek(const CuratorBaseData7x24& grid, int recordCount);
+
+/// Prints how well the rankings, and the bandit agents that choose among them, foresaw the next use.
+void PrintEvaluation(const std::vector<Evaluation::Result>& results, int recordCount);
 
 /// A bar that is drawn only where standard error is a terminal, and wiped when it goes.
 class ProgressBar {

@@ -11,7 +11,10 @@
 #include <vector>
 
 #include "ContextHost.h"
+#include "Evaluation.h"
 #include "HistoryProvider.h"
+#include "HostMemory.h"
+#include "RankingServer.h"
 #include "Report.h"
 
 namespace {
@@ -23,10 +26,14 @@ enum ExitStatus {
     EXIT_UNREADABLE = 3,
     EXIT_MALFORMED = 4,
     EXIT_NO_DATABASE = 5,
+    EXIT_NO_PORT = 6,
     EXIT_INTERRUPTED = 130,
 };
 
 constexpr const char* kDataDirectory = "/opt/usr/apps/lumora-service/data/";
+
+constexpr int kNoPort = -1;
+constexpr gulong kWaitMicroseconds = 200000;
 
 // Bounds the memory of what waits for a flush: about 10 MB.
 constexpr std::size_t kBatchSize = 20000;
@@ -47,12 +54,14 @@ constexpr const char* kDescription =
     "  context-host --agent date --max 3           what is usual now, from what is stored\n"
     "  TZ=Europe/Paris context-host --weekly       the first unit of every hour of the week\n"
     "  context-host --agent mru --json             the ranking as JSON text, and nothing else\n"
+    "  context-host --evaluate                     how well each ranking foresees the next use\n"
+    "  context-host --serve 7300 tv.csv            answer context-query, while the history is added and after\n"
     "\n"
     "Exit status:\n"
     "  0  done                                     3  a file cannot be read\n"
     "  1  the records could not be stored          4  a file has a malformed row; nothing of it is stored\n"
     "  2  the command line is wrong                5  the data directory or the database cannot be used\n"
-    "  130  interrupted; what was stored stays\n"
+    "  130  interrupted; what was stored stays     6  the port cannot be opened\n"
     "\n"
     "The store is a file in /opt/usr/apps/lumora-service/data. Diagnostics of the library go to the system log.";
 
@@ -62,6 +71,9 @@ struct Options {
     int minDuration = 0;
     bool weekly = false;
     bool json = false;
+    bool evaluate = false;
+    bool trackMemory = false;
+    int port = kNoPort;
     std::string database = "usage.db";
     std::vector<std::string> files;
 };
@@ -74,6 +86,7 @@ void CatchInterrupts() {
     action.sa_flags = static_cast<int>(SA_RESETHAND);  // the second time ends the program at once
     sigaction(SIGINT, &action, nullptr);
     sigaction(SIGTERM, &action, nullptr);
+    signal(SIGPIPE, SIG_IGN);  // a client may go before its answer comes
 }
 
 int Complain(ExitStatus status, const std::string& message) {
@@ -101,12 +114,19 @@ std::string Parse(int argc, char** argv, Options& options) {
     char** files = nullptr;
     gboolean weekly = FALSE;
     gboolean json = FALSE;
+    gboolean evaluate = FALSE;
+    gboolean trackMemory = FALSE;
     const GOptionEntry entries[] = {
         {"agent", 'a', 0, G_OPTION_ARG_STRING, &agent, "Rank by mru, mfu or date (default: mfu)", "AGENT"},
         {"max", 'n', 0, G_OPTION_ARG_INT, &options.max, "Show at most N units (default: 10)", "N"},
         {"min-duration", 'd', 0, G_OPTION_ARG_INT, &options.minDuration, "Pass over uses shorter than S seconds", "S"},
         {"weekly", 'w', 0, G_OPTION_ARG_NONE, &weekly, "Rank each hour of the week (agent date)", nullptr},
         {"json", 'j', 0, G_OPTION_ARG_NONE, &json, "Print the library's JSON text instead of a table", nullptr},
+        {"evaluate", 'e', 0, G_OPTION_ARG_NONE, &evaluate,
+         "Replay the last fifth: how often was the next use foreseen?", nullptr},
+        {"serve", 's', 0, G_OPTION_ARG_INT, &options.port, "Answer context-query at PORT until interrupted", "PORT"},
+        {"track-memory", 0, 0, G_OPTION_ARG_NONE, &trackMemory, "Watch the host's own buffers; print their counters",
+         nullptr},
         {"database", 0, 0, G_OPTION_ARG_STRING, &database, "Name of the store (default: usage.db)", "NAME"},
         {G_OPTION_REMAINING, 0, 0, G_OPTION_ARG_FILENAME_ARRAY, &files, nullptr, "[FILE...]"},
         {},
@@ -125,6 +145,8 @@ std::string Parse(int argc, char** argv, Options& options) {
     }
     options.weekly = weekly != FALSE;
     options.json = json != FALSE;
+    options.evaluate = evaluate != FALSE;
+    options.trackMemory = trackMemory != FALSE;
     if (database != nullptr) {
         options.database = database;
     }
@@ -146,6 +168,12 @@ std::string Parse(int argc, char** argv, Options& options) {
     }
     if (options.weekly && options.agent != CURATOR_AGENT_DATE) {
         return "Only the agent date knows the hours of the week: drop --agent or --weekly";
+    }
+    if (options.evaluate && (options.weekly || options.json)) {
+        return "--evaluate prints a table of its own: drop --weekly and --json";
+    }
+    if (options.port < kNoPort || options.port > 65535) {
+        return "--serve takes a port from 0 to 65535";
     }
     if (options.max < 0 || options.minDuration < 0) {
         return "--max and --min-duration take numbers from 0";
@@ -195,7 +223,7 @@ ExitStatus Import(ContextHost& host, std::vector<HistoryProvider>& providers) {
 
 void Rank(ContextHost& host, const Options& options) {
     CCuratorAgent agent(options.agent, options.max, options.minDuration);
-    host.Teach(agent);
+    host.ForEachPage([&](const std::vector<CuratorBaseData>& page) { agent.LearnHistorys(page); });
     if (options.weekly) {
         const CuratorBaseData7x24 grid = agent.RunCurate7x24();
         if (options.json) {
@@ -213,6 +241,57 @@ void Rank(ContextHost& host, const Options& options) {
     }
 }
 
+void Evaluate(ContextHost& host, const Options& options) {
+    Evaluation evaluation;
+    const int all = host.CountRecords();
+    int index = 0;
+    host.ForEachPage([&](const std::vector<CuratorBaseData>& page) {
+        for (const CuratorBaseData& record : page) {
+            const bool isLastFifth = index++ >= all - all / 5;
+            if (record.m_nDuration >= static_cast<unsigned int>(options.minDuration)) {
+                evaluation.Take(record, isLastFifth);
+            }
+        }
+    });
+    Report::PrintEvaluation(evaluation.Results(), all);
+}
+
+/// Imports what the command line names, then prints or serves.
+int Run(ContextHost& host, std::vector<HistoryProvider>& providers, const Options& options) {
+    RankingServer server(host, options.max, options.minDuration);
+    if (options.port != kNoPort) {
+        const int port = server.Open(options.port);
+        if (port < 0) {
+            return Complain(EXIT_NO_PORT, "cannot open port " + std::to_string(options.port));
+        }
+        std::fprintf(stderr, "serving at port %d; try: context-query %d rank mfu 3\n", port, port);
+    }
+    if (!providers.empty()) {
+        const int before = host.CountRecords();
+        const ExitStatus status = Import(host, providers);
+        if (status == EXIT_NOT_STORED) {
+            return Complain(status,
+                            "the records could not be stored, and the store is empty now; the system log says why");
+        }
+        const int added = host.CountRecords() - before;
+        if (status == EXIT_INTERRUPTED) {
+            return Complain(status, "interrupted: " + std::to_string(added) +
+                                        " new records are stored; run the command again for the rest");
+        }
+        std::fprintf(stderr, "%d new records stored\n", added);
+    }
+    if (options.port != kNoPort) {
+        while (g_interrupted == 0) {
+            g_usleep(kWaitMicroseconds);
+        }
+    } else if (options.evaluate) {
+        Evaluate(host, options);
+    } else {
+        Rank(host, options);
+    }
+    return EXIT_OK;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -221,6 +300,10 @@ int main(int argc, char** argv) {
     const std::string problem = Parse(argc, argv, options);
     if (!problem.empty()) {
         return Complain(EXIT_USAGE, problem + " (context-host --help shows the options)");
+    }
+    std::optional<HostMemory> memory;
+    if (options.trackMemory) {
+        memory.emplace();
     }
     std::vector<HistoryProvider> providers;
     try {
@@ -241,20 +324,9 @@ int main(int argc, char** argv) {
         return Complain(EXIT_NO_DATABASE,
                         std::string("cannot open ") + kDataDirectory + options.database + "; the system log says why");
     }
-    if (!providers.empty()) {
-        const int before = host.CountRecords();
-        const ExitStatus status = Import(host, providers);
-        if (status == EXIT_NOT_STORED) {
-            return Complain(status,
-                            "the records could not be stored, and the store is empty now; the system log says why");
-        }
-        const int added = host.CountRecords() - before;
-        if (status == EXIT_INTERRUPTED) {
-            return Complain(status, "interrupted: " + std::to_string(added) +
-                                        " new records are stored; run the command again for the rest");
-        }
-        std::fprintf(stderr, "%d new records stored\n", added);
+    const int status = Run(host, providers, options);
+    if (memory) {
+        std::fprintf(stderr, "the host's own buffers: %s\n", memory->Counters().c_str());
     }
-    Rank(host, options);
-    return EXIT_OK;
+    return status;
 }

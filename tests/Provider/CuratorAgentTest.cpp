@@ -334,12 +334,11 @@ TEST_F(CuratorAgentTest, LearnsAVectorInItsOrderAndLeavesItAsItIs) {
 }
 
 TEST_F(CuratorAgentTest, LearnsAVectorAsItLearnsItsRecordsOneByOne) {
-    std::vector<CuratorBaseData> history;
+    std::vector<CuratorBaseData> history(400);
     std::mt19937 random(3);
-    for (int record = 0; record < 400; ++record) {
-        history.push_back(Usage(std::string(1, static_cast<char>('a' + random() % 20)),
-                                kMonday20h + static_cast<int>(random() % 1000000),
-                                static_cast<unsigned int>(random() % 9000)));
+    for (CuratorBaseData& record : history) {
+        record = Usage(std::string(1, static_cast<char>('a' + random() % 20)),
+                       kMonday20h + static_cast<int>(random() % 1000000), static_cast<unsigned int>(random() % 9000));
     }
     const TimeZone zone("Europe/Paris");
     for (const ECuratorAgentType type : kKnownTypes) {

@@ -206,7 +206,7 @@ TEST(CuratorBaseDataTest, KeepsClearBehindThePairOfDestructorsInItsVirtualTable)
 TEST(CuratorBaseData7x24Test, HoldsAnEmptyListForEachHourOfTheWeek) {
     const CuratorBaseData7x24 grid;
     EXPECT_TRUE((std::is_same_v<decltype(grid.m_listData), std::list<CuratorBaseData>[7][24]>));
-    EXPECT_EQ(sizeof(grid), 7 * 24 * sizeof(Ranking));
+    EXPECT_EQ(sizeof(grid), sizeof(Ranking) * 7 * 24);
     for (const auto& day : grid.m_listData) {
         for (const Ranking& hour : day) {
             EXPECT_TRUE(hour.empty());

@@ -50,8 +50,12 @@ struct Sums {
         dayHour[piece.tm_wday][piece.tm_hour] += credit;
     }
 
-    /// To the last bit.
-    bool operator==(const Sums& other) const { return std::memcmp(this, &other, sizeof(Sums)) == 0; }
+    bool operator==(const Sums& other) const {
+        return total == other.total && std::equal(std::begin(hour), std::end(hour), std::begin(other.hour)) &&
+               std::equal(std::begin(day), std::end(day), std::begin(other.day)) &&
+               std::equal(std::begin(dayHour), std::end(dayHour), std::begin(other.dayHour),
+                          [](const auto& a, const auto& b) { return std::equal(std::begin(a), std::end(a), b); });
+    }
 };
 
 std::ostream& operator<<(std::ostream& out, const Sums& sums) {
@@ -128,15 +132,22 @@ bool SplitStepByStep(const CuratorBaseData& record, double weight, Sums& sums) {
     return true;
 }
 
+struct UnitName {
+    template <class Unit>
+    static std::string GetName(int /*index*/) {
+        return std::is_same_v<Unit, CCuratorMRUUnit> ? "MRU" : std::is_same_v<Unit, CCuratorMFUUnit> ? "MFU" : "Date";
+    }
+};
+
 template <class Unit>
 struct WithoutWeekTest : public ::testing::Test {};
 using UnitsWithoutWeek = ::testing::Types<CCuratorMRUUnit, CCuratorMFUUnit>;
-TYPED_TEST_SUITE(WithoutWeekTest, UnitsWithoutWeek);
+TYPED_TEST_SUITE(WithoutWeekTest, UnitsWithoutWeek, UnitName);
 
 template <class Unit>
 struct CuratorUnitTest : public ::testing::Test {};
 using AllUnits = ::testing::Types<CCuratorMRUUnit, CCuratorMFUUnit, CCuratorDateUnit>;
-TYPED_TEST_SUITE(CuratorUnitTest, AllUnits);
+TYPED_TEST_SUITE(CuratorUnitTest, AllUnits, UnitName);
 
 TYPED_TEST(CuratorUnitTest, StartsWithItsIdAndAScoreOfZero) {
     for (const std::string& id : {std::string("unit"), std::string(), std::string("a\0b", 3)}) {

@@ -3,4 +3,4 @@
 
 #include "NameFilterSuite.h"
 
-INSTANTIATE_TYPED_TEST_SUITE_P(ProviderFilterTest, NameFilterTest, ProviderFilter);
+INSTANTIATE_TYPED_TEST_SUITE_P(ProviderFilterTest, NameFilterTest, ProviderFilter, FilterName);

@@ -2,10 +2,12 @@
 # SPDX-License-Identifier: Apache-2.0
 """Runs the example host as a user does and looks at what it prints, stores and returns.
 
-  context_host_test.py ROOT PROGRAM
+  context_host_test.py ROOT CONTEXT_HOST CONTEXT_QUERY
 """
 import collections
+import contextlib
 import csv
+import datetime
 import json
 import os
 import pathlib
@@ -13,15 +15,19 @@ import pty
 import re
 import select
 import signal
+import socket
 import sqlite3
+import struct
 import subprocess
 import sys
 import tempfile
 import time
 import unittest
+import zoneinfo
 
 ROOT = pathlib.Path(sys.argv[1])
 PROGRAM = sys.argv[2]
+QUERY = sys.argv[3]
 HISTORIES = ROOT / "tests/data/histories"
 HEADER = "unit_id,unit_name,device_name,start_time,duration\n"
 BOUND = 60  # seconds that any run may take
@@ -108,7 +114,7 @@ class ContextHostTest(unittest.TestCase):
   1  Ein Lied      1.5 h  phone
   2  日本語        0.1 h  a\ufffd[31mb
 """)
-        self.assertIn("  1  日本語    1970-01-01 00:05  a", self.run_host("--agent", "mru").stdout)
+        self.assertIn("  1  日本語    1970-01-01 00:05:00  a", self.run_host("--agent", "mru").stdout)
 
     def test_prints_the_week_as_a_table(self):
         path = self.write("a.csv", HEADER + "x,Ein Lied,phone,1709560800,5400\n")
@@ -123,6 +129,153 @@ class ContextHostTest(unittest.TestCase):
         self.rank(self.write("a.csv", HEADER + "x,X,d,100,5\n"))
         self.assertEqual(self.rank(), [("x", 5.0)])
         self.assertEqual(self.rank("--database", "other.db"), [])
+
+    def test_takes_a_history_in_big_endian_utf_16(self):
+        text = (HEADER + "x,Ünï ☃ 𝄞,日本,100,5\ny,,d,300,7\n").encode("utf-16-be")
+        self.run_host(self.write("a.csv", b"\xfe\xff" + text))
+        self.assertEqual(self.rows(), [("usage/a", "x", "Ünï ☃ 𝄞", "日本", 100, 5), ("usage/a", "y", "", "d", 300, 7)])
+        half = self.write("b.csv", b"\xfe\xff" + HEADER.encode("utf-16-be") + b"\xd8\x00\x00\n")
+        self.assertIn(f"{half}:2: is not UTF-16 text", self.run_host(half, status=4).stderr)
+
+    # How well it foresees.
+
+    def foreseen(self, name, zone):
+        """The evaluation of the three rankings, by plain counting and sorting."""
+        with open(HISTORIES / name, encoding="utf-8", newline="") as file:
+            records = [(row["unit_id"], int(row["start_time"]), int(row["duration"])) for row in csv.DictReader(file)]
+        zone = zoneinfo.ZoneInfo(zone)
+        last, total, pattern = {}, collections.Counter(), collections.Counter()
+        found = [[0, 0, 0, 0.0] for _ in range(3)]
+        tries = len(records) // 5
+        for index, (unit, start, duration) in enumerate(records):
+            local = datetime.datetime.fromtimestamp(start, zone)
+            day, hour = local.isoweekday() % 7, local.hour
+            if index >= len(records) - tries:
+                scores = [last, total, {
+                    known: 0.1 * total[known] + pattern[known, hour] + 6 * pattern[known, "day", day]
+                    + 11 * pattern[known, day, hour] for known in last}]
+                for result, score in zip(found, scores):
+                    if unit in last:
+                        place = sorted(last, key=lambda known: -score[known]).index(unit) + 1
+                        for column, limit in enumerate((1, 3, 5)):
+                            result[column] += place <= limit
+                        result[3] += 1 / place
+            last[unit] = start
+            left, moment = min(duration, 12000), start
+            total[unit] += duration
+            while left > 0:
+                local = datetime.datetime.fromtimestamp(moment, zone)
+                piece = min(left, 3600 - local.minute * 60 - local.second)
+                day, hour = local.isoweekday() % 7, local.hour
+                for key in ((unit, hour), (unit, "day", day), (unit, day, hour)):
+                    pattern[key] += piece
+                left -= piece
+                moment += piece
+        return tries, [[f"{100 * hits / tries:.1f}" for hits in row[:3]] + [f"{row[3] / tries:.3f}"] for row in found]
+
+    def test_evaluates_how_often_the_next_use_was_foreseen(self):
+        tries, expected = self.foreseen("tv_a.csv", "America/Sao_Paulo")
+        text = self.run_host("--evaluate", HISTORIES / "tv_a.csv", zone="America/Sao_Paulo").stdout
+        self.assertIn(f"the last {tries} of 2121 records", text)
+        rows = [line.replace("%", "").split() for line in text.splitlines()]
+        self.assertEqual([row[-4:] for row in rows if row[:1] in (["recency"], ["total"], ["week"])], expected)
+        bandits = {row[0]: [float(column) for column in row[-4:]] for row in rows[9:] if row}
+        self.assertEqual(list(bandits), ["epsilon-greedy", "softmax", "most", "Thompson", "Kalman"])
+        best = [max(float(row[column]) for row in expected) for column in range(4)]
+        for row in bandits.values():
+            self.assertTrue(all(0 < column <= limit for column, limit in zip(row, best)), row)
+
+    def test_evaluates_nothing_when_there_is_too_little(self):
+        self.assertIn("Nothing to foresee", self.run_host("--evaluate").stdout)
+
+    # What it answers.
+
+    @contextlib.contextmanager
+    def served(self, *arguments):
+        process = subprocess.Popen(self.command("--serve", 0, *arguments), stderr=subprocess.PIPE, encoding="utf-8",
+                                   start_new_session=True, env={**os.environ, "TZ": "UTC"})
+        try:
+            yield int(re.search(r"serving at port (\d+)", process.stderr.readline())[1]), process
+        finally:
+            if process.poll() is None:
+                os.killpg(process.pid, signal.SIGTERM)
+            self.rest = process.communicate(timeout=BOUND)[1]
+
+    def ask(self, port, *request, status=0):
+        result = subprocess.run([QUERY, str(port), *request], capture_output=True, encoding="utf-8", timeout=BOUND)
+        self.assertEqual(result.returncode, status, result.stderr)
+        return json.loads(result.stdout) if status == 0 else result.stderr
+
+    def wait_for(self, port, request, wanted):
+        deadline = time.monotonic() + BOUND
+        while self.ask(port, *request) != wanted:
+            self.assertLess(time.monotonic(), deadline, "the answer never came")
+            time.sleep(0.05)
+
+    def test_answers_requests_with_the_json_text(self):
+        path = self.write("a.csv", HEADER + "x,X,tv,100,5\ny,Y,,300,7\nz,Z,,200,6\n")
+        with self.served(path) as (port, _):
+            self.wait_for(port, ["rank", "mfu", "1"], {"Size": 1, "list": [{"Id": "y", "Score": 7.0}]})
+            self.assertEqual([item["Id"] for item in self.ask(port, "rank", "mru")["list"]], ["y", "z", "x"])
+            self.assertEqual([item["Id"] for item in self.ask(port, "rank", "mru", "2")["list"]], ["y", "z"])
+            self.assertEqual(self.ask(port, "rank", "date", "0"), {"Size": 0})
+            self.assertEqual(len(self.ask(port, "rank", "date")["list"]), 3)
+            self.assertEqual(self.ask(port, "weekly")["Size"], 7)
+            self.assertEqual(self.ask(port, "quit"), {"bye": True})
+            for request in (["rank"], ["rank", "best"], ["rank", "mru", "-1"], ["weekly", "now"], ["nonsense"]):
+                self.assertIn("error", self.ask(port, *request))
+        self.assertIn("no answer", self.ask(port, "rank", "mru", status=1))
+
+    def test_learns_what_is_added_while_it_serves(self):
+        with self.served(HISTORIES / "music_d.csv") as (port, _):
+            self.assertEqual(self.ask(port, "rank", "mfu"), {"Size": 0})
+            self.wait_for(port, ["rank", "mru", "1"],
+                          {"Size": 1, "list": [{"Id": "artist-00232082", "MetaDataSrc": "unspecified",
+                                                "Score": 1650663899.0}]})
+
+    def test_harms_nobody_when_a_request_is_hostile_or_half_finished(self):
+        path = self.write("a.csv", HEADER + "x,X,tv,100,5\n")
+        with self.served(path) as (port, process):
+            hostile = {
+                "nothing at all": b"",
+                "half a header": b"\0\0",
+                "half a text": b"\0\0\0\x09rank",
+                "a negative length": struct.pack(">i", -1),
+                "a huge length": struct.pack(">i", 2**31 - 1) + b"x" * 1000,
+                "no text": struct.pack(">i", 0),
+                "no terminator": struct.pack(">i", 4) + b"rank",
+                "bytes": struct.pack(">i", 200) + bytes(range(200)),
+            }
+            for name, sent in hostile.items():
+                with self.subTest(name):
+                    with socket.create_connection(("127.0.0.1", port), timeout=BOUND) as client:
+                        client.sendall(sent)
+                    self.wait_for(port, ["rank", "mfu"],
+                                  {"Size": 1, "list": [{"Id": "x", "MetaDataSrc": "tv", "Score": 5.0}]})
+            with socket.create_connection(("127.0.0.1", port), timeout=BOUND) as silent:
+                silent.sendall(b"\0")
+                begun = time.monotonic()
+                self.assertIn("list", self.ask(port, "rank", "mfu"))
+                self.assertLess(time.monotonic() - begun, 20)
+                self.assertEqual(silent.recv(1), b"", "the silent client was cut off")
+            self.assertIsNone(process.poll())
+
+    def test_says_so_when_the_port_is_taken(self):
+        with socket.create_server(("0.0.0.0", 0)) as taken:
+            result = self.run_host("--serve", taken.getsockname()[1], status=6)
+            self.assertIn("cannot open port", result.stderr)
+
+    def test_ends_its_service_when_it_is_told_to(self):
+        with self.served("--track-memory") as (port, process):
+            self.assertIn("error", self.ask(port, "nonsense"))
+            os.killpg(process.pid, signal.SIGTERM)
+            process.wait(timeout=BOUND)
+        self.assertIn("the host's own buffers: 0 blocks in use with 0 bytes, at most 256 bytes at once", self.rest)
+
+    def test_counts_the_buffers_of_an_import(self):
+        path = self.write("a.csv", HEADER + "x,X,tv,100,5\n")
+        self.assertIn(f"0 blocks in use with 0 bytes, at most {path.stat().st_size} bytes at once",
+                      self.run_host("--track-memory", path).stderr)
 
     # What is stored once and what counts.
 
@@ -207,7 +360,8 @@ class ContextHostTest(unittest.TestCase):
 
     def test_reports_a_wrong_command_line(self):
         for arguments in (["--nonsense"], ["--agent", "best"], ["--max", "many"], ["--max", "-1"],
-                          ["--min-duration", "-1"], ["--weekly", "--agent", "mru"], ["--database", "../x"]):
+                          ["--min-duration", "-1"], ["--weekly", "--agent", "mru"], ["--database", "../x"],
+                          ["--evaluate", "--json"], ["--serve", "-2"], ["--serve", "65536"]):
             with self.subTest(arguments):
                 result = self.run_host(*arguments, status=2)
                 self.assertIn("--help", result.stderr)
@@ -272,4 +426,4 @@ class ContextHostTest(unittest.TestCase):
 
 
 if __name__ == "__main__":
-    unittest.main(argv=sys.argv[:1] + sys.argv[3:], verbosity=1)
+    unittest.main(argv=sys.argv[:1] + sys.argv[4:], verbosity=1)

@@ -5,14 +5,18 @@
 
 namespace {
 
-thread_local int t_failing = 0;
+thread_local int t_allowed = 0;   ///< let through before any fail
+thread_local int t_failures = 0;  ///< still to come
 
-void* AllocateUnlessFailing(std::size_t size) noexcept {
-    if (t_failing > 0) {
+/// Hands on to the throwing form of the same kind, so that `delete` and `delete[]` find what they expect.
+template <class Allocate>
+void* AllocateUnlessFailing(Allocate allocate) noexcept {
+    if (t_failures > 0 && t_allowed-- <= 0) {
+        --t_failures;
         return nullptr;
     }
     try {
-        return ::operator new(size);
+        return allocate();
     } catch (const std::bad_alloc&) {
         return nullptr;
     }
@@ -21,17 +25,18 @@ void* AllocateUnlessFailing(std::size_t size) noexcept {
 }  // namespace
 
 void* operator new(std::size_t size, const std::nothrow_t& /*tag*/) noexcept {
-    return AllocateUnlessFailing(size);
+    return AllocateUnlessFailing([size] { return ::operator new(size); });
 }
 
 void* operator new[](std::size_t size, const std::nothrow_t& /*tag*/) noexcept {
-    return AllocateUnlessFailing(size);
+    return AllocateUnlessFailing([size] { return ::operator new[](size); });
 }
 
-FailingAllocation::FailingAllocation() {
-    ++t_failing;
+FailingAllocation::FailingAllocation(int allowed, int failures) {
+    t_allowed = allowed;
+    t_failures = failures;
 }
 
 FailingAllocation::~FailingAllocation() {
-    --t_failing;
+    t_failures = 0;
 }

@@ -28,6 +28,13 @@ protected:
     Filter m_filter;
 };
 
+struct FilterName {
+    template <class Filter>
+    static std::string GetName(int /*index*/) {
+        return "Filter";
+    }
+};
+
 TYPED_TEST_SUITE_P(NameFilterTest);
 
 TYPED_TEST_P(NameFilterTest, IsAPlainMapWithoutVirtualOperations) {

@@ -1,0 +1,38 @@
+// SPDX-License-Identifier: Apache-2.0
+#ifndef LUMORA_COMMON_SRC_PROVIDER_MINIMAL_STANDARD_ENGINE_H
+#define LUMORA_COMMON_SRC_PROVIDER_MINIMAL_STANDARD_ENGINE_H
+
+#include <cstdint>
+
+/// The minimal standard generator with state 1, and doubles from it as the standard library's canonical generation
+/// makes them; our own, because that generation is free to change from one standard library to the next.
+class MinimalStandardEngine {
+public:
+    /// @return a variate of 53 bits, at least 0 and below 1, made of two outputs.
+    constexpr double Canonical() {
+        const std::uint32_t first = Next_();
+        const std::uint32_t second = Next_();
+        return CanonicalOf(first, second);
+    }
+
+    static constexpr double CanonicalOf(std::uint32_t first, std::uint32_t second) {
+        const double low = first - 1;
+        const double high = second - 1;
+        const double value = (low + high * kOutputs) / (kOutputs * kOutputs);
+        return value < 1.0 ? value : kJustBelowOne;
+    }
+
+private:
+    static constexpr std::uint32_t kModulus = 2147483647;
+    static constexpr double kOutputs = 2147483646.0;  ///< how many there are: 1 to this
+    static constexpr double kJustBelowOne = 0x1.fffffffffffffp-1;
+
+    constexpr std::uint32_t Next_() {
+        m_state = static_cast<std::uint32_t>(std::uint64_t{m_state} * 16807 % kModulus);
+        return m_state;
+    }
+
+    std::uint32_t m_state = 1;
+};
+
+#endif  // LUMORA_COMMON_SRC_PROVIDER_MINIMAL_STANDARD_ENGINE_H

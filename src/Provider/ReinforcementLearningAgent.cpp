@@ -1,0 +1,166 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "Provider/ReinforcementLearningAgent.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstddef>
+#include <cstdlib>
+
+#include "Provider/MinimalStandardEngine.h"
+#include "Provider/RandSeed.h"
+#include "Provider/RandomSampling.h"
+
+namespace {
+
+constexpr double kLargestDraw = 2147483647.0;  ///< of `rand_r`
+constexpr double kNothingPositiveYet = 1e-7;   ///< a highest mean reward up to this is still explored
+constexpr double kRewardScale = 100.0;         ///< how often a reward enters the Kalman mean
+
+/// Asks for the value of every action in turn.
+/// @return the lowest action with the highest value; 0 when there is none.
+template <typename ValueOf>
+std::size_t Highest(std::size_t n, ValueOf valueOf) {
+    std::size_t best = 0;
+    double highest = 0.0;
+    for (std::size_t i = 0; i < n; ++i) {
+        const double value = valueOf(i);
+        if (i == 0 || value > highest) {
+            best = i;
+            highest = value;
+        }
+    }
+    return best;
+}
+
+/// The polar method on the minimal standard generator, which gives the same value every time.
+double FixedNormal() {
+    MinimalStandardEngine engine;
+    double y = 0.0;
+    double r2 = 0.0;
+    do {
+        const double x = 2.0 * engine.Canonical() - 1.0;
+        y = 2.0 * engine.Canonical() - 1.0;
+        r2 = x * x + y * y;
+    } while (r2 > 1.0 || r2 == 0.0);
+    return y * std::sqrt(-2.0 * std::log(r2) / r2);
+}
+
+std::size_t SizeOf(int n) {
+    return static_cast<std::size_t>(std::max(n, 0));
+}
+
+constexpr double FixedUniform() {
+    MinimalStandardEngine engine;
+    return engine.Canonical();
+}
+
+constexpr double kFixedUniform = FixedUniform();
+static_assert(kFixedUniform == 0.13153778773876065, "the softmax agent's draw is a promise");
+
+}  // namespace
+
+ReinforcementLearningAgent::ReinforcementLearningAgent(const int& n)
+    : m_nActions(std::max(n, 0)), m_vecCount(SizeOf(n), 0), m_vecQ(SizeOf(n), 0.0) {}
+
+ReinforcementLearningAgent::~ReinforcementLearningAgent() = default;
+
+void ReinforcementLearningAgent::UpdateQ(const int& action, const int& reward) {
+    const auto i = static_cast<std::size_t>(action);
+    ++m_vecCount[i];
+    m_vecQ[i] += (1.0 / m_vecCount[i]) * (reward - m_vecQ[i]);
+}
+
+EpsilonGreedyAgent::EpsilonGreedyAgent(const int& n, const double& epsilon)
+    : ReinforcementLearningAgent(n), m_dEpsilon(epsilon) {}
+
+EpsilonGreedyAgent::~EpsilonGreedyAgent() = default;
+
+int EpsilonGreedyAgent::ChooseAction() {
+    const double r = rand_r(&rand_seed) / kLargestDraw;
+    const std::size_t best = Highest(m_vecQ.size(), [this](std::size_t i) { return m_vecQ[i]; });
+    if (m_nActions > 0 && !(m_dEpsilon > r) && m_vecQ[best] > kNothingPositiveYet) {
+        return static_cast<int>(best);
+    }
+    const int draw = rand_r(&rand_seed);
+    return m_nActions > 0 ? draw % m_nActions : 0;
+}
+
+SoftmaxAgent::SoftmaxAgent(const int& n, const double& temperature)
+    : ReinforcementLearningAgent(n), m_dTemperature(temperature) {}
+
+SoftmaxAgent::~SoftmaxAgent() = default;
+
+int SoftmaxAgent::ChooseAction() {
+    const auto weightOf = [this](double q) { return m_dTemperature > 0.0 ? std::exp(q / m_dTemperature) : 1.0; };
+    double sum = 0.0;
+    for (const double q : m_vecQ) {
+        sum += weightOf(q);
+    }
+    double cumulative = 0.0;
+    for (std::size_t i = 0; i < m_vecQ.size(); ++i) {
+        cumulative += weightOf(m_vecQ[i]) / sum;
+        if (cumulative > kFixedUniform) {
+            return static_cast<int>(i);
+        }
+    }
+    return m_nActions - 1;
+}
+
+MFUAgent::MFUAgent(const int& n) : ReinforcementLearningAgent(n) {}
+
+MFUAgent::~MFUAgent() = default;
+
+int MFUAgent::ChooseAction() {
+    return static_cast<int>(Highest(m_vecCount.size(), [this](std::size_t i) { return m_vecCount[i]; }));
+}
+
+ThomsonSamplingAgent::ThomsonSamplingAgent(const int& n, const double& alpha, const double& beta)
+    : ReinforcementLearningAgent(n),
+      m_dAlpha(alpha),
+      m_dBeta(beta),
+      m_vecSuccess(SizeOf(n), 0),
+      m_vecFailure(SizeOf(n), 0) {}
+
+ThomsonSamplingAgent::~ThomsonSamplingAgent() = default;
+
+void ThomsonSamplingAgent::UpdateQ(const int& action, const int& reward) {
+    ++(reward == 1 ? m_vecSuccess : m_vecFailure)[static_cast<std::size_t>(action)];
+    ReinforcementLearningAgent::UpdateQ(action, reward);
+}
+
+int ThomsonSamplingAgent::ChooseAction() {
+    const auto thetaOf = [this](std::size_t i) {
+        return RandomBeta<double>(m_vecSuccess[i] + m_dAlpha, m_vecFailure[i] + m_dBeta);
+    };
+    return static_cast<int>(Highest(m_vecSuccess.size(), thetaOf));
+}
+
+KalmanFilterAgent::KalmanFilterAgent(const int& n, const double& observationNoise, const double& processNoise,
+                                     const double& initialMean, const double& initialVariance)
+    : ReinforcementLearningAgent(n),
+      m_dObservationNoise(observationNoise),
+      m_dProcessNoise(processNoise),
+      m_dInitialMean(initialMean),
+      m_dInitialVariance(initialVariance),
+      m_vecMean(SizeOf(n), initialMean),
+      m_vecVariance(SizeOf(n), initialVariance) {}
+
+KalmanFilterAgent::~KalmanFilterAgent() = default;
+
+void KalmanFilterAgent::UpdateQ(const int& action, const int& reward) {
+    ReinforcementLearningAgent::UpdateQ(action, reward);
+    for (double& variance : m_vecVariance) {
+        variance += m_dProcessNoise;
+    }
+    const auto i = static_cast<std::size_t>(action);
+    const double p = m_vecVariance[i];
+    const double r = m_dObservationNoise;
+    m_vecMean[i] = (kRewardScale * p * reward + r * m_vecMean[i]) / (p + r);
+    m_vecVariance[i] = r * p / (p + r);
+}
+
+int KalmanFilterAgent::ChooseAction() {
+    static const double normal = FixedNormal();
+    const auto sampleOf = [this](std::size_t i) { return normal * m_vecVariance[i] + m_vecMean[i]; };
+    return static_cast<int>(Highest(m_vecMean.size(), sampleOf));
+}

@@ -1,0 +1,72 @@
+// SPDX-License-Identifier: Apache-2.0
+#ifndef LUMORA_COMMON_SRC_TIME_TEXT_H
+#define LUMORA_COMMON_SRC_TIME_TEXT_H
+
+#include <array>
+#include <cstddef>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <string>
+
+/// What time texts are put together from and cut into.
+namespace TimeText {
+
+constexpr const char* kCompactForm = "%Y%m%d%H%M%S";
+constexpr const char* kDisplayForm = "%Y-%m-%d %H:%M:%S%z";
+
+constexpr std::size_t kCompactSize = 15;  ///< with the terminator
+constexpr std::size_t kDisplaySize = 25;
+
+/// Year, month, day, hour, minute and second.
+using Pieces = std::array<std::string, 6>;
+using Starts = std::array<std::size_t, 6>;
+
+constexpr Starts kCompactStarts{0, 4, 6, 8, 10, 12};
+constexpr Starts kSqlStarts{0, 5, 8, 11, 14, 17};
+
+/// @throws std::out_of_range when a piece starts behind the end of the text.
+inline Pieces Cut(const std::string& text, const Starts& starts) {
+    Pieces pieces;
+    for (std::size_t piece = 0; piece < pieces.size(); ++piece) {
+        pieces[piece] = text.substr(starts[piece], piece == 0 ? 4 : 2);
+    }
+    return pieces;
+}
+
+/// @return local time; all zero for a time whose year no `int` holds.
+inline std::tm Local(std::time_t seconds) {
+    std::tm time{};
+    return localtime_r(&seconds, &time) != nullptr ? time : std::tm{};
+}
+
+/// @return what strftime() leaves in a buffer of this size, also when it does not fit.
+template <std::size_t Size>
+std::string Format(const char* form, const std::tm& time) {
+    char buffer[Size] = {};
+    std::strftime(buffer, Size, form, &time);
+    return {buffer, strnlen(buffer, Size)};
+}
+
+/// @return the present moment, except for the six fields of a compact text. Year and month are as they are read.
+inline std::tm CutUnadjusted(const std::string& text) {
+    std::tm time = Local(std::time(nullptr));
+    const Pieces pieces = Cut(text, kCompactStarts);
+    int* const fields[] = {&time.tm_year, &time.tm_mon, &time.tm_mday, &time.tm_hour, &time.tm_min, &time.tm_sec};
+    for (std::size_t piece = 0; piece < pieces.size(); ++piece) {
+        *fields[piece] = static_cast<int>(std::strtol(pieces[piece].c_str(), nullptr, /*base=*/10));
+    }
+    return time;
+}
+
+/// The same with year and month as `std::tm` counts them.
+inline std::tm CutTime(const std::string& text) {
+    std::tm time = CutUnadjusted(text);
+    time.tm_year -= 1900;
+    time.tm_mon -= 1;
+    return time;
+}
+
+}  // namespace TimeText
+
+#endif  // LUMORA_COMMON_SRC_TIME_TEXT_H

@@ -1,0 +1,458 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <gtest/gtest.h>
+
+#include <climits>
+#include <cstdint>
+#include <ctime>
+#include <functional>
+#include <limits>
+#include <memory>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "CapturedLog.h"
+#include "ContextString.h"
+#include "Surroundings.h"
+#include "TestClock.h"
+
+namespace {
+
+using namespace std::string_literals;
+using Surroundings::TimeZone;
+using TestClock::Frozen;
+using Row = std::vector<std::string>;
+using Texts = std::vector<std::string>;
+
+constexpr bool kIsTimeShort = sizeof(std::time_t) == 4;
+constexpr bool kIsLongShort = sizeof(long) == 4;
+
+constexpr const char* kParis = "CET-1CEST,M3.5.0,M10.5.0/3";
+constexpr std::time_t kWinter = 1705312800;  // 15 January 2024
+constexpr std::time_t kSummer = 1721037600;  // 15 July 2024
+
+/// Reads a table of tests/data/vectors without its head. tests/vectors/times.py says what the columns mean.
+std::vector<Row> ReadVectors(const std::string& name) {
+    std::istringstream table(Surroundings::ReadFile(std::string(LUMORA_TEST_DATA) + "/vectors/" + name));
+    std::vector<Row> rows;
+    std::string line;
+    std::getline(table, line);
+    while (std::getline(table, line)) {
+        std::istringstream columns(line);
+        Row& row = rows.emplace_back();
+        for (std::string column; std::getline(columns, column, '\t');) {
+            row.push_back(column);
+        }
+    }
+    return rows;
+}
+
+/// What `time_t` makes of seconds: those that it cannot hold are -1.
+std::time_t Held(std::int64_t seconds) {
+    const bool fits =
+        seconds >= std::numeric_limits<std::time_t>::min() && seconds <= std::numeric_limits<std::time_t>::max();
+    return fits ? static_cast<std::time_t>(seconds) : -1;
+}
+
+/// What `long` makes of a date as a number.
+long Saturated(std::int64_t number) {
+    return kIsLongShort ? static_cast<long>(std::min<std::int64_t>(number, LONG_MAX)) : static_cast<long>(number);
+}
+
+/// The operations that cut a text by position, by name.
+struct Cutter {
+    const char* name;
+    std::function<std::int64_t(const std::string&)> cut;
+};
+
+std::vector<Cutter> Cutters() {
+    return {{"stringToUTCTime", [](const std::string& text) { return ContextString::stringToUTCTime(text); }},
+            {"time_cal", [](const std::string& text) { return ContextString::time_cal(text); }},
+            {"StringToUTC", [](const std::string& text) { return ContextString::StringToUTC(text); }}};
+}
+
+void ExpectOutOfRange(const std::function<void()>& call, const std::string& name) {
+    try {
+        call();
+        ADD_FAILURE() << name << " threw nothing";
+    } catch (const std::out_of_range& error) {
+        EXPECT_EQ(std::string(error.what()).find("basic_string::substr"), 0U) << name << ": " << error.what();
+    }
+}
+
+std::tm BrokenDown(int year, int month, int day, int hour, int minute, int second) {
+    std::tm time{};
+    time.tm_year = year;
+    time.tm_mon = month;
+    time.tm_mday = day;
+    time.tm_hour = hour;
+    time.tm_min = minute;
+    time.tm_sec = second;
+    return time;
+}
+
+class ContextStringTimeTest : public ::testing::Test {
+protected:
+    void SetUp() override { CapturedLog::Clear(); }
+    void TearDown() override { TestClock::Release(); }
+};
+
+// Writing
+
+TEST_F(ContextStringTimeTest, WritesTheTimesOfManyZones) {
+    const std::vector<Row> rows = ReadVectors("time-texts.tsv");
+    ASSERT_GT(rows.size(), 300U);
+    const Frozen clock(kSummer);
+    for (const Row& row : rows) {
+        ASSERT_EQ(row.size(), 4U);
+        const std::int64_t seconds = std::stoll(row[1]);
+        if (seconds > LONG_MAX) {
+            continue;  // cannot be passed
+        }
+        const TimeZone zone(row[0]);
+        EXPECT_EQ(ContextString::ConvertTimeFormat(static_cast<long>(seconds)), row[2]) << row[0] << " " << seconds;
+        if (seconds != 0) {
+            EXPECT_EQ(ContextString::ConvertUTCToLocaltime(static_cast<long>(seconds)), row[3])
+                << row[0] << " " << seconds;
+        }
+    }
+    EXPECT_TRUE(CapturedLog::Lines().empty());
+}
+
+TEST_F(ContextStringTimeTest, TakesZeroForTheEpochInTheCompactForm) {
+    const TimeZone zone("UTC0");
+    const Frozen clock(kSummer);
+    EXPECT_EQ(ContextString::ConvertTimeFormat(0), "19700101000000");
+}
+
+TEST_F(ContextStringTimeTest, TakesZeroForThePresentMomentInTheDisplayForm) {
+    const TimeZone zone("JST-9");
+    const Frozen clock(1709615229);
+    EXPECT_EQ(ContextString::ConvertUTCToLocaltime(0), "2024-03-05 14:07:09+0900");
+    TestClock::Advance(1);
+    EXPECT_EQ(ContextString::ConvertUTCToLocaltime(0), "2024-03-05 14:07:10+0900");
+    EXPECT_EQ(ContextString::ConvertUTCToLocaltime(1), "1970-01-01 09:00:01+0900");
+    EXPECT_EQ(ContextString::ConvertUTCToLocaltime(-1), "1970-01-01 08:59:59+0900");
+}
+
+TEST_F(ContextStringTimeTest, CutsYearsOfFiveDigitsShort) {
+    if constexpr (!kIsLongShort) {
+        const TimeZone zone("UTC0");
+        constexpr std::int64_t kYear10000 = 253402300800;
+        EXPECT_EQ(ContextString::ConvertTimeFormat(static_cast<long>(kYear10000 - 1)), "99991231235959");
+        const std::string compact = ContextString::ConvertTimeFormat(static_cast<long>(kYear10000));
+        EXPECT_LT(compact.size(), 15U);
+        EXPECT_EQ(std::string("100000101000000").find(compact), 0U) << compact;
+        const std::string display = ContextString::ConvertUTCToLocaltime(static_cast<long>(kYear10000));
+        EXPECT_LT(display.size(), 25U);
+        EXPECT_EQ(std::string("10000-01-01 00:00:00+0000").find(display), 0U) << display;
+    } else {
+        const TimeZone zone("UTC0");
+        EXPECT_EQ(ContextString::ConvertTimeFormat(LONG_MAX), "20380119031407");
+        EXPECT_EQ(ContextString::ConvertTimeFormat(LONG_MIN), "19011213204552");
+    }
+}
+
+TEST_F(ContextStringTimeTest, HasATextForTimesBeyondTheCalendar) {
+    if constexpr (!kIsLongShort) {
+        const TimeZone zone("UTC0");
+        for (const long seconds : {LONG_MAX, LONG_MIN}) {
+            EXPECT_EQ(ContextString::ConvertTimeFormat(seconds), "19000100000000");
+            EXPECT_EQ(ContextString::ConvertUTCToLocaltime(seconds).substr(0, 19), "1900-01-00 00:00:00");
+        }
+    }
+}
+
+TEST_F(ContextStringTimeTest, WritesBrokenDownTimesFieldByField) {
+    const struct {
+        const char* name;
+        std::tm time;
+        const char* text;
+    } rows[] = {
+        {"padded", BrokenDown(124, 2, 5, 9, 7, 3), "20240305090703"},
+        {"two digits", BrokenDown(124, 11, 31, 23, 59, 59), "20241231235959"},
+        {"zeros", BrokenDown(0, 0, 0, 0, 0, 0), "19000100000000"},
+        {"longer fields stay", BrokenDown(124, 99, 100, 101, 102, 103), "2024100100101102103"},
+        {"negative fields stay", BrokenDown(124, -6, -5, -1, -10, -59), "2024-5-5-1-10-59"},
+        {"month before January", BrokenDown(124, -1, 1, 0, 0, 0), "20240001000000"},
+        {"years are never padded", BrokenDown(5 - 1900, 2, 5, 14, 7, 9), "50305140709"},
+        {"years below zero", BrokenDown(-1907, 2, 5, 14, 7, 9), "-70305140709"},
+        {"years of five digits", BrokenDown(8100, 0, 1, 0, 0, 0), "100000101000000"},
+        {"the last year and month", BrokenDown(INT_MAX, INT_MAX, 1, 0, 0, 0), "2147485547214748364801000000"},
+    };
+    for (const auto& row : rows) {
+        std::tm time = row.time;
+        time.tm_isdst = 1;
+        EXPECT_EQ(ContextString::time_cal(&time), row.text) << row.name;
+        EXPECT_EQ(time.tm_mon, row.time.tm_mon) << row.name;
+        EXPECT_EQ(time.tm_isdst, 1) << row.name;
+    }
+    EXPECT_TRUE(CapturedLog::Lines().empty());
+}
+
+// Reading
+
+TEST_F(ContextStringTimeTest, ReadsTheTextsOfManyZonesAtManyPresentMoments) {
+    const std::vector<Row> rows = ReadVectors("time-parses.tsv");
+    ASSERT_GT(rows.size(), 1000U);
+    for (const Row& row : rows) {
+        ASSERT_EQ(row.size(), 7U);
+        const std::string& text = row[2];
+        const std::string place = row[0] + " at " + row[1] + ": " + text;
+        const TimeZone zone(row[0]);
+        const Frozen clock(static_cast<std::time_t>(std::stoll(row[1])));
+        if (row[3] != "-") {
+            const auto bar = row[3].find('|');
+            const std::time_t first = Held(std::stoll(row[3]));
+            const std::time_t second = bar == std::string::npos ? first : Held(std::stoll(row[3].substr(bar + 1)));
+            const std::time_t read = ContextString::ConvertTimeStringToUTC(text);
+            EXPECT_TRUE(read == first || read == second) << place << " gives " << read << " for " << row[3];
+            EXPECT_EQ(ContextString::ConvertTimeStringToUTC(text.c_str()), read) << place;
+        }
+        EXPECT_EQ(ContextString::stringToUTCTime(text), Held(std::stoll(row[4]))) << place;
+        if (row[5] != "-") {
+            EXPECT_EQ(ContextString::time_cal(text), Held(std::stoll(row[5]))) << place;
+        }
+        EXPECT_EQ(ContextString::StringToUTC(text), Saturated(std::stoll(row[6]))) << place;
+    }
+}
+
+TEST_F(ContextStringTimeTest, LooksUpWhetherDaylightSavingWasInForce) {
+    const TimeZone zone(kParis);
+    for (const std::time_t now : {kWinter, kSummer}) {
+        const Frozen clock(now);
+        EXPECT_EQ(ContextString::ConvertTimeStringToUTC("20240115120000"), 1705320000 - 3600);
+        EXPECT_EQ(ContextString::ConvertTimeStringToUTC("20240715120000"), 1721044800 - 7200);
+    }
+}
+
+TEST_F(ContextStringTimeTest, ReadsEveryDateAsIfDaylightSavingWereAsNow) {
+    const TimeZone zone(kParis);
+    {
+        const Frozen clock(kWinter);
+        EXPECT_EQ(ContextString::stringToUTCTime("20240115120000"), 1705320000 - 3600);
+        EXPECT_EQ(ContextString::stringToUTCTime("20240715120000"), 1721044800 - 3600);
+        EXPECT_EQ(ContextString::StringToUTC("20240715120000"), Saturated(20240715130000));
+    }
+    {
+        const Frozen clock(kSummer);
+        EXPECT_EQ(ContextString::stringToUTCTime("20240115120000"), 1705320000 - 7200);
+        EXPECT_EQ(ContextString::stringToUTCTime("20240715120000"), 1721044800 - 7200);
+        EXPECT_EQ(ContextString::StringToUTC("20240115120000"), Saturated(20240115110000));
+    }
+}
+
+TEST_F(ContextStringTimeTest, ChangesItsReadingInTheSecondThatTheClockChanges) {
+    const TimeZone zone(kParis);
+    constexpr std::time_t kSpringForward = 1711846800;  // 31 March 2024, 01:00 UTC
+    const Frozen clock(kSpringForward - 1);
+    EXPECT_EQ(ContextString::stringToUTCTime("20240305140709"), 1709647629 - 3600);
+    TestClock::Advance(1);
+    EXPECT_EQ(ContextString::stringToUTCTime("20240305140709"), 1709647629 - 7200);
+}
+
+TEST_F(ContextStringTimeTest, ReadsTheEpoch) {
+    const TimeZone zone("UTC0");
+    EXPECT_EQ(ContextString::ConvertTimeStringToUTC("19700101000000"), 0);
+    EXPECT_EQ(ContextString::ConvertTimeStringToUTC(std::string("19700101000000")), 0);
+    EXPECT_EQ(ContextString::stringToUTCTime("19700101000000"), 0);
+}
+
+TEST_F(ContextStringTimeTest, CarriesValuesOutOfRangeOver) {
+    const TimeZone zone("UTC0");
+    const struct {
+        const char* text;
+        std::time_t seconds;
+    } rows[] = {
+        {"20241301000000", 1735689600},  // 1 January 2025
+        {"20240231000000", 1709337600},  // 2 March
+        {"20240000000000", 1701302400},  // month 0, day 0: 30 November
+        {"20240305992060", 1709954460},
+    };
+    for (const auto& row : rows) {
+        EXPECT_EQ(ContextString::stringToUTCTime(row.text), row.seconds) << row.text;
+    }
+}
+
+TEST_F(ContextStringTimeTest, ReadsPiecesAsNumbersWithWhatIsAroundThem) {
+    const TimeZone zone("UTC0");
+    const struct {
+        const char* name;
+        std::string text;
+        const char* same;
+    } rows[] = {
+        {"12 characters have no seconds", "202403051407", "20240305140700"},
+        {"13 have one digit of them", "2024030514079", "20240305140709"},
+        {"what follows the 14th is ignored", "20240305140709999", "20240305140709"},
+        {"leading blanks", "2024 3 514 7 9", "20240305140709"},
+        {"signs", "2024+3+514-1+9", "20240305135909"},
+        {"junk behind a digit", "20243x5y147z9!", "20240305140709"},
+        {"no digit is zero", "2024ab05140709", "20240005140709"},
+        {"not hexadecimal", "20240305140x0x", "20240305140000"},
+        {"not octal", "20240809080908", "2024 8 9 8 9 8"},
+        {"a zero byte ends a piece", "20243\0"s + "05140709", "20240305140709"},
+    };
+    for (const auto& row : rows) {
+        for (const Cutter& cutter : Cutters()) {
+            EXPECT_EQ(cutter.cut(row.text), cutter.cut(row.same)) << cutter.name << ": " << row.name;
+        }
+    }
+    EXPECT_EQ(ContextString::stringToUTCTime("20240305140709"), 1709647629);
+}
+
+TEST_F(ContextStringTimeTest, ThrowsForTextsTooShortToCut) {
+    const std::string text = "202403051407";
+    for (const Cutter& cutter : Cutters()) {
+        for (std::size_t length = 0; length < text.size(); ++length) {
+            ExpectOutOfRange([&] { cutter.cut(text.substr(0, length)); },
+                             std::string(cutter.name) + " of " + std::to_string(length));
+        }
+        CapturedLog::Clear();
+        ExpectOutOfRange([&] { cutter.cut("20240305"); }, cutter.name);
+        EXPECT_TRUE(CapturedLog::Lines().empty()) << cutter.name;
+        EXPECT_NO_THROW(cutter.cut(text)) << cutter.name;
+    }
+}
+
+TEST_F(ContextStringTimeTest, LeavesYearAndMonthUnadjustedInTheTextFormOfTimeCal) {
+    const TimeZone zone("UTC0");
+    const Frozen clock(kWinter);
+    EXPECT_EQ(ContextString::time_cal("20240305140709"), Held(61670470029));  // 5 April 3924
+    EXPECT_EQ(ContextString::time_cal("00700001000000"), 0);                  // year 70, month 0
+    EXPECT_EQ(ContextString::time_cal("01240205140709"), 1709647629);
+    EXPECT_TRUE(CapturedLog::Lines().empty());
+}
+
+TEST_F(ContextStringTimeTest, GivesMinusOneForTimesThatTimeCannotHold) {
+    const TimeZone zone("UTC0");
+    const std::time_t expected = kIsTimeShort ? -1 : static_cast<std::time_t>(2208988800LL);
+    EXPECT_EQ(ContextString::ConvertTimeStringToUTC("20400101000000"), expected);
+    EXPECT_EQ(ContextString::stringToUTCTime("20400101000000"), expected);
+    EXPECT_EQ(ContextString::time_cal("01400001000000"), expected);
+    EXPECT_TRUE(CapturedLog::Lines().empty());
+}
+
+TEST_F(ContextStringTimeTest, LeavesATimeThatItsZoneDoesNotKnowToTheCLibrary) {
+    const TimeZone zone("America/Sao_Paulo");
+    const Frozen clock(1421323200);  // 15 January 2015, with daylight saving; there is none since 2019
+    std::tm time = BrokenDown(2035 - 1900, 2, 5, 14, 7, 9);
+    time.tm_isdst = 1;
+    EXPECT_EQ(ContextString::stringToUTCTime("20350305140709"), std::mktime(&time));
+}
+
+TEST_F(ContextStringTimeTest, TakesWhatCouldBeReadOfATextThatIsNoTime) {
+    const TimeZone zone("UTC0");
+    const struct {
+        const char* text;
+        std::int64_t seconds;
+    } rows[] = {
+        {"", -2209075200},         // 31 December 1899: day 0 of the year 1900
+        {"noon", -2209075200},     //
+        {"2024", 1703980800},      // 31 December 2023
+        {"20240305", 1709596800},  // midnight
+        {"202403051407", 1709647620},
+        {"20240305140709 and more", 1709647629},
+        {"202403", 1709164800},  // 29 February: day 0 of March
+        {"202403xx140709", 1709164800},
+    };
+    for (const auto& row : rows) {
+        EXPECT_EQ(ContextString::ConvertTimeStringToUTC(row.text), Held(row.seconds)) << row.text;
+        EXPECT_EQ(ContextString::ConvertTimeStringToUTC(std::string(row.text)), Held(row.seconds)) << row.text;
+    }
+    EXPECT_EQ(ContextString::ConvertTimeStringToUTC(static_cast<const char*>(nullptr)), Held(-2209075200));
+    EXPECT_EQ(ContextString::ConvertTimeStringToUTC("20240305\0"s + "140709"), 1709596800);
+    EXPECT_TRUE(CapturedLog::Lines().empty());
+}
+
+TEST_F(ContextStringTimeTest, LogsTheNormalizedFieldsAndTheNumberOfADate) {
+    const TimeZone zone("UTC0");
+    const Frozen clock(kWinter);
+    // 29 February, 24 hours, 60 minutes and 61 seconds: 1 March, 01:01:01.
+    EXPECT_EQ(ContextString::StringToUTC("20240229246061"), Saturated(20240301010101));
+    const Texts formats = {
+        "ContextString::strTime  %s (%d) tm->tm_year [%s]", "ContextString::strTime  %s (%d) tm->tm_mon [%s]",
+        "ContextString::strTime  %s (%d) tm->tm_mday [%s]", "ContextString::strTime  %s (%d) tm->tm_hour [%s]",
+        "ContextString::strTime  %s (%d) tm->tm_min [%s]",  "ContextString::strTime  %s (%d) tm->tm_sec  [%s]",
+        "ContextString::strTime  %s (%d) result  [%s]",
+    };
+    const std::string number = kIsLongShort ? "2147483647" : "-1879855947";  // the low 32 bits
+    const Texts messages = {
+        "I ContextString::strTime  20240229246061 (124) tm->tm_year []",
+        "I ContextString::strTime  20240229246061 (2) tm->tm_mon []",
+        "I ContextString::strTime  20240229246061 (1) tm->tm_mday []",
+        "I ContextString::strTime  20240229246061 (1) tm->tm_hour []",
+        "I ContextString::strTime  20240229246061 (1) tm->tm_min []",
+        "I ContextString::strTime  20240229246061 (1) tm->tm_sec  []",
+        "I ContextString::strTime  20240229246061 (" + number + ") result  []",
+    };
+    EXPECT_EQ(CapturedLog::Messages(), messages);
+    const std::vector<CapturedLog::Line> lines = CapturedLog::Lines();
+    ASSERT_EQ(lines.size(), formats.size());
+    for (std::size_t line = 0; line < lines.size(); ++line) {
+        EXPECT_EQ(lines[line].format, formats[line]);
+        EXPECT_EQ(lines[line].buffer, 0);
+        EXPECT_EQ(lines[line].priority, 4);
+        EXPECT_EQ(lines[line].tag, "LMR_COMMON");
+        EXPECT_EQ(lines[line].file, "ContextString.cpp");
+        EXPECT_EQ(lines[line].function, "StringToUTC");
+    }
+}
+
+TEST_F(ContextStringTimeTest, ReadsTheDigitsOfADateAsANumber) {
+    const TimeZone zone("UTC0");
+    EXPECT_EQ(ContextString::StringToUTC("20240305140709"), kIsLongShort ? LONG_MAX : Saturated(20240305140709));
+    EXPECT_EQ(CapturedLog::Lines().size(), 7U);
+    EXPECT_EQ(ContextString::StringToUTC("20241301000000"), Saturated(20250101000000));
+    EXPECT_EQ(ContextString::StringToUTC("20400101000000"), Saturated(20400101000000));
+}
+
+// The SQL form
+
+TEST_F(ContextStringTimeTest, RewritesTheCompactFormIntoTheSqlForm) {
+    const struct {
+        const char* compact;
+        const char* sql;
+    } rows[] = {
+        {"", ""},
+        {"20240305140709", "2024-03-05 14:07:09"},
+        {"2024030514070999", "2024-03-05 14:07:09"},
+        {"202403051407", "2024-03-05 14:07:"},
+        {"2024030514070", "2024-03-05 14:07:0"},
+        {"2024ab05140709", "2024-ab-05 14:07:09"},
+        {"99999999999999", "9999-99-99 99:99:99"},
+        {"2024-03-05 14:07:09", "2024--0-3- 05: 1:4:"},
+    };
+    for (const auto& row : rows) {
+        EXPECT_EQ(ContextString::time_to_sqltime(row.compact), row.sql) << row.compact;
+    }
+    EXPECT_EQ(ContextString::time_to_sqltime("\0\0\0\0"s + "0305140709"), "\0\0\0\0"s + "-03-05 14:07:09");
+    EXPECT_TRUE(CapturedLog::Lines().empty());
+}
+
+TEST_F(ContextStringTimeTest, ThrowsForCompactTextsTooShortForTheSqlForm) {
+    const std::string text = "202403051407";
+    for (std::size_t length = 1; length < text.size(); ++length) {
+        ExpectOutOfRange([&] { ContextString::time_to_sqltime(text.substr(0, length)); }, std::to_string(length));
+    }
+    EXPECT_NO_THROW(ContextString::time_to_sqltime(text));
+    EXPECT_TRUE(CapturedLog::Lines().empty());
+}
+
+TEST_F(ContextStringTimeTest, LeavesEveryTextThatHasNot14CharactersAsItIs) {
+    for (const std::string text :
+         {"", "2", "2024030514070", "202403051407090", "2024-03-05 14:07:09", "2024-03-05 14:07:09.5"}) {
+        EXPECT_EQ(ContextString::sqltime_cal(text), text);
+    }
+    EXPECT_TRUE(CapturedLog::Lines().empty());
+}
+
+TEST_F(ContextStringTimeTest, ThrowsForEveryTextOf14Characters) {
+    for (const std::string text : {"20240305140709", "2024-03-05 14:", "abcdefghijklmn"}) {
+        ExpectOutOfRange([&] { ContextString::sqltime_cal(text); }, text);
+    }
+    ExpectOutOfRange([] { ContextString::sqltime_cal(std::string(14, '\0')); }, "zero bytes");
+    EXPECT_TRUE(CapturedLog::Lines().empty());
+}
+
+}  // namespace

@@ -1,0 +1,305 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "Provider/RandomSampling.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <functional>
+#include <limits>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "Provider/MinimalStandardEngine.h"
+#include "RandState.h"
+#include "TestClock.h"
+#include "Vectors.h"
+
+namespace {
+
+constexpr int kLargest = 2147483647;  ///< of rand_r
+constexpr double kNotANumber = std::numeric_limits<double>::quiet_NaN();
+
+// The vectors were made with the logarithms and powers of the GNU C library, which on x86 come out the same with 32 and
+// 64 bits, with and without fused multiply-add: there they hold to the last bit. Elsewhere each of these functions is
+// only as good as one unit of the last place, and a variate takes a few of them.
+#if (defined(__x86_64__) || defined(__i386__)) && defined(__GLIBC__)
+constexpr std::int64_t kLastPlaces = 0;
+#else
+constexpr std::int64_t kLastPlaces = 4;
+#endif
+
+std::int64_t Bits(double value) {
+    std::int64_t bits = 0;
+    std::memcpy(&bits, &value, sizeof(bits));
+    return bits;
+}
+
+/// The integers of which a uniform variate is made; the 26th bit from below cannot be had, nor the upper half.
+std::vector<int> DrawsOf(double uniform) {
+    const auto bits = static_cast<std::int64_t>(std::ldexp(uniform, 53));
+    return {static_cast<int>(bits >> 26) << 5, static_cast<int>(bits & ((1 << 25) - 1)) << 6};
+}
+
+std::vector<int> DrawsOf(const std::vector<double>& uniforms) {
+    std::vector<int> draws;
+    for (const double uniform : uniforms) {
+        const std::vector<int> two = DrawsOf(uniform);
+        draws.insert(draws.end(), two.begin(), two.end());
+    }
+    return draws;
+}
+
+class RandomSamplingTest : public ::testing::Test {
+protected:
+    void SetUp() override { RandState::Set(1); }
+
+    using Variate = std::function<double(const std::vector<double>& parameters)>;
+
+    /// Draws every series of a name anew; the draws must be exactly as many, and so must end in the same state.
+    static void ExpectVectors(const std::string& name, const Variate& variate, std::int64_t lastPlaces) {
+        for (const Vectors::Record& record : Vectors::Read(LUMORA_TEST_DATA "/vectors/sampling.txt", name)) {
+            const std::vector<double> parameters = record.Doubles("parameters");
+            const std::vector<double> values = record.Doubles("values");
+            ASSERT_GE(values.size(), 40U);
+            RandState::Set(record.Unsigned("seed"));
+            for (std::size_t i = 0; i < values.size(); ++i) {
+                EXPECT_LE(std::abs(Bits(variate(parameters)) - Bits(values[i])), lastPlaces)
+                    << name << "(" << ::testing::PrintToString(parameters) << ") number " << i;
+            }
+            EXPECT_EQ(RandState::Get(), record.Unsigned("end")) << name << ::testing::PrintToString(parameters);
+        }
+    }
+};
+
+TEST_F(RandomSamplingTest, StartsAtTheStateOneAtAnyTime) {
+    EXPECT_EQ(RandState::First(), 1U);
+    for (const time_t now : {time_t{0}, time_t{1700000000}}) {
+        const TestClock::Frozen clock(now);
+        RandState::Set(1);
+        EXPECT_EQ(RandomDouble(), 0x1.c69fb88d6a5b8p-4);
+    }
+}
+
+TEST_F(RandomSamplingTest, LeavesTheHostsGeneratorAlone) {
+    srand(42);
+    const int first = rand();
+    srand(42);
+    RandomDouble();
+    RandomBeta(1.5, 0.5);
+    EXPECT_EQ(rand(), first);
+}
+
+TEST_F(RandomSamplingTest, MakesADoubleOfTheUpperBitsOfTwoDraws) {
+    unsigned int seed = 77;
+    RandState::Set(seed);
+    for (int i = 0; i < 1000; ++i) {
+        const std::int64_t a = rand_r(&seed) >> 5;
+        const std::int64_t b = rand_r(&seed) >> 6;
+        ASSERT_EQ(RandomDouble(), std::ldexp(static_cast<double>((a << 26) + b), -53));
+    }
+}
+
+TEST_F(RandomSamplingTest, DeliversTheLowerHalfOfTheUnitInterval) {
+    const struct {
+        const char* name;
+        int first, second;
+        double expected;
+    } rows[] = {
+        {"the lowest", 0, 0, 0.0},
+        {"what is shifted away", 31, 63, 0.0},
+        {"the last place", 0, 64, 0x1p-53},
+        {"the upper half", 32, 0, 0x1p-27},
+        {"the highest", kLargest, kLargest, 0.5 - (0x1p-27 - 0x1p-28) - 0x1p-53},
+    };
+    for (const auto& row : rows) {
+        RandState::Feed({row.first, row.second});
+        EXPECT_EQ(RandomDouble(), row.expected) << row.name;
+        EXPECT_EQ(RandState::Draws(), 2) << row.name;
+    }
+}
+
+TEST_F(RandomSamplingTest, DrawsUniformVariatesToTheBit) {
+    ExpectVectors(
+        "uniform", [](const auto&) { return RandomDouble(); }, 0);
+}
+
+TEST_F(RandomSamplingTest, DrawsExponentialVariates) {
+    ExpectVectors(
+        "exponential", [](const auto&) { return StandardExponential(); }, kLastPlaces);
+}
+
+TEST_F(RandomSamplingTest, DrawsNormalVariates) {
+    ExpectVectors(
+        "normal", [](const auto&) { return Gauss(); }, kLastPlaces);
+}
+
+TEST_F(RandomSamplingTest, DrawsGammaVariates) {
+    ExpectVectors(
+        "gamma", [](const auto& parameters) { return StandardGamma(parameters.at(0)); }, kLastPlaces);
+}
+
+TEST_F(RandomSamplingTest, DrawsBetaVariates) {
+    ExpectVectors(
+        "beta", [](const auto& parameters) { return RandomBeta(parameters.at(0), parameters.at(1)); }, kLastPlaces);
+}
+
+TEST_F(RandomSamplingTest, ExponentialVariatesEndAtTheLogarithmOfTwo) {
+    RandState::Feed({0, 0});
+    EXPECT_EQ(StandardExponential(), 0.0);
+    RandState::Feed({kLargest, kLargest});
+    const double highest = StandardExponential();
+    EXPECT_LE(highest, std::log(2.0));
+    EXPECT_GT(highest, std::log(2.0) - 1e-8);
+}
+
+TEST_F(RandomSamplingTest, NormalVariatesAreNeverPositive) {
+    double highest = -1.0;
+    for (int i = 0; i < 100000; ++i) {
+        highest = std::max(highest, Gauss());
+    }
+    EXPECT_LT(highest, 0.0);
+    EXPECT_GT(highest, -1e-3);
+}
+
+TEST_F(RandomSamplingTest, NormalVariatesAreDrawnAgainOnAndOutsideTheCircle) {
+    const std::vector<double> inside = {0.4, 0.3};  // the point (-0.2, -0.4)
+    RandState::Feed(DrawsOf(inside));
+    const double expected = Gauss();
+    EXPECT_NEAR(expected, -0.4 * std::sqrt(-2.0 * std::log(0.2) / 0.2), 1e-7);
+    EXPECT_EQ(RandState::Draws(), 4);
+
+    std::vector<int> draws = DrawsOf({0.0, 0.0});           // the corner: twice the radius, squared
+    draws.insert(draws.end(), {0, 0, kLargest, kLargest});  // so near an axis that the square is 1.0 itself
+    for (const int draw : DrawsOf(inside)) {
+        draws.push_back(draw);
+    }
+    RandState::Feed(draws);
+    EXPECT_EQ(Gauss(), expected);
+    EXPECT_EQ(RandState::Draws(), 12);
+}
+
+TEST_F(RandomSamplingTest, NormalVariatesAreNotKeptForTheNextCall) {
+    RandState::Feed(DrawsOf({0.4, 0.3, 0.4, 0.3}));
+    const double first = Gauss();
+    EXPECT_EQ(Gauss(), first);
+    EXPECT_EQ(RandState::Draws(), 8);
+}
+
+TEST_F(RandomSamplingTest, AGammaVariateOfShapeOneIsOneExponentialVariate) {
+    const double gamma = StandardGamma(1.0);
+    EXPECT_EQ(RandState::Draws(), 2);
+    RandState::Set(1);
+    EXPECT_EQ(gamma, StandardExponential());
+}
+
+TEST_F(RandomSamplingTest, GammaVariatesBelowOneDivideAtOneLessTheShape) {
+    // With the shape 0.75 the first part reaches to 0.25 itself. The exponential variate behind is the same.
+    RandState::Feed(DrawsOf({0.25, 0.375}));
+    EXPECT_EQ(StandardGamma(0.75), std::pow(0.25, 1.0 / 0.75));
+    EXPECT_EQ(RandState::Draws(), 4);
+    RandState::Feed(DrawsOf({0.25 + 0x1p-53, 0.375}));
+    const double y = -std::log((0.75 - 0x1p-53) / 0.75);
+    EXPECT_EQ(StandardGamma(0.75), std::pow(0.25 + 0.75 * y, 1.0 / 0.75));
+    EXPECT_EQ(RandState::Draws(), 4);
+}
+
+TEST_F(RandomSamplingTest, GammaVariatesStayBelowTheirBound) {
+    for (const double shape : {0.01, 0.5, 0.99, 1.0, 1.01, 2.0, 30.0}) {
+        const double bound = shape > 1.0 ? shape - 0.3333333333333333 : 1.0;
+        for (int i = 0; i < 20000; ++i) {
+            const double gamma = StandardGamma(shape);
+            ASSERT_GE(gamma, 0.0) << shape;
+            ASSERT_LT(gamma, bound) << shape;
+        }
+    }
+}
+
+TEST_F(RandomSamplingTest, GammaVariatesOfShapeZeroAreZero) {
+    EXPECT_EQ(StandardGamma(0.0), 0.0);
+}
+
+TEST_F(RandomSamplingTest, GammaVariatesThatDoNotExistAreNotANumberWithoutADraw) {
+    for (const double shape : {-1e-300, -1.0, -std::numeric_limits<double>::infinity(), kNotANumber}) {
+        EXPECT_TRUE(std::isnan(StandardGamma(shape))) << shape;
+    }
+    EXPECT_EQ(RandState::Draws(), 0);
+}
+
+TEST_F(RandomSamplingTest, ABetaVariateOfOnesIsTheShareOfOneUniformVariateInTwo) {
+    RandState::Feed(DrawsOf({0.125, 0.375}));
+    EXPECT_EQ(RandomBeta(1.0, 1.0), 0.25);
+    EXPECT_EQ(RandState::Draws(), 4);
+}
+
+TEST_F(RandomSamplingTest, ABetaVariateWithAParameterAboveOneIsTheShareOfOneGammaVariateInTwo) {
+    const struct {
+        double a, b;
+    } rows[] = {{1.5, 0.5}, {0.5, 1.5}, {1.0, 1.0000000000000002}, {1.0000000000000002, 1.0}, {4.0, 2.0}};
+    for (const auto& row : rows) {
+        RandState::Set(9);
+        const double ga = StandardGamma(row.a);
+        const double gb = StandardGamma(row.b);
+        const unsigned int end = RandState::Get();
+        RandState::Set(9);
+        EXPECT_EQ(RandomBeta(row.a, row.b), ga / (ga + gb)) << row.a << " " << row.b;
+        EXPECT_EQ(RandState::Get(), end) << row.a << " " << row.b;
+    }
+}
+
+TEST_F(RandomSamplingTest, BetaVariatesLieInTheUnitIntervalEvenWhereTheirPowersUnderflow) {
+    for (const double parameter : {1e-5, 1e-3, 0.4, 1.0, 3.0}) {
+        for (int i = 0; i < 5000; ++i) {
+            const double beta = RandomBeta(parameter, parameter);
+            ASSERT_GE(beta, 0.0) << parameter;
+            ASSERT_LE(beta, 1.0) << parameter;
+        }
+    }
+}
+
+TEST_F(RandomSamplingTest, BetaVariatesOfOnesFavourTheMiddle) {
+    constexpr int kCount = 100000;
+    int middle = 0;
+    for (int i = 0; i < kCount; ++i) {
+        const double beta = RandomBeta(1.0, 1.0);
+        middle += beta > 0.25 && beta < 0.75;
+    }
+    EXPECT_NEAR(middle, kCount * 2.0 / 3.0, kCount * 0.01);  // of uniform variates it would be a half
+}
+
+TEST_F(RandomSamplingTest, BetaVariatesOfAZeroAreAtTheEdge) {
+    EXPECT_EQ(RandomBeta(0.0, 0.5), 0.0);
+    EXPECT_EQ(RandomBeta(0.5, 0.0), 1.0);
+    EXPECT_EQ(RandomBeta(0.0, 2.0), 0.0);
+    EXPECT_TRUE(std::isnan(RandomBeta(0.0, 0.0)));
+}
+
+TEST_F(RandomSamplingTest, BetaVariatesThatDoNotExistAreNotANumber) {
+    const struct {
+        double a, b;
+    } rows[] = {{-1.0, 0.5}, {0.5, -1.0},        {-1.0, -1.0},      {-1.0, 2.0},
+                {2.0, -1.0}, {kNotANumber, 1.0}, {0.5, kNotANumber}};
+    for (const auto& row : rows) {
+        EXPECT_TRUE(std::isnan(RandomBeta(row.a, row.b))) << row.a << " " << row.b;
+    }
+}
+
+TEST(MinimalStandardEngineTest, GivesTheCanonicalDoublesOfTheStandardLibrary) {
+    MinimalStandardEngine engine;
+    std::minstd_rand0 standard(1);
+    EXPECT_EQ(MinimalStandardEngine().Canonical(), 0.13153778773876065);
+    for (int i = 0; i < 100000; ++i) {
+        ASSERT_EQ(engine.Canonical(), (std::generate_canonical<double, 53>(standard))) << i;
+    }
+}
+
+TEST(MinimalStandardEngineTest, StaysBelowOne) {
+    EXPECT_EQ(MinimalStandardEngine::CanonicalOf(1, 1), 0.0);
+    EXPECT_EQ(MinimalStandardEngine::CanonicalOf(2147483646, 2147483646), std::nextafter(1.0, 0.0));
+}
+
+}  // namespace

@@ -1,0 +1,433 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "Provider/ReinforcementLearningAgent.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdint>
+#include <cstdlib>
+#include <functional>
+#include <limits>
+#include <memory>
+#include <random>
+#include <string>
+#include <type_traits>
+#include <vector>
+
+#include "Provider/RandomSampling.h"
+#include "RandState.h"
+#include "Vectors.h"
+
+namespace {
+
+constexpr int kLargest = 2147483647;                   ///< of rand_r
+constexpr double kFixedUniform = 0.13153778773876065;  ///< what a softmax agent draws
+constexpr double kTenMillionth = 1e-7;                 ///< a mean reward up to this counts as nothing
+
+/// Shows what an agent has learnt.
+template <typename Agent>
+class Seen : public Agent {
+public:
+    using Agent::Agent;
+    using Agent::m_nActions;
+    using Agent::m_vecCount;
+    using Agent::m_vecQ;
+};
+
+class SeenThomson : public Seen<ThomsonSamplingAgent> {
+public:
+    using Seen<ThomsonSamplingAgent>::Seen;
+    using ThomsonSamplingAgent::m_dAlpha;
+    using ThomsonSamplingAgent::m_dBeta;
+    using ThomsonSamplingAgent::m_vecFailure;
+    using ThomsonSamplingAgent::m_vecSuccess;
+};
+
+class SeenKalman : public Seen<KalmanFilterAgent> {
+public:
+    using Seen<KalmanFilterAgent>::Seen;
+    using KalmanFilterAgent::m_dInitialMean;
+    using KalmanFilterAgent::m_dInitialVariance;
+    using KalmanFilterAgent::m_dObservationNoise;
+    using KalmanFilterAgent::m_dProcessNoise;
+    using KalmanFilterAgent::m_vecMean;
+    using KalmanFilterAgent::m_vecVariance;
+};
+
+using SeenEpsilonGreedy = Seen<EpsilonGreedyAgent>;
+using SeenSoftmax = Seen<SoftmaxAgent>;
+using SeenMFU = Seen<MFUAgent>;
+
+/// The draw that gives a share of the largest.
+int DrawAt(double share) {
+    return static_cast<int>(share * kLargest);
+}
+
+class ReinforcementLearningAgentTest : public ::testing::Test {
+protected:
+    void SetUp() override { RandState::Set(1); }
+
+    template <typename Agent>
+    using Maker = std::function<std::unique_ptr<Agent>(int n, const std::vector<double>& parameters)>;
+
+    /// Replays every recorded run: the same choices, and at the end the same statistics to the last bit, for no
+    /// logarithm or power enters them.
+    template <typename Agent>
+    static void ExpectVectors(const std::string& name, const Maker<Agent>& make) {
+        for (const Vectors::Record& record : Vectors::Read(LUMORA_TEST_DATA "/vectors/agents.txt", name)) {
+            const std::vector<int> choices = record.Digits("choices");
+            const std::vector<int> updates = record.Digits(record.Has("updates") ? "updates" : "choices");
+            const std::vector<int> rewards = record.Digits("rewards");
+            ASSERT_GE(choices.size(), 200U);
+            const int lowest = record.Integers("lowest").at(0);
+            const int n = record.Integers("actions").at(0);
+            const std::unique_ptr<Agent> agent = make(n, record.Doubles("parameters"));
+            RandState::Set(1);
+            for (std::size_t i = 0; i < choices.size(); ++i) {
+                ASSERT_EQ(agent->ChooseAction(), choices[i]) << name << " of " << n << ", choice " << i;
+                agent->UpdateQ(updates[i], lowest + rewards[i]);
+            }
+            EXPECT_EQ(agent->m_vecCount, record.Integers("count")) << name << " of " << n;
+            EXPECT_EQ(agent->m_vecQ, record.Doubles("q")) << name << " of " << n;
+            EXPECT_EQ(RandState::Get(), record.Unsigned("end")) << name << " of " << n;
+            if constexpr (std::is_same_v<Agent, SeenThomson>) {
+                EXPECT_EQ(agent->m_vecSuccess, record.Integers("success")) << n;
+                EXPECT_EQ(agent->m_vecFailure, record.Integers("failure")) << n;
+            }
+            if constexpr (std::is_same_v<Agent, SeenKalman>) {
+                EXPECT_EQ(agent->m_vecMean, record.Doubles("mean")) << n;
+                EXPECT_EQ(agent->m_vecVariance, record.Doubles("variance")) << n;
+            }
+        }
+    }
+
+    static void ExpectInOrder(std::initializer_list<const void*> fields) {
+        const void* before = nullptr;
+        for (const void* field : fields) {
+            EXPECT_LT(before, field);
+            before = field;
+        }
+    }
+};
+
+// What all agents share.
+
+TEST_F(ReinforcementLearningAgentTest, IsAnAbstractBaseThatOwnersDestroyThrough) {
+    EXPECT_TRUE(std::is_abstract_v<ReinforcementLearningAgent>);
+    const std::unique_ptr<ReinforcementLearningAgent> agents[] = {
+        std::make_unique<EpsilonGreedyAgent>(3, 0.1),
+        std::make_unique<SoftmaxAgent>(3, 0.1),
+        std::make_unique<MFUAgent>(3),
+        std::make_unique<ThomsonSamplingAgent>(3, 1.0, 1.0),
+        std::make_unique<KalmanFilterAgent>(3, 1.0, 1.0, 0.0, 1.0),
+    };
+    for (const auto& agent : agents) {
+        for (int i = 0; i < 100; ++i) {
+            const int action = agent->ChooseAction();
+            ASSERT_GE(action, 0);
+            ASSERT_LT(action, 3);
+            agent->UpdateQ(action, i % 2);
+        }
+    }
+}
+
+TEST_F(ReinforcementLearningAgentTest, StartsWithoutExperience) {
+    const SeenMFU agent(3);
+    EXPECT_EQ(agent.m_nActions, 3);
+    EXPECT_EQ(agent.m_vecCount, std::vector<int>(3, 0));
+    EXPECT_EQ(agent.m_vecQ, std::vector<double>(3, 0.0));
+}
+
+TEST_F(ReinforcementLearningAgentTest, KeepsTheMeanOfTheRewardsOfEachAction) {
+    SeenMFU agent(3);
+    for (const int reward : {4, -1, 3}) {
+        agent.UpdateQ(1, reward);
+    }
+    agent.UpdateQ(2, 7);
+    EXPECT_EQ(agent.m_vecCount, (std::vector<int>{0, 3, 1}));
+    EXPECT_EQ(agent.m_vecQ, (std::vector<double>{0.0, 1.5 + (1.0 / 3) * (3 - 1.5), 7.0}));
+}
+
+TEST_F(ReinforcementLearningAgentTest, TakesANegativeNumberOfActionsForNone) {
+    SeenKalman agent(-3, 1.0, 1.0, 0.0, 1.0);
+    EXPECT_EQ(agent.m_nActions, 0);
+    EXPECT_TRUE(agent.m_vecCount.empty());
+    EXPECT_TRUE(agent.m_vecMean.empty());
+    EXPECT_EQ(agent.ChooseAction(), 0);
+}
+
+TEST_F(ReinforcementLearningAgentTest, HasNothingToChooseWithoutActions) {
+    EXPECT_EQ(EpsilonGreedyAgent(0, 0.1).ChooseAction(), 0);
+    EXPECT_EQ(EpsilonGreedyAgent(0, 2.0).ChooseAction(), 0);
+    EXPECT_EQ(SoftmaxAgent(0, 1.0).ChooseAction(), -1);
+    EXPECT_EQ(SoftmaxAgent(0, 0.0).ChooseAction(), -1);
+    EXPECT_EQ(MFUAgent(0).ChooseAction(), 0);
+    EXPECT_EQ(ThomsonSamplingAgent(0, 1.0, 1.0).ChooseAction(), 0);
+    EXPECT_EQ(KalmanFilterAgent(0, 1.0, 1.0, 0.0, 1.0).ChooseAction(), 0);
+}
+
+TEST_F(ReinforcementLearningAgentTest, LeavesTheHostsGeneratorAlone) {
+    srand(42);
+    const int first = rand();
+    srand(42);
+    EpsilonGreedyAgent(2, 0.5).ChooseAction();
+    SoftmaxAgent(2, 0.5).ChooseAction();
+    ThomsonSamplingAgent(2, 1.0, 1.0).ChooseAction();
+    EXPECT_EQ(rand(), first);
+}
+
+TEST_F(ReinforcementLearningAgentTest, SharesOneRandomStateWithTheVariates) {
+    EpsilonGreedyAgent(2, 2.0).ChooseAction();
+    EXPECT_EQ(RandState::Draws(), 2);
+    const double next = RandomDouble();
+    RandState::Set(1);
+    RandomDouble();
+    EXPECT_EQ(RandomDouble(), next);
+}
+
+TEST_F(ReinforcementLearningAgentTest, KeepsItsFieldsInTheirOrder) {
+    const SeenThomson thomson(2, 0.5, 1.5);
+    EXPECT_EQ(thomson.m_dAlpha, 0.5);
+    EXPECT_EQ(thomson.m_dBeta, 1.5);
+    ExpectInOrder({&thomson.m_nActions, &thomson.m_vecCount, &thomson.m_vecQ, &thomson.m_dAlpha, &thomson.m_dBeta,
+                   &thomson.m_vecSuccess, &thomson.m_vecFailure});
+    const SeenKalman kalman(2, 1.0, 2.0, 3.0, 4.0);
+    EXPECT_EQ(kalman.m_dObservationNoise, 1.0);
+    EXPECT_EQ(kalman.m_dProcessNoise, 2.0);
+    EXPECT_EQ(kalman.m_dInitialMean, 3.0);
+    EXPECT_EQ(kalman.m_dInitialVariance, 4.0);
+    ExpectInOrder({&kalman.m_vecQ, &kalman.m_dObservationNoise, &kalman.m_dProcessNoise, &kalman.m_dInitialMean,
+                   &kalman.m_dInitialVariance, &kalman.m_vecMean, &kalman.m_vecVariance});
+}
+
+// Epsilon-greedy.
+
+TEST_F(ReinforcementLearningAgentTest, EpsilonGreedyReplaysTheRecordedRuns) {
+    ExpectVectors<SeenEpsilonGreedy>("epsilon-greedy", [](int n, const std::vector<double>& parameters) {
+        return std::make_unique<SeenEpsilonGreedy>(n, parameters.at(0));
+    });
+}
+
+TEST_F(ReinforcementLearningAgentTest, EpsilonGreedyExploresWhileNothingPositiveIsLearnt) {
+    for (const double epsilon : {-1.0, 0.0, 0.5, 2.0}) {
+        for (const double q : {-3.0, 0.0, kTenMillionth}) {
+            SeenEpsilonGreedy agent(5, epsilon);
+            agent.m_vecQ = {-4.0, -5.0, q, -6.0, -7.0};
+            RandState::Feed({kLargest, 13});
+            EXPECT_EQ(agent.ChooseAction(), 3) << epsilon << " " << q;
+            EXPECT_EQ(RandState::Draws(), 2) << epsilon << " " << q;
+        }
+    }
+}
+
+TEST_F(ReinforcementLearningAgentTest, EpsilonGreedyExploresWhereEpsilonIsAboveTheDraw) {
+    const struct {
+        const char* name;
+        double epsilon;
+        int draw;
+        bool explores;
+    } rows[] = {
+        {"well below", 0.5, DrawAt(0.4), true},
+        {"well above", 0.5, DrawAt(0.6), false},
+        {"one below", 0.5, kLargest / 2, true},
+        {"one above", 0.5, kLargest / 2 + 1, false},
+        {"never, by the lowest draw", 0.0, 0, false},
+        {"by the lowest draw", 1e-9, 0, true},
+        {"not by the highest draw", 1.0, kLargest, false},
+        {"by the highest but one", 1.0, kLargest - 1, true},
+        {"always", 1.0000001, kLargest, true},
+    };
+    for (const auto& row : rows) {
+        SeenEpsilonGreedy agent(5, row.epsilon);
+        agent.m_vecQ = {0.0, std::nextafter(kTenMillionth, 1.0), 0.0, 0.0, 0.0};
+        RandState::Feed({row.draw, 13});
+        EXPECT_EQ(agent.ChooseAction(), row.explores ? 3 : 1) << row.name;
+        EXPECT_EQ(RandState::Draws(), row.explores ? 2 : 1) << row.name;
+    }
+}
+
+TEST_F(ReinforcementLearningAgentTest, EpsilonGreedyExploitsTheLowestOfTheBest) {
+    SeenEpsilonGreedy agent(4, 0.0);
+    agent.m_vecQ = {1.0, 2.5, 2.5, 0.0};
+    EXPECT_EQ(agent.ChooseAction(), 1);
+}
+
+// Softmax.
+
+TEST_F(ReinforcementLearningAgentTest, SoftmaxReplaysTheRecordedRuns) {
+    ExpectVectors<SeenSoftmax>("softmax", [](int n, const std::vector<double>& parameters) {
+        return std::make_unique<SeenSoftmax>(n, parameters.at(0));
+    });
+}
+
+TEST_F(ReinforcementLearningAgentTest, SoftmaxChoosesBySharesAgainstTheSameDrawEveryTime) {
+    const struct { int n, expected; } rows[] = {{1, 0}, {4, 0}, {7, 0}, {8, 1}, {15, 1}, {16, 2}, {100, 13}};
+    for (const auto& row : rows) {
+        for (const double temperature : {1.0, 0.001, 0.0, -2.0}) {
+            SoftmaxAgent agent(row.n, temperature);
+            for (int call = 0; call < 3; ++call) {
+                EXPECT_EQ(agent.ChooseAction(), row.expected) << row.n << " " << temperature;
+            }
+        }
+    }
+    EXPECT_EQ(RandState::Draws(), 0);
+}
+
+TEST_F(ReinforcementLearningAgentTest, SoftmaxWithoutATemperatureForgetsTheRewards) {
+    for (const double temperature : {0.0, -1.0}) {
+        SeenSoftmax agent(8, temperature);
+        agent.m_vecQ = {9.0, 0.0, 0.0, 9.0, 0.0, 0.0, 0.0, 9.0};
+        EXPECT_EQ(agent.ChooseAction(), 1) << temperature;
+    }
+}
+
+TEST_F(ReinforcementLearningAgentTest, SoftmaxWeighsTheRewardsByTheTemperature) {
+    SeenSoftmax cold(3, 0.5);
+    cold.m_vecQ = {0.0, 1.0, 0.0};  // shares 0.106, 0.787, 0.106
+    EXPECT_EQ(cold.ChooseAction(), 1);
+    SeenSoftmax warm(3, 2.0);
+    warm.m_vecQ = {0.0, 1.0, 0.0};  // shares 0.274, 0.452, 0.274
+    EXPECT_EQ(warm.ChooseAction(), 0);
+}
+
+TEST_F(ReinforcementLearningAgentTest, SoftmaxPassesAShareThatOnlyReachesTheDraw) {
+    SeenSoftmax agent(2, 1.0);
+    double& q = agent.m_vecQ[0];
+    double& other = agent.m_vecQ[1];
+    const auto share = [&] { return std::exp(q) / (std::exp(q) + std::exp(other)); };
+    // For some of the other values a share falls on the draw itself.
+    for (int step = 0; step < 100 && share() != kFixedUniform; ++step) {
+        other = step * 0.01;
+        q = other + std::log(kFixedUniform / (1.0 - kFixedUniform)) - 1e-14;
+        while (share() < kFixedUniform) {
+            q = std::nextafter(q, 0.0);
+        }
+    }
+    ASSERT_EQ(share(), kFixedUniform);
+    EXPECT_EQ(agent.ChooseAction(), 1);
+    while (share() == kFixedUniform) {
+        q = std::nextafter(q, 0.0);
+    }
+    EXPECT_EQ(agent.ChooseAction(), 0);
+}
+
+TEST_F(ReinforcementLearningAgentTest, SoftmaxChoosesTheLastWhereTheExponentialsOverflowOrVanish) {
+    SeenSoftmax agent(4, 0.5);
+    agent.m_vecQ = {0.0, 354.0, 0.0, 0.0};
+    EXPECT_EQ(agent.ChooseAction(), 1);
+    agent.m_vecQ = {0.0, 356.0, 0.0, 0.0};
+    EXPECT_EQ(agent.ChooseAction(), 3);
+    agent.m_vecQ = {-370.0, -370.0, -370.0, -370.0};
+    EXPECT_EQ(agent.ChooseAction(), 0);
+    agent.m_vecQ = {-374.0, -374.0, -374.0, -374.0};
+    EXPECT_EQ(agent.ChooseAction(), 3);
+}
+
+// Most frequently chosen.
+
+TEST_F(ReinforcementLearningAgentTest, MFUReplaysTheRecordedRuns) {
+    ExpectVectors<SeenMFU>("mfu",
+                           [](int n, const std::vector<double>& /*none*/) { return std::make_unique<SeenMFU>(n); });
+}
+
+TEST_F(ReinforcementLearningAgentTest, MFUChoosesTheLowestOfTheMostUpdatedWhateverTheRewards) {
+    MFUAgent agent(3);
+    EXPECT_EQ(agent.ChooseAction(), 0);
+    agent.UpdateQ(2, -5);
+    EXPECT_EQ(agent.ChooseAction(), 2);
+    agent.UpdateQ(1, 100);
+    EXPECT_EQ(agent.ChooseAction(), 1);
+    agent.UpdateQ(2, -5);
+    EXPECT_EQ(agent.ChooseAction(), 2);
+    EXPECT_EQ(RandState::Draws(), 0);
+}
+
+// Thompson sampling.
+
+TEST_F(ReinforcementLearningAgentTest, ThomsonReplaysTheRecordedRuns) {
+    ExpectVectors<SeenThomson>("thompson", [](int n, const std::vector<double>& parameters) {
+        return std::make_unique<SeenThomson>(n, parameters.at(0), parameters.at(1));
+    });
+}
+
+TEST_F(ReinforcementLearningAgentTest, ThomsonCountsARewardOfExactlyOneAsSuccess) {
+    SeenThomson agent(2, 1.0, 1.0);
+    agent.UpdateQ(0, 1);
+    EXPECT_EQ(agent.m_vecSuccess, (std::vector<int>{1, 0}));
+    EXPECT_EQ(agent.m_vecFailure, (std::vector<int>{0, 0}));
+    for (const int reward : {2, 0, -1}) {
+        agent.UpdateQ(1, reward);
+    }
+    EXPECT_EQ(agent.m_vecSuccess, (std::vector<int>{1, 0}));
+    EXPECT_EQ(agent.m_vecFailure, (std::vector<int>{0, 3}));
+    EXPECT_EQ(agent.m_vecCount, (std::vector<int>{1, 3}));
+    EXPECT_EQ(agent.m_vecQ[0], 1.0);
+    EXPECT_NEAR(agent.m_vecQ[1], 1.0 / 3, 1e-15);
+}
+
+TEST_F(ReinforcementLearningAgentTest, ThomsonMovesTheMeanTowardsARewardThatItCountsAsFailure) {
+    SeenThomson agent(1, 1.0, 1.0);
+    agent.UpdateQ(0, 2);
+    EXPECT_EQ(agent.m_vecQ[0], 2.0);
+    EXPECT_EQ(agent.m_vecFailure[0], 1);
+}
+
+TEST_F(ReinforcementLearningAgentTest, ThomsonDrawsForEveryActionInOrder) {
+    SeenThomson agent(3, 0.5, 2.0);
+    agent.m_vecSuccess = {4, 0, 2};
+    agent.m_vecFailure = {1, 0, 3};
+    for (int round = 0; round < 100; ++round) {
+        const unsigned int start = RandState::Get();
+        const double theta[] = {RandomBeta(4.5, 3.0), RandomBeta(0.5, 2.0), RandomBeta(2.5, 5.0)};
+        const unsigned int end = RandState::Get();
+        const int best = theta[0] >= theta[1] && theta[0] >= theta[2] ? 0 : theta[1] >= theta[2] ? 1 : 2;
+        RandState::Set(start);
+        ASSERT_EQ(agent.ChooseAction(), best) << round;
+        ASSERT_EQ(RandState::Get(), end) << round;
+    }
+}
+
+TEST_F(ReinforcementLearningAgentTest, ThomsonDrawsForASingleActionToo) {
+    EXPECT_EQ(ThomsonSamplingAgent(1, 1.0, 1.0).ChooseAction(), 0);
+    EXPECT_EQ(RandState::Draws(), 4);
+}
+
+// Kalman filter.
+
+TEST_F(ReinforcementLearningAgentTest, KalmanReplaysTheRecordedRuns) {
+    ExpectVectors<SeenKalman>("kalman", [](int n, const std::vector<double>& parameters) {
+        return std::make_unique<SeenKalman>(n, parameters.at(0), parameters.at(1), parameters.at(2), parameters.at(3));
+    });
+}
+
+TEST_F(ReinforcementLearningAgentTest, KalmanTakesAHundredTimesTheRewardAndWidensTheOthers) {
+    SeenKalman agent(3, /*observationNoise=*/2.0, /*processNoise=*/1.0, /*initialMean=*/10.0, /*initialVariance=*/5.0);
+    EXPECT_EQ(agent.m_vecMean, std::vector<double>(3, 10.0));
+    EXPECT_EQ(agent.m_vecVariance, std::vector<double>(3, 5.0));
+    agent.UpdateQ(1, 3);
+    EXPECT_EQ(agent.m_vecCount, (std::vector<int>{0, 1, 0}));
+    EXPECT_EQ(agent.m_vecQ, (std::vector<double>{0.0, 3.0, 0.0}));
+    EXPECT_EQ(agent.m_vecMean, (std::vector<double>{10.0, (100.0 * 6.0 * 3.0 + 2.0 * 10.0) / 8.0, 10.0}));
+    EXPECT_EQ(agent.m_vecVariance, (std::vector<double>{6.0, 2.0 * 6.0 / 8.0, 6.0}));
+}
+
+TEST_F(ReinforcementLearningAgentTest, KalmanChoosesTheLowestOfEqualActions) {
+    KalmanFilterAgent agent(4, 1.0, 1.0, 3.0, 7.0);
+    EXPECT_EQ(agent.ChooseAction(), 0);
+    EXPECT_EQ(agent.ChooseAction(), 0);
+    EXPECT_EQ(RandState::Draws(), 0);
+}
+
+TEST_F(ReinforcementLearningAgentTest, KalmanSpreadsByTheVarianceTimesOneFixedNormalVariate) {
+    std::minstd_rand0 engine(1);
+    const double normal = std::normal_distribution<double>(0.0, 1.0)(engine);
+    EXPECT_NEAR(normal, -0.121966, 1e-6);
+    SeenKalman agent(2, 1.0, 1.0, 0.0, 0.0);
+    agent.m_vecVariance = {0.0, 4.0};
+    agent.m_vecMean[1] = -4.0 * normal;  // as high as the first action, to the last bit
+    EXPECT_EQ(agent.ChooseAction(), 0);
+    agent.m_vecMean[1] = std::nextafter(agent.m_vecMean[1], 1.0);
+    EXPECT_EQ(agent.ChooseAction(), 1);
+}
+
+}  // namespace
