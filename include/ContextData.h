@@ -34,10 +34,10 @@ public:
     ContextData() = default;
 
     /// Owns a copy of `value`.
-    explicit ContextData(Json::Value value);
+    ContextData(Json::Value value);
 
     /// Views `*value`, which stays the caller's. A null pointer gives a document that owns a JSON null.
-    explicit ContextData(Json::Value* value);
+    ContextData(Json::Value* value);
 
     /// @name Writing by key
     /// Each returns true, always, and logs nothing.

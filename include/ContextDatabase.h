@@ -97,8 +97,10 @@ public:
 
     /// Runs or defers one statement that returns no rows.
     ///
-    /// Deferred statements run in the order of the calls, within about the interval, each committing on its own: a
-    /// host that wants one transaction defers its own BEGIN and COMMIT. When one fails, the database is reset and
+    /// Deferred statements run in the order of the calls, within about the interval, each committing on its own. A
+    /// host that wants one transaction may defer its own BEGIN and COMMIT, where only one thread writes: a second BEGIN
+    /// inside the first is a failed write, and a flush that falls between the two leaves the transaction open until the
+    /// next, so that immediate writes meanwhile belong to it. When one fails, the database is reset and
     /// what waits behind it is discarded. Logs "error excute %s", "Failed to bind / Q[%s], V size[%d]", or "Query
     /// ERROR Q : %s" and "vecSqlQueryValue size : %d" before a reset; "DB not opened yet", without a reset, when the
     /// database is closed.

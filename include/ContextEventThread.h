@@ -41,7 +41,7 @@ public:
     /// Serves one event.
     ///
     /// **Called by** the worker thread, one event at a time. It may block, which delays the events behind it, and may
-    /// push events; it must not call Stop().
+    /// push events; it must not call Stop() and must not throw.
     virtual void OnEvent(int eventId, void* data) = 0;
 
     /// Starts the worker, which first serves what was pushed before.

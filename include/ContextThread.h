@@ -26,7 +26,7 @@ public:
     ContextThread(const ContextThread&) = delete;
     ContextThread& operator=(const ContextThread&) = delete;
 
-    /// The body, run once on the new thread for every Start().
+    /// The body, run once on the new thread for every Start(). It must not throw: GLib called the thread's entry.
     virtual void OnThread() = 0;
 
     /// Starts the worker.

@@ -16,7 +16,7 @@
 /// Identifies a timer: 1 to 2147483647; 0 means no timer.
 using TimerId = std::int32_t;
 
-/// Called when a timer fires.
+/// Called when a timer fires. It must not throw: GLib's code lies between it and the start of the thread.
 /// @param timerId   the timer.
 /// @param userData  what was given to ContextTimer::SetTimer().
 using timer_cb = void (*)(int timerId, void* userData);
@@ -93,6 +93,7 @@ private:
     void OnThread() override;
     void OnEvent(int eventId, void* data) override;
 
+protected:
     std::list<CTimerData*> m_timerList;         ///< touched by the event thread only
     std::atomic<std::int32_t> m_lastCheckTime;  ///< seconds of `time()`
     TEventMessage m_checkMessage;               ///< queued by the tick thread; outlives it

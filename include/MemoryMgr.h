@@ -43,8 +43,8 @@ static_assert(sizeof(TMemHeader) == 64 && offsetof(TMemHeader, nBlockHigh) == 50
 /// **Ownership.** The manager stays the host's. Its destructor clears the instance, whichever that is, but neither
 /// stops the checker nor frees a block: the host calls Stop() first, which takes up to 2 seconds. A tracked block must
 /// be released while its manager is the instance: afterwards it would be taken for a plain heap block.
-/// **Threads.** Allocate() and Release() may be called from any thread, GetInstance() too; they and the checker hold
-/// one process-wide mutex. Construction, SetInstance() and destruction must not run beside Allocate() or Release().
+/// **Threads.** Allocate(), Release() and GetInstance() may be called from any thread. The first two and the checker
+/// hold one process-wide mutex; SetInstance() and the destructor do not, and must not run beside them.
 /// **Errors.** Damage is logged, as info; nothing is repaired.
 class LUMORA_API CMemoryManager : public ContextThread {
 public:

@@ -14,7 +14,7 @@ namespace Network {
 /// signed 32-bit number in network byte order that counts the zero, so "abc" travels as 00 00 00 04 61 62 63 00. What
 /// the calls take and report is the length **without** the zero.
 ///
-/// **Units.** Lengths are in bytes, time limits in whole seconds, ports and addresses in host terms.
+/// **Units.** Lengths are in bytes, time limits in whole seconds; ports are plain numbers, addresses dotted texts.
 /// **Ownership.** Descriptors belong to the caller, who closes them. No call closes a descriptor that it was given, not
 /// even after a failure. They are inherited across `exec`.
 /// **Threads.** Functions without state: any thread, as long as no two use one descriptor at once. Every call blocks
@@ -44,7 +44,7 @@ public:
     /// Sends one frame, in one system call when the system takes it whole.
     /// @param fd      the socket.
     /// @param text    the text; `text[length]` must be its terminating zero and is sent too.
-    /// @param length  the length of the text; below 0 only a header is sent.
+    /// @param length  the length of the text, less than 2147483647; below 0 only a header is sent.
     /// @return 0; -1, without a log line, as soon as a write takes nothing or fails.
     static int sendMessage(int fd, char* text, int length);
 

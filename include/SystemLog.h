@@ -14,7 +14,7 @@
 enum ELumoraLogPriority : int {
     LUMORA_LOG_DEBUG = 3,    ///< traces of socket traffic
     LUMORA_LOG_INFO = 4,     ///< traces of normal work
-    LUMORA_LOG_WARNING = 5,  ///< something was left undone, the result is still right
+    LUMORA_LOG_WARNING = 5,  ///< something was left undone
     LUMORA_LOG_ERROR = 6,    ///< every failure that the library reports
 };
 

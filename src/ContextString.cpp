@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "ContextString.h"
 
+#include <endian.h>
 #include <iconv.h>
 
 #include <algorithm>
@@ -31,9 +32,17 @@ std::string PadToTwo(long long field) {
     return text;
 }
 
-bool IsLineBreak(const unsigned short& unit) {
-    const auto* bytes = reinterpret_cast<const unsigned char*>(&unit);
-    return bytes[0] == 0x00 && (bytes[1] == 0x0A || bytes[1] == 0x0D);
+bool IsLineBreak(unsigned short unit) {
+    return unit == htobe16(0x000A) || unit == htobe16(0x000D);
+}
+
+/// Looks at every unit, which takes less time than stopping at the first: names have no line breaks.
+bool HasLineBreak(const std::basic_string<unsigned short>& text) {
+    bool hasLineBreak = false;
+    for (const unsigned short unit : text) {
+        hasLineBreak |= IsLineBreak(unit);
+    }
+    return hasLineBreak;
 }
 
 /// A converter from UTF-16BE to UTF-8, closed at the end of its scope.
@@ -200,8 +209,14 @@ std::string ContextString::time_to_sqltime(std::string text) {
     if (text.empty()) {
         return text;
     }
-    const auto [year, month, day, hour, minute, second] = TimeText::Cut(text, TimeText::kCompactStarts);
-    return year + "-" + month + "-" + day + " " + hour + ":" + minute + ":" + second;
+    constexpr const char* kSeparators[] = {"", "-", "-", " ", ":", ":"};
+    std::string result;
+    result.reserve(sizeof("YYYY-MM-DD hh:mm:ss"));
+    for (std::size_t piece = 0; piece < TimeText::kCompactStarts.size(); ++piece) {
+        result += kSeparators[piece];
+        result += text.substr(TimeText::kCompactStarts[piece], piece == 0 ? 4 : 2);
+    }
+    return result;
 }
 
 std::string ContextString::sqltime_cal(std::string text) {
@@ -258,7 +273,9 @@ std::string ContextString::Twstring2String(std::basic_string<unsigned short> tex
         return {};
     }
     std::copy_n(text.c_str(), length + 1, units.get());
-    TransStrExceptLF(units.get());
+    if (HasLineBreak(text)) {
+        TransStrExceptLF(units.get());
+    }
     // The size is that of before the removal, so the zeroed units behind the new end are converted as well.
     if (!Unicode2Utf8(utf8.get(), static_cast<unsigned int>(utf8Size), reinterpret_cast<char*>(units.get()),
                       static_cast<unsigned int>((length + 1) * sizeof(unsigned short)))) {

@@ -90,20 +90,29 @@ private:
 
     /// Platforms hand out names as big-endian UTF-16, and so whole histories come: line by line into UTF-8.
     std::string FromUtf16(const std::string& bytes) const {
+        const auto fail = [this](int line) {
+            throw HistoryError(HistoryError::Kind::Malformed,
+                               m_path + ":" + std::to_string(line) + ": is not UTF-16 text");
+        };
         std::basic_string<unsigned short> units(bytes.size() / sizeof(unsigned short), 0);
         std::memcpy(units.data(), bytes.data(), units.size() * sizeof(unsigned short));
         const auto lineFeed = static_cast<unsigned short>(GUINT16_TO_BE('\n'));
+        const auto carriageReturn = static_cast<unsigned short>(GUINT16_TO_BE('\r'));
         std::string text;
         int line = 1;
         for (std::size_t from = 0; from < units.size(); ++line) {
             const std::size_t end = std::min(units.find(lineFeed, from), units.size());
-            const std::string converted = ContextString::Twstring2String(units.substr(from, end - from));
-            if (converted.empty() && end > from) {
-                throw HistoryError(HistoryError::Kind::Malformed,
-                                   m_path + ":" + std::to_string(line) + ": is not UTF-16 text");
+            const auto content = units.substr(from, end - from);
+            const std::string converted = ContextString::Twstring2String(content);
+            const bool isBlank = content.find_first_not_of(carriageReturn) == std::string::npos;
+            if ((converted.empty() && !isBlank) || content.find(static_cast<unsigned short>(0)) != std::string::npos) {
+                fail(line);
             }
             text += converted + "\n";
             from = end + 1;
+        }
+        if (bytes.size() % sizeof(unsigned short) != 0) {
+            fail(line);
         }
         return text;
     }
@@ -118,20 +127,27 @@ private:
 
     // The two callbacks are called by a C library, which no exception may cross.
     static void OnField(void* field, std::size_t length, void* self) {
-        static_cast<Reader*>(self)->m_fields.emplace_back(static_cast<const char*>(field), length);
+        auto* reader = static_cast<Reader*>(self);
+        reader->Guard([&] { reader->m_fields.emplace_back(static_cast<const char*>(field), length); });
     }
 
     static void OnRow(int /*terminator*/, void* self) {
         auto* reader = static_cast<Reader*>(self);
-        try {
-            if (!reader->m_error) {
-                reader->TakeRow();
-            }
-        } catch (const HistoryError&) {
-            reader->m_error = std::current_exception();
-        }
+        reader->Guard([&] { reader->TakeRow(); });
         reader->m_fields.clear();
         reader->m_rowLine = 0;
+    }
+
+    template <class Step>
+    void Guard(Step step) noexcept {
+        if (m_error) {
+            return;
+        }
+        try {
+            step();
+        } catch (...) {
+            m_error = std::current_exception();
+        }
     }
 
     void Rethrow() const {

@@ -4,6 +4,7 @@
 #include <ContextAutoLock.h>
 
 #include <algorithm>
+#include <climits>
 #include <cstdlib>
 #include <new>
 
@@ -22,11 +23,12 @@ std::string HostMemory::Counters() {
            std::to_string(m_nMaxSize) + " bytes at once";
 }
 
-HostBuffer::HostBuffer(std::size_t size)
-    : m_data(static_cast<char*>(CMemoryManager::GetInstance() != nullptr
-                                    ? CMemoryManager::Allocate(static_cast<unsigned int>(size), __FILE_NAME__, __LINE__)
-                                    : std::malloc(std::max<std::size_t>(size, 1)))),
-      m_size(size) {
+HostBuffer::HostBuffer(std::size_t size) : m_data(nullptr), m_size(size) {
+    if (CMemoryManager::GetInstance() == nullptr) {
+        m_data = static_cast<char*>(std::malloc(std::max<std::size_t>(size, 1)));
+    } else if (size <= UINT_MAX) {
+        m_data = static_cast<char*>(CMemoryManager::Allocate(static_cast<unsigned int>(size), __FILE_NAME__, __LINE__));
+    }
     if (m_data == nullptr) {
         throw std::bad_alloc();
     }

@@ -177,7 +177,7 @@ void Report::PrintWeek(const CuratorBaseData7x24& grid, int recordCount) {
 
 void Report::PrintEvaluation(const std::vector<Evaluation::Result>& results, int recordCount) {
     const int tries = results.front().tries;
-    std::printf("How often the next use was foreseen: the last %d of %d records\n\n", tries, recordCount);
+    std::printf("How often the next use was foreseen: %d uses, the last fifth of %d records\n\n", tries, recordCount);
     if (tries == 0) {
         std::puts("Nothing to foresee.");
         return;

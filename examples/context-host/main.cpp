@@ -1,5 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
+#include <fcntl.h>
 #include <glib.h>
+#include <sys/file.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <clocale>
@@ -40,8 +43,9 @@ constexpr std::size_t kBatchSize = 20000;
 
 constexpr const char* kDescription =
     "Each FILE is the usage history of one device, known by its file name: CSV with the header line\n"
-    "unit_id,unit_name,device_name,start_time,duration (RFC 4180, UTF-8; start_time in seconds since 1970 UTC,\n"
-    "duration in seconds). Its records are added to the store; those that are there already are not stored twice.\n"
+    "unit_id,unit_name,device_name,start_time,duration (RFC 4180; UTF-8, or big-endian UTF-16 with its mark;\n"
+    "start_time in seconds since 1970 UTC, duration in seconds). Its records are added to the store; those that are "
+    "there already are not stored twice.\n"
     "The ranking is that of everything in the store. Without a FILE, what is stored is ranked.\n"
     "\n"
     "Agents:\n"
@@ -63,6 +67,8 @@ constexpr const char* kDescription =
     "  2  the command line is wrong                5  the data directory or the database cannot be used\n"
     "  130  interrupted; what was stored stays     6  the port cannot be opened\n"
     "\n"
+    "--serve listens on all interfaces: whoever reaches the port can read the rankings. One host at a time uses a "
+    "store.\n"
     "The store is a file in /opt/usr/apps/lumora-service/data. Diagnostics of the library go to the system log.";
 
 struct Options {
@@ -87,6 +93,13 @@ void CatchInterrupts() {
     sigaction(SIGINT, &action, nullptr);
     sigaction(SIGTERM, &action, nullptr);
     signal(SIGPIPE, SIG_IGN);  // a client may go before its answer comes
+}
+
+/// Keeps the store to this process for as long as it runs: a write that meets another's lock would wipe the file.
+bool LockStore(const std::string& database) {
+    const std::string path = kDataDirectory + database + ".lock";
+    const int file = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, S_IRUSR | S_IWUSR);
+    return file >= 0 && flock(file, LOCK_EX | LOCK_NB) == 0;
 }
 
 int Complain(ExitStatus status, const std::string& message) {
@@ -172,6 +185,9 @@ std::string Parse(int argc, char** argv, Options& options) {
     if (options.evaluate && (options.weekly || options.json)) {
         return "--evaluate prints a table of its own: drop --weekly and --json";
     }
+    if (options.port != kNoPort && (options.evaluate || options.weekly || options.json)) {
+        return "--serve answers requests: drop --evaluate, --weekly and --json";
+    }
     if (options.port < kNoPort || options.port > 65535) {
         return "--serve takes a port from 0 to 65535";
     }
@@ -202,7 +218,7 @@ ExitStatus Import(ContextHost& host, std::vector<HistoryProvider>& providers) {
     host.BeginBatch();
     for (HistoryProvider& provider : providers) {
         provider.PublishAll([&] {
-            if (done > 0 && done % kBatchSize == 0) {
+            if (isStored && done > 0 && done % kBatchSize == 0) {
                 isStored = flush();
                 host.BeginBatch();
             }
@@ -270,8 +286,8 @@ int Run(ContextHost& host, std::vector<HistoryProvider>& providers, const Option
         const int before = host.CountRecords();
         const ExitStatus status = Import(host, providers);
         if (status == EXIT_NOT_STORED) {
-            return Complain(status,
-                            "the records could not be stored, and the store is empty now; the system log says why");
+            return Complain(
+                status, "the records could not all be stored: see the system log; a failed write empties the store");
         }
         const int added = host.CountRecords() - before;
         if (status == EXIT_INTERRUPTED) {
@@ -317,6 +333,10 @@ int main(int argc, char** argv) {
     if (access(kDataDirectory, R_OK | W_OK | X_OK) != 0) {
         return Complain(EXIT_NO_DATABASE, std::string("cannot write to ") + kDataDirectory +
                                               "; make it with: sudo install -d -o \"$(id -un)\" " + kDataDirectory);
+    }
+    if (!LockStore(options.database)) {
+        return Complain(EXIT_NO_DATABASE,
+                        "another context-host uses the store " + options.database + "; end it or choose --database");
     }
     CatchInterrupts();
     ContextHost host(options.database);

@@ -11,7 +11,8 @@ class CBaseProvider;
 /// and timer requests of a provider arrive.
 ///
 /// The library forwards every argument untouched and interprets none; their meaning is a matter between the host and
-/// its providers. The order of the operations is part of the binary interface.
+/// its providers, and the names of the arguments are suggestions. The order of the operations is part of the binary
+/// interface.
 ///
 /// **Called by** CBaseProvider, on whatever thread the provider calls it from. An implementation may block and may call
 /// back into the provider; one that serves several providers' threads locks for itself.

@@ -21,9 +21,9 @@ constexpr double kRewardScale = 100.0;         ///< how often a reward enters th
 template <typename ValueOf>
 std::size_t Highest(std::size_t n, ValueOf valueOf) {
     std::size_t best = 0;
-    double highest = 0.0;
+    decltype(valueOf(best)) highest{};
     for (std::size_t i = 0; i < n; ++i) {
-        const double value = valueOf(i);
+        const auto value = valueOf(i);
         if (i == 0 || value > highest) {
             best = i;
             highest = value;

@@ -134,6 +134,11 @@ class ContextHostTest(unittest.TestCase):
         text = (HEADER + "x,Ünï ☃ 𝄞,日本,100,5\ny,,d,300,7\n").encode("utf-16-be")
         self.run_host(self.write("a.csv", b"\xfe\xff" + text))
         self.assertEqual(self.rows(), [("usage/a", "x", "Ünï ☃ 𝄞", "日本", 100, 5), ("usage/a", "y", "", "d", 300, 7)])
+        crlf = self.write("c.csv", b"\xfe\xff" + (HEADER + "x,X,d,1,2\n\n").replace("\n", "\r\n").encode("utf-16-be"))
+        self.assertIn("1 new records stored", self.run_host(crlf).stderr)
+        for name, bytes_ in {"odd": b"\xfe\xff\0", "zero": b"\xfe\xff\0\0\0x"}.items():
+            path = self.write(name + ".csv", bytes_)
+            self.assertIn(f"{path}:1: is not UTF-16 text", self.run_host(path, status=4).stderr)
         half = self.write("b.csv", b"\xfe\xff" + HEADER.encode("utf-16-be") + b"\xd8\x00\x00\n")
         self.assertIn(f"{half}:2: is not UTF-16 text", self.run_host(half, status=4).stderr)
 
@@ -176,7 +181,7 @@ class ContextHostTest(unittest.TestCase):
     def test_evaluates_how_often_the_next_use_was_foreseen(self):
         tries, expected = self.foreseen("tv_a.csv", "America/Sao_Paulo")
         text = self.run_host("--evaluate", HISTORIES / "tv_a.csv", zone="America/Sao_Paulo").stdout
-        self.assertIn(f"the last {tries} of 2121 records", text)
+        self.assertIn(f"{tries} uses, the last fifth of 2121 records", text)
         rows = [line.replace("%", "").split() for line in text.splitlines()]
         self.assertEqual([row[-4:] for row in rows if row[:1] in (["recency"], ["total"], ["week"])], expected)
         bandits = {row[0]: [float(column) for column in row[-4:]] for row in rows[9:] if row}
@@ -361,7 +366,7 @@ class ContextHostTest(unittest.TestCase):
     def test_reports_a_wrong_command_line(self):
         for arguments in (["--nonsense"], ["--agent", "best"], ["--max", "many"], ["--max", "-1"],
                           ["--min-duration", "-1"], ["--weekly", "--agent", "mru"], ["--database", "../x"],
-                          ["--evaluate", "--json"], ["--serve", "-2"], ["--serve", "65536"]):
+                          ["--evaluate", "--json"], ["--serve", "0", "--json"], ["--serve", "-2"], ["--serve", "65536"]):
             with self.subTest(arguments):
                 result = self.run_host(*arguments, status=2)
                 self.assertIn("--help", result.stderr)
@@ -380,6 +385,13 @@ class ContextHostTest(unittest.TestCase):
     def test_says_so_when_the_database_cannot_be_opened(self):
         (self.store / "usage.db" / "occupied").mkdir(parents=True)
         self.assertIn("cannot open", self.run_host(status=5).stderr)
+
+    def test_keeps_a_store_to_one_host_at_a_time(self):
+        with self.served() as (port, _):
+            result = self.run_host("--agent", "mru", status=5)
+            self.assertIn("another context-host uses the store", result.stderr)
+            self.assertEqual(self.rank("--database", "other.db"), [])
+            self.assertEqual(self.ask(port, "rank", "mru"), {"Size": 0})
 
     def test_teaches_its_use(self):
         text = self.run_host("--help").stdout

@@ -157,6 +157,7 @@ gint g_async_queue_length(GAsyncQueue* queue) {
     return static_cast<gint>(queue->items.size()) - queue->waiting;
 }
 
-void g_usleep(gulong microseconds) {
+/// Weak, so that a test may supply a sleep that it drives.
+[[gnu::weak]] void g_usleep(gulong microseconds) {
     usleep(static_cast<useconds_t>(microseconds));
 }
