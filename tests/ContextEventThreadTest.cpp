@@ -26,21 +26,10 @@
 
 #include "CapturedLog.h"
 #include "FailingAllocation.h"
+#include "ThreadRequests.h"
 #include "Waiting.h"
 
 namespace {
-
-/// What the library asked of g_thread_new(), and how that is to answer.
-struct ThreadRequests {
-    int count = 0;
-    std::string name;
-    GThreadFunc entry = nullptr;
-    void* argument = nullptr;
-    bool areRefused = false;
-    std::function<void()> beforeReturn = [] {};
-};
-
-ThreadRequests g_requests;
 
 std::atomic<const void*> g_watchedBlock{nullptr};
 std::atomic<int> g_timesFreed{0};
@@ -59,20 +48,6 @@ void Free(void* block) {
 }
 
 }  // namespace
-
-/// Stands before GLib's own for the library too.
-GThread* g_thread_new(const gchar* name, GThreadFunc entry, gpointer argument) {
-    ++g_requests.count;
-    g_requests.name = name == nullptr ? "(null)" : name;
-    g_requests.entry = entry;
-    g_requests.argument = argument;
-    if (g_requests.areRefused) {
-        return nullptr;
-    }
-    GThread* thread = g_thread_try_new(name, entry, argument, nullptr);
-    g_requests.beforeReturn();
-    return thread;
-}
 
 // The program's own heap, for the library too, so that a test sees the moment when a message is freed.
 void* operator new(std::size_t size) {
@@ -209,16 +184,6 @@ protected:
         return stopper;
     }
 
-    /// What has been logged, as "priority file: function > format".
-    static Strings Logged() {
-        Strings logged;
-        for (const CapturedLog::Line& line : CapturedLog::Lines()) {
-            logged.push_back(std::to_string(line.priority) + " " + line.file + ": " + line.function + " > " +
-                             line.format);
-        }
-        return logged;
-    }
-
     Recorder m_recorder;
     Hold m_hold;
 };
@@ -229,7 +194,7 @@ TEST_F(ContextEventThreadTest, IsStoppedAtFirst) {
     EXPECT_EQ(m_recorder.PreStartCount(), 0U);
     EXPECT_EQ(m_recorder.QueueLength(), 0);
     EXPECT_EQ(g_requests.count, 0);
-    EXPECT_EQ(Logged(), Strings{});
+    EXPECT_EQ(CapturedLog::Origins(), Strings{});
 }
 
 TEST_F(ContextEventThreadTest, RunsFromStartToStop) {
@@ -241,7 +206,7 @@ TEST_F(ContextEventThreadTest, RunsFromStartToStop) {
     EXPECT_EQ(m_recorder.Handle(), nullptr);
     EXPECT_EQ(m_recorder.QueueLength(), 0);
     EXPECT_EQ(m_recorder.Served(), Ids{}) << "the stop message is no event";
-    EXPECT_EQ(Logged(), Strings{});
+    EXPECT_EQ(CapturedLog::Origins(), Strings{});
 }
 
 TEST_F(ContextEventThreadTest, CreatesANamelessThreadWithItselfAsTheArgument) {
@@ -265,7 +230,7 @@ TEST_F(ContextEventThreadTest, RefusesASecondStart) {
     ASSERT_TRUE(m_recorder.Start());
     GThread* const handle = m_recorder.Handle();
     EXPECT_FALSE(m_recorder.Start());
-    EXPECT_EQ(Logged(), Strings{"6 ContextEventThread.cpp: Start > Already Started"});
+    EXPECT_EQ(CapturedLog::Origins(), Strings{"6 ContextEventThread.cpp: Start > Already Started"});
     EXPECT_TRUE(m_recorder.IsRuning());
     EXPECT_EQ(m_recorder.Handle(), handle);
     EXPECT_EQ(g_requests.count, 1);
@@ -273,12 +238,12 @@ TEST_F(ContextEventThreadTest, RefusesASecondStart) {
 
 TEST_F(ContextEventThreadTest, RefusesToStopWhatDoesNotRun) {
     EXPECT_FALSE(m_recorder.Stop());
-    EXPECT_EQ(Logged(), Strings{"6 ContextEventThread.cpp: Stop > Already Stopped"});
+    EXPECT_EQ(CapturedLog::Origins(), Strings{"6 ContextEventThread.cpp: Stop > Already Stopped"});
     ASSERT_TRUE(m_recorder.Start());
     ASSERT_TRUE(m_recorder.Stop());
     CapturedLog::Clear();
     EXPECT_FALSE(m_recorder.Stop());
-    EXPECT_EQ(Logged(), Strings{"6 ContextEventThread.cpp: Stop > Already Stopped"});
+    EXPECT_EQ(CapturedLog::Origins(), Strings{"6 ContextEventThread.cpp: Stop > Already Stopped"});
     EXPECT_EQ(m_recorder.QueueLength(), 0) << "a refused stop queues nothing";
 }
 
@@ -290,7 +255,7 @@ TEST_F(ContextEventThreadTest, RunsAFreshThreadAfterAStop) {
         EXPECT_EQ(g_requests.count, run);
     }
     EXPECT_EQ(m_recorder.Served(), (Ids{1, 2, 3}));
-    EXPECT_EQ(Logged(), Strings{});
+    EXPECT_EQ(CapturedLog::Origins(), Strings{});
 }
 
 TEST_F(ContextEventThreadTest, ShowsEveryThreadThatItHasStopped) {
@@ -307,7 +272,7 @@ TEST_F(ContextEventThreadTest, StaysStoppedWhenNoThreadCanBeCreated) {
     EXPECT_FALSE(m_recorder.Start());
     EXPECT_FALSE(m_recorder.IsRuning());
     EXPECT_EQ(m_recorder.Handle(), nullptr);
-    EXPECT_EQ(Logged(), Strings{});
+    EXPECT_EQ(CapturedLog::Origins(), Strings{});
     g_requests.areRefused = false;
     EXPECT_TRUE(m_recorder.Start());
 }
@@ -497,11 +462,12 @@ TEST_F(ContextEventThreadTest, TakesSixteenEventsBeforeTheStartAndServesThemInOr
         EXPECT_EQ(m_recorder.PreStartCount(), static_cast<unsigned int>(id + 1));
         expected.insert(expected.begin(), id);
     }
-    EXPECT_EQ(Logged(), Strings{});
+    EXPECT_EQ(CapturedLog::Origins(), Strings{});
     for (int refusal = 1; refusal <= 2; ++refusal) {
         CapturedLog::Clear();
         EXPECT_FALSE(m_recorder.Push(16, -16));
-        EXPECT_EQ(Logged(), Strings{"6 ContextEventThread.cpp: PushEvent > The Event Queue is overflow!!"});
+        EXPECT_EQ(CapturedLog::Origins(),
+                  Strings{"6 ContextEventThread.cpp: PushEvent > The Event Queue is overflow!!"});
         EXPECT_EQ(m_recorder.PreStartCount(), 16U);
         EXPECT_EQ(m_recorder.QueueLength(), 16);
     }
@@ -565,7 +531,7 @@ TEST_F(ContextEventThreadTest, KeepsTheCountOfWaitingEventsThroughAStop) {
 TEST_F(ContextEventThreadTest, RefusesStaticEventsWhileItDoesNotRun) {
     TEventMessage message{1, nullptr, false, false, 0};
     EXPECT_FALSE(m_recorder.PushStaticEvent(&message));
-    EXPECT_EQ(Logged(), Strings{"6 ContextEventThread.cpp: PushStaticEvent > Not Started!"});
+    EXPECT_EQ(CapturedLog::Origins(), Strings{"6 ContextEventThread.cpp: PushStaticEvent > Not Started!"});
     EXPECT_FALSE(message.bStatic);
     EXPECT_EQ(m_recorder.PreStartCount(), 0U);
     ASSERT_TRUE(m_recorder.Start());
@@ -573,7 +539,7 @@ TEST_F(ContextEventThreadTest, RefusesStaticEventsWhileItDoesNotRun) {
     EXPECT_EQ(m_recorder.Served(), Ids{});
     CapturedLog::Clear();
     EXPECT_FALSE(m_recorder.PushStaticEvent(&message));
-    EXPECT_EQ(Logged(), Strings{"6 ContextEventThread.cpp: PushStaticEvent > Not Started!"});
+    EXPECT_EQ(CapturedLog::Origins(), Strings{"6 ContextEventThread.cpp: PushStaticEvent > Not Started!"});
     EXPECT_EQ(m_recorder.QueueLength(), 0);
 }
 
@@ -594,7 +560,7 @@ TEST_F(ContextEventThreadTest, ServesAStaticMessageAsTheCallerFilledItAndDoesNot
     EXPECT_EQ(message->pData, &data);
     EXPECT_FALSE(message->bStop);
     EXPECT_EQ(message->nPriority, -7);
-    EXPECT_EQ(Logged(), Strings{});
+    EXPECT_EQ(CapturedLog::Origins(), Strings{});
 }
 
 TEST_F(ContextEventThreadTest, ServesAStaticMessageOnceForEachPush) {
@@ -694,7 +660,7 @@ TEST_F(ContextEventThreadTest, RunsUntilTheStopMessageIsReached) {
     EXPECT_TRUE(m_recorder.IsRuning());
     EXPECT_NE(m_recorder.Handle(), nullptr);
     EXPECT_FALSE(m_recorder.Start());
-    EXPECT_EQ(Logged(), Strings{"6 ContextEventThread.cpp: Start > Already Started"});
+    EXPECT_EQ(CapturedLog::Origins(), Strings{"6 ContextEventThread.cpp: Start > Already Started"});
     EXPECT_EQ(m_recorder.PreStartCount(), 0U);
     EXPECT_TRUE(m_recorder.Push(1, -1));
     EXPECT_EQ(m_recorder.PreStartCount(), 0U);
@@ -755,7 +721,7 @@ TEST_F(ContextEventThreadTest, LogsAnEventThatCannotBeAllocated) {
         const FailingAllocation failing;
         EXPECT_FALSE(m_recorder.Push(1, 0));
     }
-    EXPECT_EQ(Logged(), Strings{"6 ContextEventThread.cpp: PushEvent > Memory Allocation Fail"});
+    EXPECT_EQ(CapturedLog::Origins(), Strings{"6 ContextEventThread.cpp: PushEvent > Memory Allocation Fail"});
     EXPECT_EQ(m_recorder.QueueLength(), 0);
     EXPECT_TRUE(m_recorder.Push(2, 0));
     LetGo();
@@ -770,10 +736,10 @@ TEST_F(ContextEventThreadTest, CountsEventsBeforeTheStartThatCannotBeAllocated) 
             EXPECT_FALSE(m_recorder.Push(event, 0));
         }
     }
-    EXPECT_EQ(Logged(), Strings(16, "6 ContextEventThread.cpp: PushEvent > Memory Allocation Fail"));
+    EXPECT_EQ(CapturedLog::Origins(), Strings(16, "6 ContextEventThread.cpp: PushEvent > Memory Allocation Fail"));
     CapturedLog::Clear();
     EXPECT_FALSE(m_recorder.Push(16, 0));
-    EXPECT_EQ(Logged(), Strings{"6 ContextEventThread.cpp: PushEvent > The Event Queue is overflow!!"});
+    EXPECT_EQ(CapturedLog::Origins(), Strings{"6 ContextEventThread.cpp: PushEvent > The Event Queue is overflow!!"});
 }
 
 TEST_F(ContextEventThreadTest, RunsOnWhenTheStopMessageCannotBeAllocated) {
@@ -785,7 +751,7 @@ TEST_F(ContextEventThreadTest, RunsOnWhenTheStopMessageCannotBeAllocated) {
         EXPECT_TRUE(m_recorder.PushStaticEvent(&message)) << "it needs no memory";
         EXPECT_TRUE(m_recorder.WaitForServed(1));
     }
-    EXPECT_EQ(Logged(), Strings{"6 ContextEventThread.cpp: Stop > Memory Allocation Fail"});
+    EXPECT_EQ(CapturedLog::Origins(), Strings{"6 ContextEventThread.cpp: Stop > Memory Allocation Fail"});
     EXPECT_TRUE(m_recorder.IsRuning());
     EXPECT_NE(m_recorder.Handle(), nullptr);
     EXPECT_TRUE(m_recorder.Stop());

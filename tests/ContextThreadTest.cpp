@@ -15,37 +15,8 @@
 #include <vector>
 
 #include "CapturedLog.h"
+#include "ThreadRequests.h"
 #include "Waiting.h"
-
-namespace {
-
-/// What the library asked of g_thread_new(), and how that is to answer.
-struct ThreadRequests {
-    int count = 0;
-    std::string name;
-    GThreadFunc entry = nullptr;
-    void* argument = nullptr;
-    bool areRefused = false;
-    std::function<void()> beforeReturn = [] {};
-};
-
-ThreadRequests g_requests;
-
-}  // namespace
-
-/// Stands before GLib's own for the library too.
-GThread* g_thread_new(const gchar* name, GThreadFunc entry, gpointer argument) {
-    ++g_requests.count;
-    g_requests.name = name == nullptr ? "(null)" : name;
-    g_requests.entry = entry;
-    g_requests.argument = argument;
-    if (g_requests.areRefused) {
-        return nullptr;
-    }
-    GThread* thread = g_thread_try_new(name, entry, argument, nullptr);
-    g_requests.beforeReturn();
-    return thread;
-}
 
 namespace {
 
@@ -98,16 +69,6 @@ protected:
         }
     }
 
-    /// What has been logged, as "priority file: function > format".
-    static Strings Logged() {
-        Strings logged;
-        for (const CapturedLog::Line& line : CapturedLog::Lines()) {
-            logged.push_back(std::to_string(line.priority) + " " + line.file + ": " + line.function + " > " +
-                             line.format);
-        }
-        return logged;
-    }
-
     Worker m_worker;
 };
 
@@ -115,7 +76,7 @@ TEST_F(ContextThreadTest, IsStoppedAtFirst) {
     EXPECT_FALSE(m_worker.IsRuning());
     EXPECT_EQ(m_worker.Handle(), nullptr);
     EXPECT_EQ(g_requests.count, 0);
-    EXPECT_EQ(Logged(), Strings{});
+    EXPECT_EQ(CapturedLog::Origins(), Strings{});
 }
 
 TEST_F(ContextThreadTest, RunsTheBodyOnAThreadOfItsOwnUntilItIsStopped) {
@@ -130,7 +91,7 @@ TEST_F(ContextThreadTest, RunsTheBodyOnAThreadOfItsOwnUntilItIsStopped) {
     EXPECT_FALSE(m_worker.IsRuning());
     EXPECT_EQ(m_worker.Handle(), nullptr);
     EXPECT_EQ(m_worker.m_runs, 1);
-    EXPECT_EQ(Logged(), Strings{});
+    EXPECT_EQ(CapturedLog::Origins(), Strings{});
 }
 
 TEST_F(ContextThreadTest, CreatesANamelessThreadWithItselfAsTheArgument) {
@@ -153,7 +114,7 @@ TEST_F(ContextThreadTest, RefusesASecondStart) {
     ASSERT_TRUE(m_worker.Start());
     GThread* const handle = m_worker.Handle();
     EXPECT_FALSE(m_worker.Start());
-    EXPECT_EQ(Logged(), Strings{"6 ContextThread.cpp: Start > Already Started"});
+    EXPECT_EQ(CapturedLog::Origins(), Strings{"6 ContextThread.cpp: Start > Already Started"});
     EXPECT_TRUE(m_worker.IsRuning());
     EXPECT_EQ(m_worker.Handle(), handle);
     EXPECT_EQ(g_requests.count, 1);
@@ -163,7 +124,7 @@ TEST_F(ContextThreadTest, RefusesASecondStart) {
 
 TEST_F(ContextThreadTest, RefusesToStopWhatNeverStarted) {
     EXPECT_FALSE(m_worker.Stop());
-    EXPECT_EQ(Logged(), Strings{"6 ContextThread.cpp: Stop > Already Stopped"});
+    EXPECT_EQ(CapturedLog::Origins(), Strings{"6 ContextThread.cpp: Stop > Already Stopped"});
     EXPECT_FALSE(m_worker.IsRuning());
     EXPECT_EQ(m_worker.Handle(), nullptr);
 }
@@ -172,7 +133,7 @@ TEST_F(ContextThreadTest, RefusesASecondStop) {
     ASSERT_TRUE(m_worker.Start());
     ASSERT_TRUE(m_worker.Stop());
     EXPECT_FALSE(m_worker.Stop());
-    EXPECT_EQ(Logged(), Strings{"6 ContextThread.cpp: Stop > Already Stopped"});
+    EXPECT_EQ(CapturedLog::Origins(), Strings{"6 ContextThread.cpp: Stop > Already Stopped"});
     EXPECT_FALSE(m_worker.IsRuning());
     EXPECT_EQ(m_worker.Handle(), nullptr);
 }
@@ -210,7 +171,7 @@ TEST_F(ContextThreadTest, RunsAFreshThreadAfterAStop) {
         EXPECT_EQ(g_requests.count, run);
         EXPECT_EQ(m_worker.m_runs, run);
     }
-    EXPECT_EQ(Logged(), Strings{});
+    EXPECT_EQ(CapturedLog::Origins(), Strings{});
 }
 
 TEST_F(ContextThreadTest, CountsAsRunningUntilItIsStoppedEvenWhenTheBodyHasReturned) {
@@ -230,7 +191,7 @@ TEST_F(ContextThreadTest, StaysStoppedWhenNoThreadCanBeCreated) {
     EXPECT_FALSE(m_worker.IsRuning());
     EXPECT_EQ(m_worker.Handle(), nullptr);
     EXPECT_EQ(g_requests.count, 1);
-    EXPECT_EQ(Logged(), Strings{});
+    EXPECT_EQ(CapturedLog::Origins(), Strings{});
 
     g_requests.areRefused = false;
     EXPECT_TRUE(m_worker.Start());

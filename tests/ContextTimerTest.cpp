@@ -200,16 +200,6 @@ protected:
 
     void LetGo() { m_mayGo.Open(); }
 
-    /// What has been logged, as "priority file: function > format".
-    static Strings Logged() {
-        Strings logged;
-        for (const CapturedLog::Line& line : CapturedLog::Lines()) {
-            logged.push_back(std::to_string(line.priority) + " " + line.file + ": " + line.function + " > " +
-                             line.format);
-        }
-        return logged;
-    }
-
     OpenTimer m_timer;
 
 private:
@@ -421,7 +411,7 @@ TEST_F(ContextTimerTest, ChecksAtTheStartAndThenEveryQuarterOfASecond) {
         EXPECT_EQ(Fired(), Strings(static_cast<std::size_t>(tick), "tick@0"));
         EXPECT_EQ(g_hooks.microseconds, 250000U);
     }
-    EXPECT_EQ(Logged(), Strings{});
+    EXPECT_EQ(CapturedLog::Origins(), Strings{});
 }
 
 TEST_F(ContextTimerTest, FiresAtTheSecondOfTheRealClock) {
@@ -456,7 +446,7 @@ TEST_F(ContextTimerTest, FiresEveryIntervalUntilItIsKilled) {
     EXPECT_TRUE(m_timer.KillTimer(id));
     RunTo(20);
     EXPECT_EQ(Fired().size(), 3U);
-    EXPECT_EQ(Logged(), Strings{});
+    EXPECT_EQ(CapturedLog::Origins(), Strings{});
 }
 
 TEST_F(ContextTimerTest, HandsTheCallbackItsIdAndItsUserData) {
@@ -545,7 +535,7 @@ TEST_F(ContextTimerTest, RunsTimersWithoutACallbackSilently) {
     RunTo(4);
     EXPECT_EQ(silent->expireTime, kStart + 6);
     EXPECT_EQ(Fired(), (Strings{"loud@2", "loud@4"}));
-    EXPECT_EQ(Logged(), Strings{});
+    EXPECT_EQ(CapturedLog::Origins(), Strings{});
 }
 
 TEST_F(ContextTimerTest, FiresTimersWithEqualDeadlinesInTheOrderTheyWereSet) {
@@ -566,7 +556,7 @@ TEST_F(ContextTimerTest, FiresTimersOfOneCheckInTheOrderOfTheirFirstDeadlines) {
     Set("one", 1);
     TickAt(5);
     EXPECT_EQ(Fired(), (Strings{"one@5", "three@5", "three too@5", "four@5", "five@5"}));
-    EXPECT_EQ(Logged(), Strings{});
+    EXPECT_EQ(CapturedLog::Origins(), Strings{});
 }
 
 TEST_F(ContextTimerTest, KeepsTheFirstOrderWhenDeadlinesMove) {
@@ -625,7 +615,7 @@ TEST_F(ContextTimerTest, MovesEveryDeadlineWithAClockThatJumpsForward) {
     TickAt(1);
     TickAt(61);
     EXPECT_EQ(Fired(), Strings{}) << "nothing fires because of the jump";
-    EXPECT_EQ(Logged(), Strings{"4 ContextTimer.cpp: CheckTimer_ > add offset %d"});
+    EXPECT_EQ(CapturedLog::Origins(), Strings{"4 ContextTimer.cpp: CheckTimer_ > add offset %d"});
     EXPECT_EQ(CapturedLog::Messages(), Strings{"I add offset 60"});
     RunTo(69);
     EXPECT_EQ(Fired(), (Strings{"three@63", "three@66", "eight@68", "three@69"}));
@@ -660,7 +650,7 @@ TEST_F(ContextTimerTest, FiresWhatIsDueWithinAStepOfFiveSeconds) {
     EXPECT_EQ(Fired(), Strings{"five@5"});
     TickAt(6);
     EXPECT_EQ(Fired(), (Strings{"five@5", "six@6"}));
-    EXPECT_EQ(Logged(), Strings{});
+    EXPECT_EQ(CapturedLog::Origins(), Strings{});
 }
 
 TEST_F(ContextTimerTest, FiresWhatIsDueThoughItMovedWithTheJump) {
@@ -687,7 +677,7 @@ TEST_F(ContextTimerTest, DoesNotCompensateAClockThatStepsBack) {
     EXPECT_EQ(Fired(), Strings{});
     TickAt(3);
     EXPECT_EQ(Fired(), Strings{"three@3"});
-    EXPECT_EQ(Logged(), Strings{});
+    EXPECT_EQ(CapturedLog::Origins(), Strings{});
 }
 
 TEST_F(ContextTimerTest, TakesTheWayBackFromABackwardStepForAJump) {
@@ -726,7 +716,7 @@ TEST_F(ContextTimerTest, TakesACallbackOfMoreThanFiveSecondsForAJump) {
 
 TEST_F(ContextTimerTest, RefusesToKillTimerZero) {
     EXPECT_FALSE(m_timer.KillTimer(0));
-    EXPECT_EQ(Logged(), Strings{"4 ContextTimer.cpp: KillTimer > invalid timer id"});
+    EXPECT_EQ(CapturedLog::Origins(), Strings{"4 ContextTimer.cpp: KillTimer > invalid timer id"});
     EXPECT_EQ(m_timer.QueueLength(), 0);
 }
 
@@ -738,7 +728,7 @@ TEST_F(ContextTimerTest, IgnoresTheRemovalOfATimerThatDoesNotExist) {
     }
     RunTo(2);
     EXPECT_EQ(Fired(), (Strings{"timer@1", "timer@2"}));
-    EXPECT_EQ(Logged(), Strings{});
+    EXPECT_EQ(CapturedLog::Origins(), Strings{});
 }
 
 TEST_F(ContextTimerTest, RemovesOnlyTheTimerThatWasKilled) {
@@ -866,7 +856,7 @@ TEST_F(ContextTimerTest, AppliesRequestsThatWereMadeBeforeTheStart) {
     Start();
     RunTo(106);
     EXPECT_EQ(Fired(), (Strings{"timer@103", "timer@106"})) << "counted from the start";
-    EXPECT_EQ(Logged(), Strings{});
+    EXPECT_EQ(CapturedLog::Origins(), Strings{});
 }
 
 TEST_F(ContextTimerTest, CountsFromTheEpochUntilItsFirstStart) {
@@ -884,9 +874,9 @@ TEST_F(ContextTimerTest, LosesTheSeventeenthTimerBeforeTheStart) {
         last = Set(name, 1);
         expected.push_back(name + "@1");
     }
-    EXPECT_EQ(Logged(), Strings{});
+    EXPECT_EQ(CapturedLog::Origins(), Strings{});
     EXPECT_EQ(Set("lost", 1), last + 1);
-    EXPECT_EQ(Logged(), Strings{"6 ContextEventThread.cpp: PushEvent > The Event Queue is overflow!!"});
+    EXPECT_EQ(CapturedLog::Origins(), Strings{"6 ContextEventThread.cpp: PushEvent > The Event Queue is overflow!!"});
     Start();
     EXPECT_EQ(Set("next", 100), last + 2);
     RunTo(1);
@@ -899,7 +889,7 @@ TEST_F(ContextTimerTest, LosesTheSeventeenthKillBeforeTheStart) {
         EXPECT_TRUE(m_timer.KillTimer(INT_MAX));
     }
     EXPECT_TRUE(m_timer.KillTimer(id));
-    EXPECT_EQ(Logged(), Strings{"6 ContextEventThread.cpp: PushEvent > The Event Queue is overflow!!"});
+    EXPECT_EQ(CapturedLog::Origins(), Strings{"6 ContextEventThread.cpp: PushEvent > The Event Queue is overflow!!"});
     Start();
     RunTo(1);
     EXPECT_EQ(Fired(), Strings{"timer@1"});
@@ -914,7 +904,7 @@ TEST_F(ContextTimerTest, RunsFromStartToStop) {
     EXPECT_TRUE(m_timer.Stop());
     EXPECT_FALSE(m_timer.IsTicking());
     EXPECT_FALSE(m_timer.IsServing());
-    EXPECT_EQ(Logged(), Strings{});
+    EXPECT_EQ(CapturedLog::Origins(), Strings{});
 }
 
 TEST_F(ContextTimerTest, KeepsTimersAndDeadlinesThroughAStop) {
@@ -929,7 +919,7 @@ TEST_F(ContextTimerTest, KeepsTimersAndDeadlinesThroughAStop) {
     EXPECT_EQ(Fired(), (Strings{"eight@195", "ten@195"})) << "what passed fires at the first check";
     RunTo(205);
     EXPECT_EQ(Fired(), (Strings{"eight@195", "ten@195", "two hundred@200", "eight@203", "ten@205"}));
-    EXPECT_EQ(Logged(), Strings{}) << "the pause is no jump of the clock";
+    EXPECT_EQ(CapturedLog::Origins(), Strings{}) << "the pause is no jump of the clock";
 }
 
 TEST_F(ContextTimerTest, ServesPendingRequestsBeforeAStopReturns) {
@@ -959,14 +949,14 @@ TEST_F(ContextTimerTest, ServesACheckThatWaitsWhenTheTickThreadHasEnded) {
     LetGo();
     stopper.join();
     EXPECT_EQ(Fired(), (Strings{"hold@0", "hold@0"}));
-    EXPECT_EQ(Logged(), Strings{});
+    EXPECT_EQ(CapturedLog::Origins(), Strings{});
 }
 
 TEST_F(ContextTimerTest, RefusesASecondStart) {
     Start();
     EXPECT_FALSE(m_timer.Start());
-    EXPECT_EQ(Logged(), (Strings{"6 ContextEventThread.cpp: Start > Already Started",
-                                 "6 ContextTimer.cpp: Start > Start Error"}));
+    EXPECT_EQ(CapturedLog::Origins(), (Strings{"6 ContextEventThread.cpp: Start > Already Started",
+                                               "6 ContextTimer.cpp: Start > Start Error"}));
     EXPECT_TRUE(m_timer.IsTicking());
     EXPECT_TRUE(m_timer.IsServing());
 }
@@ -980,7 +970,7 @@ TEST_F(ContextTimerTest, TakesNoteOfTheSecondOfARefusedStart) {
     CapturedLog::Clear();
     Tick();
     EXPECT_EQ(Fired(), Strings{"three@60"});
-    EXPECT_EQ(Logged(), Strings{}) << "no jump since the last check is left";
+    EXPECT_EQ(CapturedLog::Origins(), Strings{}) << "no jump since the last check is left";
 }
 
 TEST_F(ContextTimerTest, ChecksOnWhileStartsAreRefused) {
@@ -997,19 +987,19 @@ TEST_F(ContextTimerTest, ChecksOnWhileStartsAreRefused) {
 TEST_F(ContextTimerTest, RefusesToStopWhatDoesNotRun) {
     const Strings refusal{"6 ContextThread.cpp: Stop > Already Stopped", "6 ContextTimer.cpp: Stop > Stop Error"};
     EXPECT_FALSE(m_timer.Stop());
-    EXPECT_EQ(Logged(), refusal);
+    EXPECT_EQ(CapturedLog::Origins(), refusal);
     Start();
     ASSERT_TRUE(m_timer.Stop());
     CapturedLog::Clear();
     EXPECT_FALSE(m_timer.Stop());
-    EXPECT_EQ(Logged(), refusal);
+    EXPECT_EQ(CapturedLog::Origins(), refusal);
 }
 
 TEST_F(ContextTimerTest, LeavesTheEventSideAloneWhenTheTickSideDoesNotStop) {
     Start();
     ASSERT_TRUE(m_timer.ContextThread::Stop());
     EXPECT_FALSE(m_timer.Stop());
-    EXPECT_EQ(Logged(),
+    EXPECT_EQ(CapturedLog::Origins(),
               (Strings{"6 ContextThread.cpp: Stop > Already Stopped", "6 ContextTimer.cpp: Stop > Stop Error"}));
     EXPECT_TRUE(m_timer.IsServing());
 }
@@ -1018,10 +1008,10 @@ TEST_F(ContextTimerTest, StopsTheTickSideEvenWhenTheEventSideDoesNotStop) {
     Start();
     ASSERT_TRUE(m_timer.ContextEventThread::Stop());
     QueueCheck();
-    EXPECT_EQ(Logged(), Strings{"6 ContextEventThread.cpp: PushStaticEvent > Not Started!"});
+    EXPECT_EQ(CapturedLog::Origins(), Strings{"6 ContextEventThread.cpp: PushStaticEvent > Not Started!"});
     CapturedLog::Clear();
     EXPECT_FALSE(m_timer.Stop());
-    EXPECT_EQ(Logged(),
+    EXPECT_EQ(CapturedLog::Origins(),
               (Strings{"6 ContextEventThread.cpp: Stop > Already Stopped", "6 ContextTimer.cpp: Stop > Stop Error"}));
     EXPECT_FALSE(m_timer.IsTicking());
 }
@@ -1032,8 +1022,8 @@ TEST_F(ContextTimerTest, ReportsAStopMessageThatCannotBeAllocated) {
         const FailingAllocation failing;
         EXPECT_FALSE(m_timer.Stop());
     }
-    EXPECT_EQ(Logged(), (Strings{"6 ContextEventThread.cpp: Stop > Memory Allocation Fail",
-                                 "6 ContextTimer.cpp: Stop > Stop Error"}));
+    EXPECT_EQ(CapturedLog::Origins(), (Strings{"6 ContextEventThread.cpp: Stop > Memory Allocation Fail",
+                                               "6 ContextTimer.cpp: Stop > Stop Error"}));
     EXPECT_FALSE(m_timer.IsTicking());
     EXPECT_TRUE(m_timer.IsServing());
 }
@@ -1041,8 +1031,8 @@ TEST_F(ContextTimerTest, ReportsAStopMessageThatCannotBeAllocated) {
 TEST_F(ContextTimerTest, DoesNotTickWhenTheEventSideRunsAlready) {
     ASSERT_TRUE(m_timer.ContextEventThread::Start());
     EXPECT_FALSE(m_timer.Start());
-    EXPECT_EQ(Logged(), (Strings{"6 ContextEventThread.cpp: Start > Already Started",
-                                 "6 ContextTimer.cpp: Start > Start Error"}));
+    EXPECT_EQ(CapturedLog::Origins(), (Strings{"6 ContextEventThread.cpp: Start > Already Started",
+                                               "6 ContextTimer.cpp: Start > Start Error"}));
     EXPECT_FALSE(m_timer.IsTicking());
     EXPECT_TRUE(m_timer.IsServing());
 }
@@ -1051,7 +1041,7 @@ TEST_F(ContextTimerTest, LeavesTheEventSideRunningWhenTheTickSideDoesNotStart) {
     Start();
     ASSERT_TRUE(m_timer.ContextEventThread::Stop());
     EXPECT_FALSE(m_timer.Start());
-    EXPECT_EQ(Logged(),
+    EXPECT_EQ(CapturedLog::Origins(),
               (Strings{"6 ContextThread.cpp: Start > Already Started", "6 ContextTimer.cpp: Start > Start Error"}));
     EXPECT_TRUE(m_timer.IsServing());
     Set("timer", 1);
@@ -1069,7 +1059,7 @@ TEST_F(ContextTimerTest, ReportsAThreadThatCannotBeCreated) {
         CapturedLog::Clear();
         g_hooks.threadsAllowed = row.threadsAllowed;
         EXPECT_FALSE(m_timer.Start()) << row.name;
-        EXPECT_EQ(Logged(), Strings{"6 ContextTimer.cpp: Start > Start Error"}) << row.name;
+        EXPECT_EQ(CapturedLog::Origins(), Strings{"6 ContextTimer.cpp: Start > Start Error"}) << row.name;
         EXPECT_FALSE(m_timer.IsTicking()) << row.name;
         EXPECT_EQ(m_timer.IsServing(), row.isServing) << row.name;
     }

@@ -82,6 +82,14 @@ std::vector<std::string> CapturedLog::Messages() {
     return messages;
 }
 
+std::vector<std::string> CapturedLog::Origins() {
+    std::vector<std::string> origins;
+    for (const Line& line : Lines()) {
+        origins.push_back(std::to_string(line.priority) + " " + line.file + ": " + line.function + " > " + line.format);
+    }
+    return origins;
+}
+
 int CapturedLog::Count(const std::string& message) {
     const std::lock_guard<std::mutex> lock(g_mutex);
     return CountLocked(message);

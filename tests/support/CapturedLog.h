@@ -30,6 +30,9 @@ std::vector<Line> Lines();
 /// @return the messages alone, in order, each with the letter of its priority in front: "E ", "W ", "I " or "D ".
 std::vector<std::string> Messages();
 
+/// @return where each message came from, as "priority file: function > format".
+std::vector<std::string> Origins();
+
 /// @return how often a message (without the letter) was captured since the last Clear().
 int Count(const std::string& message);
 

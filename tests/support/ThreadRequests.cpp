@@ -1,0 +1,18 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "ThreadRequests.h"
+
+ThreadRequests g_requests;
+
+/// Stands before GLib's own.
+GThread* g_thread_new(const gchar* name, GThreadFunc entry, gpointer argument) {
+    ++g_requests.count;
+    g_requests.name = name == nullptr ? "(null)" : name;
+    g_requests.entry = entry;
+    g_requests.argument = argument;
+    if (g_requests.areRefused) {
+        return nullptr;
+    }
+    GThread* thread = g_thread_try_new(name, entry, argument, nullptr);
+    g_requests.beforeReturn();
+    return thread;
+}
