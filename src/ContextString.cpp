@@ -124,7 +124,8 @@ std::vector<std::string> ContextString::to_word_vector(const std::string& text, 
 }
 
 int ContextString::SplitStringToken(const std::string& text, char delimiter, std::vector<std::string>& tokens) {
-    const std::string source(text);  // the text may be an element of the vector that grows
+    // NOLINTNEXTLINE(performance-unnecessary-copy-initialization): the text may be an element of the vector that grows
+    const std::string source(text);
     std::string::size_type from = 0;
     while (from < source.size()) {
         const auto hit = source.find(delimiter, from);

@@ -101,6 +101,7 @@ TEST_F(ContextAutoLockTest, LetsOneThreadInAtATime) {
     constexpr int kRounds = 5000;
     int counter = 0;
     std::vector<std::thread> threads;
+    threads.reserve(kThreads);
     for (int i = 0; i < kThreads; ++i) {
         threads.emplace_back([&] {
             for (int round = 0; round < kRounds; ++round) {

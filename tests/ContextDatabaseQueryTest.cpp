@@ -130,6 +130,9 @@ TEST_F(ContextDatabaseQueryTest, BindsEveryTag) {
     for (const auto& row : rows) {
         EXPECT_EQ(Bound(row.values), row.expected) << row.name;
     }
+    EXPECT_EQ(Select(m_database, "SELECT length(CAST(? AS BLOB)) AS bytes", Make(string("ab\0cd", 5))),
+              Rows({{{"bytes", "2"}}}))
+        << "nothing follows the zero byte in the file either";
     if constexpr (sizeof(long) == 4) {
         EXPECT_EQ(Bound(Make(LONG_MAX)), "integer:2147483647");
         EXPECT_EQ(Bound(Make(LONG_MIN)), "integer:-2147483648") << "widened with its sign";

@@ -529,7 +529,9 @@ TEST_F(ContextDatabaseTest, LeaksNeitherConnectionsNorStatements) {
         fs::create_symlink("/nowhere", DatabasePath("link.db"));
         Surroundings::WriteFile(DatabasePath("bad.db"), "not a database");
         const ContextDatabase linked("link.db", kCreateTable);
+        fs::create_directories(DatabasePath("folder.db/content"));
         const ContextDatabase damaged("bad.db", kCreateTable);
+        const ContextDatabase closed("folder.db", kCreateTable);
         EXPECT_EQ(OpenDescriptors(), 2);
         fs::remove(DatabasePath("link.db"));
     }
@@ -588,6 +590,19 @@ TEST_F(ContextDatabaseTest, SerialisesObjectsOnDifferentFiles) {
         }
     }
     EXPECT_EQ(RowCount(slow), "4");
+}
+
+TEST_F(ContextDatabaseTest, OpensNoFileWhileAnotherObjectsStatementIsUnderWay) {
+    ContextDatabase slow("slow.db", kCreateTable);
+    StatementHold hold;
+    Background holder([&] { Select(slow, "SELECT hold()"); });
+    ASSERT_TRUE(hold.Wait());
+    Background opening([] { const ContextDatabase database("x.db", kCreateTable); });
+    EXPECT_FALSE(opening.Returns(kShort));
+    EXPECT_FALSE(fs::exists(kPath));
+    hold.Release();
+    EXPECT_TRUE(opening.Returns());
+    EXPECT_TRUE(fs::exists(kPath));
 }
 
 TEST_F(ContextDatabaseTest, SurvivesManyThreadsThatWriteReadAndReset) {

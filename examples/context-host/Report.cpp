@@ -152,8 +152,9 @@ void Report::PrintRanking(const std::list<CuratorBaseData>& ranking, ECuratorAge
 
 void Report::PrintWeek(const CuratorBaseData7x24& grid, int recordCount) {
     constexpr std::size_t kHourWidth = 5;
+    constexpr std::size_t kNarrowest = 61;  // the hour, and seven cells of eight columns
     std::printf("Usual in each hour of the week, of %d records\n\n", recordCount);
-    const std::size_t width = std::max<std::size_t>(OutputWidth(), kHourWidth + 7 * 8);
+    const std::size_t width = std::max(OutputWidth(), kNarrowest);
     const std::size_t cellWidth = (width - kHourWidth) / 7 - 1;
     std::string line = std::string(kHourWidth, ' ');
     for (const char* day : kDays) {
