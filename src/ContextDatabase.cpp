@@ -209,7 +209,9 @@ void ContextDatabase::ResetDatabase() {
     path += kJournalSuffix;
     std::remove(path.c_str());
     LMR_LOG_INFO("remove %s file success", path.c_str());
-    OpenDatabase_();
+    if (!OpenDatabase_()) {
+        CloseDatabase_();  // a damaged file that cannot be removed was opened all the same
+    }
     m_bResetting = false;
 }
 

@@ -1,16 +1,16 @@
 // SPDX-License-Identifier: Apache-2.0
+#include "ContextDatabase.h"
+
 #include <gtest/gtest.h>
 
 #include <climits>
 #include <cstring>
-#include <functional>
 #include <memory>
 #include <string>
-#include <thread>
 #include <type_traits>
+#include <utility>
 #include <vector>
 
-#include "ContextDatabase.h"
 #include "DatabaseFixture.h"
 
 namespace {
@@ -66,7 +66,7 @@ protected:
 using ContextDatabaseQueryTest = QueryTest<ImmediateDatabase>;
 using ContextDatabaseDeferredQueryTest = QueryTest<DeferringDatabase>;
 
-/// A database of its own in the same file would disturb m_database: the others here have files of their own.
+/// The file of a second database: m_database has its own to itself.
 constexpr const char* kOther = "other.db";
 
 // Value lists

@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <functional>
 #include <memory>
@@ -10,6 +11,7 @@
 #include <string>
 #include <thread>
 #include <type_traits>
+#include <utility>
 #include <vector>
 
 #include "DatabaseFixture.h"
@@ -401,6 +403,7 @@ TEST_F(ContextDatabaseTest, ResetsOnceWhenADamagedFileCannotBeRemoved) {
     const ContextDatabase database("x.db", kCreateTable);
     EXPECT_EQ(CapturedLog::Messages(), Join({kFailedCheck, ResetLines(), kFailedCheck}));
     EXPECT_EQ(Surroundings::ReadFile(kPath), "not a database");
+    EXPECT_FALSE(database.IsRunning());
 }
 
 TEST_F(ContextDatabaseTest, NamesTheStepThatLogs) {

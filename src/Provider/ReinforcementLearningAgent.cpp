@@ -20,11 +20,14 @@ constexpr double kRewardScale = 100.0;         ///< how often a reward enters th
 /// @return the lowest action with the highest value; 0 when there is none.
 template <typename ValueOf>
 std::size_t Highest(std::size_t n, ValueOf valueOf) {
+    if (n == 0) {
+        return 0;
+    }
     std::size_t best = 0;
-    decltype(valueOf(best)) highest{};
-    for (std::size_t i = 0; i < n; ++i) {
+    auto highest = valueOf(0);
+    for (std::size_t i = 1; i < n; ++i) {
         const auto value = valueOf(i);
-        if (i == 0 || value > highest) {
+        if (value > highest) {
             best = i;
             highest = value;
         }

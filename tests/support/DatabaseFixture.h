@@ -7,6 +7,7 @@
 #include <sys/mount.h>
 #include <sys/statvfs.h>
 
+#include <cerrno>
 #include <chrono>
 #include <condition_variable>
 #include <cstring>
@@ -14,7 +15,6 @@
 #include <functional>
 #include <initializer_list>
 #include <map>
-#include <memory>
 #include <mutex>
 #include <stdexcept>
 #include <string>
