@@ -411,7 +411,7 @@ TEST_F(ContextEventThreadTest, ServesThePushesOfManyThreadsOneAtATimeOnItsOwn) {
     // Each thread's events came in its order, and all came.
     Ids served = m_recorder.Served();
     std::stable_sort(served.begin(), served.end(), [](int a, int b) { return a / kEvents < b / kEvents; });
-    Ids expected(kThreads * kEvents);
+    Ids expected(static_cast<std::size_t>(kThreads) * kEvents);
     std::iota(expected.begin(), expected.end(), 0);
     EXPECT_EQ(served, expected);
 }

@@ -20,7 +20,7 @@ namespace {
 using Words = std::vector<std::string>;
 
 // The null character is a character like any other: "a\0b"s is three of them.
-using std::string_literals::operator""s;
+using namespace std::string_literals;
 
 /// Calls `check` with every text over an alphabet, from the empty one up to a length.
 void ForEveryText(const std::string& alphabet, std::size_t longest,
@@ -214,7 +214,8 @@ TEST_F(ContextStringTest, TrimsTheSixWhiteSpaceCharactersAndNoOther) {
     for (const char byte : AllBytes()) {
         const std::string edge(1, byte);
         const bool isWhiteSpace = std::string(" \v\f\n\r\t").find(byte) != std::string::npos;
-        EXPECT_EQ(Trimmed(edge + "a" + edge), isWhiteSpace ? "a" : edge + "a" + edge) << static_cast<int>(byte);
+        const std::string text = std::string(edge).append("a").append(edge);
+        EXPECT_EQ(Trimmed(text), isWhiteSpace ? "a" : text) << static_cast<int>(byte);
         EXPECT_EQ(Trimmed(edge), isWhiteSpace ? "" : edge) << static_cast<int>(byte);
     }
 }

@@ -330,9 +330,9 @@ TEST_F(ContextTimerTest, ServesTheRequestsOfManyThreadsWhileItTicks) {
     int calls = 0;
     Set("stays", 0);
     Start();
-    std::vector<std::thread> threads;
-    for (int thread = 0; thread < 4; ++thread) {
-        threads.emplace_back([&] {
+    std::vector<std::thread> threads(4);
+    for (std::thread& thread : threads) {
+        thread = std::thread([&] {
             for (int round = 0; round < 100; ++round) {
                 const TimerId id = m_timer.SetTimer(
                     0, [](int, void* userData) { ++*static_cast<int*>(userData); }, &calls);

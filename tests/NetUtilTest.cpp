@@ -556,9 +556,10 @@ TEST_F(NetUtilTest, TakesRepliesBelow204800Bytes) {
 TEST_F(NetUtilTest, TakesRepliesOnAThreadWithASmallStack) {
     const Connection connection;
     connection.Send(Frame("text"));
+    constexpr std::size_t kStackSize = 131072;
     pthread_attr_t attributes;
     pthread_attr_init(&attributes);
-    ASSERT_EQ(pthread_attr_setstacksize(&attributes, 128 * 1024), 0);
+    ASSERT_EQ(pthread_attr_setstacksize(&attributes, kStackSize), 0);
     const auto run = [](void* fd) -> void* {
         NetUtil::GetReply(*static_cast<int*>(fd), "Answer");
         return nullptr;
