@@ -335,7 +335,7 @@ TEST_F(MemoryMgrTest, FreesBlocksThatItNeverHandedOut) {
 }
 
 TEST_F(MemoryMgrTest, LooksForABlockOnlyWhereAnyIsCounted) {
-    void* plain = std::malloc(10);
+    void* plain = std::calloc(1, 10);
     m_manager.m_table[7].nBlockLow = static_cast<std::uint32_t>(AddressOf(plain));
     m_manager.m_table[7].nBlockHigh = static_cast<std::uint16_t>(AddressOf(plain) >> 32);
     CMemoryManager::Release(plain);
