@@ -2,8 +2,6 @@
 #include "Report.h"
 
 #include <ContextString.h>
-#include <glib.h>
-#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -11,63 +9,19 @@
 #include <ctime>
 #include <vector>
 
+#include "Terminal.h"
+
 namespace {
 
-constexpr std::size_t kPipeWidth = 100;  // columns where standard output is no terminal
+using Terminal::Columns;
+using Terminal::Fit;
+using Terminal::Heading;
+using Terminal::Printable;
+
+constexpr std::size_t kFewestForName = 4;
+constexpr std::size_t kFewestForDevice = 10;  // with less room than that, the column is left out
 constexpr double kSecondsPerHour = 3600.0;
 constexpr const char* kDays[] = {"Sun", "Mon", "Tue", "Wed", "Thu", "Fri", "Sat"};
-
-std::size_t OutputWidth() {
-    winsize size{};
-    if (isatty(STDOUT_FILENO) != 0 && ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0) {
-        return size.ws_col;
-    }
-    return kPipeWidth;
-}
-
-/// Columns of a terminal that a character takes.
-std::size_t WidthOf(gunichar character) {
-    return g_unichar_iszerowidth(character) ? 0 : (g_unichar_iswide(character) ? 2 : 1);
-}
-
-std::size_t WidthOf(const std::string& text) {
-    std::size_t width = 0;
-    for (const char* at = text.c_str(); *at != '\0'; at = g_utf8_next_char(at)) {
-        width += WidthOf(g_utf8_get_char(at));
-    }
-    return width;
-}
-
-/// A name as it may go to a terminal: no control characters, whatever the history says.
-std::string Printable(const std::string& text) {
-    std::string result;
-    for (const char* at = text.c_str(); *at != '\0'; at = g_utf8_next_char(at)) {
-        if (g_unichar_iscntrl(g_utf8_get_char(at))) {
-            result += "\uFFFD";
-        } else {
-            result.append(at, static_cast<const char*>(g_utf8_next_char(at)));
-        }
-    }
-    return result;
-}
-
-/// Exactly `width` columns: cut with an ellipsis, or filled with blanks.
-std::string Fit(const std::string& text, std::size_t width) {
-    if (WidthOf(text) <= width) {
-        return text + std::string(width - WidthOf(text), ' ');
-    }
-    std::string result;
-    std::size_t used = 0;
-    for (const char* at = text.c_str(); *at != '\0'; at = g_utf8_next_char(at)) {
-        const std::size_t next = WidthOf(g_utf8_get_char(at));
-        if (used + next + 1 > width) {
-            break;
-        }
-        result.append(at, static_cast<const char*>(g_utf8_next_char(at)));
-        used += next;
-    }
-    return result + "…" + std::string(width - used - 1, ' ');
-}
 
 std::string FitRight(const std::string& text, std::size_t width) {
     return text.size() < width ? std::string(width - text.size(), ' ') + text : text;
@@ -110,92 +64,126 @@ std::string Trimmed(std::string line) {
     return line;
 }
 
+std::string NameOf(const CuratorBaseData& record) {
+    return Printable(record.m_strMetaData.empty() ? record.GetUnitId() : record.m_strMetaData);
+}
+
+std::string FirstOf(const std::list<CuratorBaseData>& ranking) {
+    return ranking.empty() ? "-" : NameOf(ranking.front());
+}
+
+void PrintTitle(const std::string& title) {
+    std::printf("%s\n\n", Heading(title).c_str());
+}
+
+struct Row {
+    std::string rank;
+    std::string name;
+    std::string score;
+    std::string device;
+};
+
 }  // namespace
 
 void Report::PrintRanking(const std::list<CuratorBaseData>& ranking, ECuratorAgentType type, int recordCount) {
     const Wording wording = WordingOf(type);
-    std::printf("%s, of %d records\n\n", wording.title.c_str(), recordCount);
+    PrintTitle(wording.title + ", of " + std::to_string(recordCount) + " records");
     if (ranking.empty()) {
-        std::puts("Nothing to rank.");
+        std::puts(recordCount > 0 ? "Nothing to rank."
+                                  : "Nothing to rank. Add a history: context-host FILE (--help shows its form)");
         return;
     }
-    std::vector<std::string> names;
-    std::vector<std::string> scores;
-    std::size_t nameWidth = 4;
-    std::size_t scoreWidth = wording.score.size();
+    std::vector<Row> rows = {{"#", "Name", wording.score, "Latest device"}};
     for (const CuratorBaseData& record : ranking) {
-        names.push_back(Printable(record.m_strMetaData.empty() ? record.GetUnitId() : record.m_strMetaData));
-        scores.push_back(type == CURATOR_AGENT_MRU ? LocalTime(record.m_dScore) : Hours(record.m_dScore));
-        nameWidth = std::max(nameWidth, WidthOf(names.back()));
-        scoreWidth = std::max(scoreWidth, scores.back().size());
+        rows.push_back({std::to_string(rows.size()), NameOf(record),
+                        type == CURATOR_AGENT_MRU ? LocalTime(record.m_dScore) : Hours(record.m_dScore),
+                        Printable(record.m_strMetaDataSrc)});
     }
-    const std::size_t rankWidth = std::max<std::size_t>(2, std::to_string(ranking.size()).size());
-    const std::size_t width = OutputWidth();
-    const std::size_t fixed = 1 + rankWidth + 2 + 2 + scoreWidth + 2;
-    nameWidth = std::min(nameWidth, std::max<std::size_t>(10, width > fixed + 10 ? width - fixed - 10 : 0));
-    const std::size_t deviceWidth =
-        std::max<std::size_t>(10, width > fixed + nameWidth ? width - fixed - nameWidth : 0);
-
-    const auto printRow = [&](const std::string& rank, const std::string& name, const std::string& score,
-                              const std::string& device) {
-        const std::string line = " " + FitRight(rank, rankWidth) + "  " + Fit(name, nameWidth) + "  " +
-                                 FitRight(score, scoreWidth) + "  " + Fit(device, deviceWidth);
-        std::puts(Trimmed(line).c_str());
-    };
-    printRow("#", "Name", wording.score, "Latest device");
-    std::size_t rank = 0;
-    for (const CuratorBaseData& record : ranking) {
-        printRow(std::to_string(rank + 1), names[rank], scores[rank], Printable(record.m_strMetaDataSrc));
-        ++rank;
+    std::size_t rankWidth = 2;
+    std::size_t nameWidth = 0;
+    std::size_t scoreWidth = 0;
+    std::size_t deviceWidth = 0;
+    for (const Row& row : rows) {
+        rankWidth = std::max(rankWidth, row.rank.size());
+        nameWidth = std::max(nameWidth, Columns(row.name));
+        scoreWidth = std::max(scoreWidth, row.score.size());
+        deviceWidth = std::max(deviceWidth, Columns(row.device));
+    }
+    // The numbers are never cut: the names share what is left, and the device goes first.
+    const std::size_t fixed = 1 + rankWidth + 2 + 2 + scoreWidth;
+    const std::size_t width = Terminal::WidthOf(STDOUT_FILENO);
+    const std::size_t room = std::max(fixed + kFewestForName, width) - fixed;
+    const bool hasDevice = room >= kFewestForName + 2 + kFewestForDevice;
+    nameWidth = std::min(nameWidth, hasDevice ? room - 2 - kFewestForDevice : room);
+    deviceWidth = hasDevice ? std::min(deviceWidth, room - 2 - nameWidth) : 0;
+    for (const Row& row : rows) {
+        std::string line = " " + FitRight(row.rank, rankWidth) + "  " + Fit(row.name, nameWidth) + "  " +
+                           FitRight(row.score, scoreWidth);
+        if (deviceWidth > 0) {
+            line = Trimmed(line + "  " + Fit(row.device, deviceWidth));
+        }
+        std::puts((&row == &rows.front() ? Heading(line) : line).c_str());
     }
 }
 
 void Report::PrintWeek(const CuratorBaseData7x24& grid, int recordCount) {
     constexpr std::size_t kHourWidth = 5;
-    constexpr std::size_t kNarrowest = 61;  // the hour, and seven cells of eight columns
-    std::printf("Usual in each hour of the week, of %d records\n\n", recordCount);
-    const std::size_t width = std::max(OutputWidth(), kNarrowest);
-    const std::size_t cellWidth = (width - kHourWidth) / 7 - 1;
+    constexpr std::size_t kFewestForCell = 3;
+    PrintTitle("Usual in each hour of the week, of " + std::to_string(recordCount) + " records");
+    std::size_t cellWidth = kFewestForCell;
+    for (const auto& day : grid.m_listData) {
+        for (const std::list<CuratorBaseData>& ranking : day) {
+            cellWidth = std::max(cellWidth, Columns(FirstOf(ranking)));
+        }
+    }
+    const std::size_t width = Terminal::WidthOf(STDOUT_FILENO);
+    const std::size_t room = std::max(kHourWidth + 7 * (1 + kFewestForCell), width) - kHourWidth;
+    cellWidth = std::min(cellWidth, room / 7 - 1);
     std::string line = std::string(kHourWidth, ' ');
     for (const char* day : kDays) {
         line += " " + Fit(day, cellWidth);
     }
-    std::puts(Trimmed(line).c_str());
+    std::puts(Heading(Trimmed(line)).c_str());
     for (int hour = 0; hour < 24; ++hour) {
         char label[16];
         std::snprintf(label, sizeof(label), "%02d:00", hour);
         line = label;
-        for (int day = 0; day < 7; ++day) {
-            const std::list<CuratorBaseData>& ranking = grid.m_listData[day][hour];
-            const std::string name = ranking.empty()                         ? "-"
-                                     : ranking.front().m_strMetaData.empty() ? ranking.front().GetUnitId()
-                                                                             : ranking.front().m_strMetaData;
-            line += " " + Fit(Printable(name), cellWidth);
+        for (const auto& day : grid.m_listData) {
+            line += " " + Fit(FirstOf(day[hour]), cellWidth);
         }
         std::puts(Trimmed(line).c_str());
     }
 }
 
 void Report::PrintEvaluation(const std::vector<Evaluation::Result>& results, int recordCount) {
+    constexpr std::size_t kNameWidth = 14;
+    constexpr const char* kColumns = "  Top 1   Top 3   Top 5    MRR";
+    constexpr std::size_t kColumnsWidth = 32;
     const int tries = results.front().tries;
-    std::printf("How often the next use was foreseen: %d uses, the last fifth of %d records\n\n", tries, recordCount);
+    PrintTitle("How often the next use was foreseen: " + std::to_string(tries) + " uses, the last fifth of " +
+               std::to_string(recordCount) + " records");
     if (tries == 0) {
-        std::puts("Nothing to foresee.");
+        std::puts("Nothing to foresee: it takes five records or more. Add a history: context-host --evaluate FILE");
         return;
     }
-    std::puts(" Ranking by       Top 1   Top 3   Top 5    MRR");
+    const std::size_t width = Terminal::WidthOf(STDOUT_FILENO);
+    const std::size_t nameWidth = std::min(kNameWidth, std::max(kColumnsWidth + kFewestForName, width) - kColumnsWidth);
+    const auto printHead = [&](const char* name) { std::puts(Heading(" " + Fit(name, nameWidth) + kColumns).c_str()); };
+    printHead("Ranking by");
     for (std::size_t row = 0; row < results.size(); ++row) {
         if (row == Evaluation::kRankings) {
-            std::puts("\n Choosing among the three\n Bandit agent     Top 1   Top 3   Top 5    MRR");
+            std::puts("\n Choosing among the three");
+            printHead("Bandit agent");
         }
         const Evaluation::Result& result = results[row];
         const auto percent = [tries](int count) { return 100.0 * count / tries; };
-        std::printf(" %-14s %5.1f %%  %4.1f %%  %4.1f %%  %.3f\n", result.name.c_str(), percent(result.first),
-                    percent(result.amongThree), percent(result.amongFive), result.inverses / tries);
+        std::printf(" %s %5.1f %%  %4.1f %%  %4.1f %%  %.3f\n", Fit(result.name, nameWidth).c_str(),
+                    percent(result.first), percent(result.amongThree), percent(result.amongFive),
+                    result.inverses / tries);
     }
 }
 
-Report::ProgressBar::ProgressBar() : m_isTerminal(isatty(STDERR_FILENO) != 0) {}
+Report::ProgressBar::ProgressBar() : m_isDrawn(Terminal::IsSmart(STDERR_FILENO)) {}
 
 Report::ProgressBar::~ProgressBar() {
     if (m_drawn >= 0) {
@@ -206,12 +194,15 @@ Report::ProgressBar::~ProgressBar() {
 void Report::ProgressBar::Draw(const char* what, std::size_t done, std::size_t all) {
     constexpr int kSteps = 40;
     const int steps = all == 0 ? kSteps : static_cast<int>(done * kSteps / all);
-    if (!m_isTerminal || steps == m_drawn) {
+    if (!m_isDrawn || steps == m_drawn) {
         return;
     }
     m_drawn = steps;
-    const std::string bar =
-        std::string(static_cast<std::size_t>(steps), '#') + std::string(static_cast<std::size_t>(kSteps - steps), '.');
-    std::fprintf(stderr, "\r\033[K[%s] %s: %zu of %zu records", bar.c_str(), what, done, all);
+    std::string line = std::string(what) + ": " + std::to_string(done) + " of " + std::to_string(all) + " records";
+    if (Terminal::WidthOf(STDERR_FILENO) > kSteps + 3 + line.size()) {
+        const auto drawn = static_cast<std::size_t>(steps);
+        line = "[" + std::string(drawn, '#') + std::string(kSteps - drawn, '.') + "] " + line;
+    }
+    std::fprintf(stderr, "\r\033[K%s", line.c_str());
     std::fflush(stderr);
 }
