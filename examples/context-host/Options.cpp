@@ -9,11 +9,12 @@
 namespace {
 
 constexpr const char* kDescription =
-    "Each FILE is the usage history of one device, known by its file name: CSV with the header line\n"
-    "unit_id,unit_name,device_name,start_time,duration (RFC 4180; UTF-8, or big-endian UTF-16 with its mark;\n"
-    "start_time in seconds since 1970 UTC, duration in seconds). Its records are added to the store; those that are "
-    "there already are not stored twice.\n"
-    "The ranking is that of everything in the store. Without a FILE, what is stored is ranked.\n"
+    "Each FILE is the usage history of one device, known by its file name: CSV (RFC 4180; UTF-8, or\n"
+    "big-endian UTF-16 with its mark) with the header line\n"
+    "  unit_id,unit_name,device_name,start_time,duration\n"
+    "start_time counts seconds since 1970 UTC, duration seconds. Its records are added to the store; those\n"
+    "that are there already are not stored twice. The ranking is that of everything in the store. Without\n"
+    "a FILE, what is stored is ranked.\n"
     "\n"
     "Agents:\n"
     "  mru    the units used most recently\n"
@@ -37,13 +38,13 @@ constexpr const char* kDescription =
     "  4  a file has a malformed row; nothing of   130  interrupted; what was stored stays\n"
     "     it is stored\n"
     "\n"
-    "--page writes one HTML file that needs no network: the week, the rankings by recency and total use, and how well "
-    "they\nforesee. It is written beside what is printed, and replaced as a whole.\n"
-    "On a terminal headings are bold, unless NO_COLOR is set, and names are cut to its width, or to COLUMNS. In a pipe "
-    "nothing is.\n"
-    "--serve listens on all interfaces: whoever reaches the port can read the rankings. One host at a time uses a "
-    "store.\n"
-    "The store is a file in /opt/usr/apps/lumora-service/data. Diagnostics of the library go to the system log.";
+    "--page writes one HTML file that needs no network, beside what is printed: the week, the rankings by\n"
+    "recency and total use, and how well they foresee.\n"
+    "On a terminal headings are bold, unless NO_COLOR is set, and names are cut to its width, or to COLUMNS.\n"
+    "In a pipe nothing is.\n"
+    "--serve listens on all interfaces: whoever reaches the port can read the rankings.\n"
+    "One host at a time uses a store, which is a file in /opt/usr/apps/lumora-service/data.\n"
+    "Diagnostics of the library go to the system log.";
 
 std::optional<ECuratorAgentType> AgentNamed(const std::string& name) {
     if (name == "mru") {
