@@ -113,7 +113,7 @@ std::string Page::Write(const std::string& path, const std::string& page) {
             kEveryoneMayRead, &error) == FALSE) {
         const std::string message = error->message;
         g_error_free(error);
-        return message + "; make room there, or choose a folder that you may write to";
+        return message + "; make room there, or choose another folder";
     }
     return "";
 }

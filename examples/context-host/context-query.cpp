@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <charconv>
+#include <clocale>
 #include <csignal>
 #include <cstdio>
 #include <cstring>
@@ -66,6 +67,7 @@ std::string Ask(int port, std::string request) {
 // Sends one request to a context-host that serves, and prints the answer: context-query PORT rank date 5
 int main(int argc, char** argv) {
     Terminal::GuardStandardFiles();
+    std::setlocale(LC_CTYPE, "");
     std::signal(SIGPIPE, SIG_IGN);
     const std::unique_ptr<GOptionContext, decltype(&g_option_context_free)> context(
         g_option_context_new("PORT REQUEST - ask a context-host that serves, and print its JSON text"),

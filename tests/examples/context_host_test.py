@@ -8,11 +8,13 @@ import collections
 import contextlib
 import csv
 import datetime
+import fcntl
 import json
 import os
 import pathlib
 import pty
 import re
+import resource
 import select
 import signal
 import socket
@@ -21,7 +23,9 @@ import struct
 import subprocess
 import sys
 import tempfile
+import termios
 import time
+import unicodedata
 import unittest
 import zoneinfo
 
@@ -31,6 +35,12 @@ QUERY = sys.argv[3]
 HISTORIES = ROOT / "tests/data/histories"
 HEADER = "unit_id,unit_name,device_name,start_time,duration\n"
 BOUND = 60  # seconds that any run may take
+
+
+def columns(text):
+    """The columns that a text takes on a terminal."""
+    return sum(0 if unicodedata.combining(character) else 2 if unicodedata.east_asian_width(character) in "WF" else 1
+               for character in text)
 
 
 class ContextHostTest(unittest.TestCase):
@@ -48,6 +58,33 @@ class ContextHostTest(unittest.TestCase):
                                 stdin=subprocess.DEVNULL, env={**os.environ, "TZ": zone})
         self.assertEqual(result.returncode, status, result.stderr)
         return result
+
+    def run_on_terminal(self, *arguments, width=80, **environment):
+        """What the host shows on a terminal of that width, and on its standard error, which is another."""
+        environment = {"TERM": "xterm", "TZ": "UTC", "PATH": os.environ["PATH"], "LC_ALL": "C.UTF-8", **environment}
+        pairs = [pty.openpty(), pty.openpty()]
+        for _, theirs in pairs:
+            fcntl.ioctl(theirs, termios.TIOCSWINSZ, struct.pack("HHHH", 24, width, 0, 0))
+        process = subprocess.Popen(self.command(*arguments), stdin=subprocess.DEVNULL, stdout=pairs[0][1],
+                                   stderr=pairs[1][1], env=environment)
+        texts = {ours: b"" for ours, _ in pairs}
+        for _, theirs in pairs:
+            os.close(theirs)
+        unread = set(texts)
+        while unread:
+            ready = select.select(unread, [], [], BOUND)[0]
+            self.assertTrue(ready, "the host never ended")
+            for ours in ready:
+                try:
+                    piece = os.read(ours, 65536)
+                except OSError:  # that is how a terminal ends
+                    piece = b""
+                texts[ours] += piece
+                if not piece:
+                    unread.remove(ours)
+                    os.close(ours)
+        self.assertEqual(process.wait(timeout=BOUND), 0)
+        return [text.decode().replace("\r\n", "\n") for text in texts.values()]
 
     def rank(self, *arguments, zone="UTC"):
         text = self.run_host("--json", *arguments, zone=zone).stdout
@@ -209,7 +246,7 @@ class ContextHostTest(unittest.TestCase):
     def ask(self, port, *request, status=0):
         result = subprocess.run([QUERY, str(port), *request], capture_output=True, encoding="utf-8", timeout=BOUND)
         self.assertEqual(result.returncode, status, result.stderr)
-        return json.loads(result.stdout) if status == 0 else result.stderr
+        return json.loads(result.stdout) if result.stdout else result.stderr
 
     def wait_for(self, port, request, wanted):
         deadline = time.monotonic() + BOUND
@@ -228,8 +265,19 @@ class ContextHostTest(unittest.TestCase):
             self.assertEqual(self.ask(port, "weekly")["Size"], 7)
             self.assertEqual(self.ask(port, "quit"), {"bye": True})
             for request in (["rank"], ["rank", "best"], ["rank", "mru", "-1"], ["weekly", "now"], ["nonsense"]):
-                self.assertIn("error", self.ask(port, *request))
+                self.assertIn("error", self.ask(port, *request, status=3))
+            with open("/dev/full", "wb") as full:
+                self.assertEqual(subprocess.run([QUERY, str(port), "rank", "mru"], stdout=full, timeout=BOUND,
+                                                stderr=subprocess.DEVNULL).returncode, 8)
         self.assertIn("no answer", self.ask(port, "rank", "mru", status=1))
+
+    def test_says_how_to_ask(self):
+        for arguments in ([], ["7300"], ["many", "rank"], ["0", "rank"], ["65536", "rank"], ["73x", "rank"], ["--no", "1"]):
+            with self.subTest(arguments):
+                result = subprocess.run([QUERY, *arguments], capture_output=True, encoding="utf-8", timeout=BOUND)
+                self.assertEqual((result.returncode, result.stdout), (2, ""))
+                self.assertIn("--help", result.stderr)
+                self.assertEqual(result.stderr.count("\n"), 1)
 
     def test_learns_what_is_added_while_it_serves(self):
         with self.served(HISTORIES / "music_d.csv") as (port, _):
@@ -272,7 +320,7 @@ class ContextHostTest(unittest.TestCase):
 
     def test_ends_its_service_when_it_is_told_to(self):
         with self.served("--track-memory") as (port, process):
-            self.assertIn("error", self.ask(port, "nonsense"))
+            self.assertIn("error", self.ask(port, "nonsense", status=3))
             os.killpg(process.pid, signal.SIGTERM)
             process.wait(timeout=BOUND)
         self.assertIn("the host's own buffers: 0 blocks in use with 0 bytes, at most 256 bytes at once", self.rest)
@@ -366,7 +414,7 @@ class ContextHostTest(unittest.TestCase):
     def test_reports_a_wrong_command_line(self):
         for arguments in (["--nonsense"], ["--agent", "best"], ["--max", "many"], ["--max", "-1"],
                           ["--min-duration", "-1"], ["--weekly", "--agent", "mru"], ["--database", "../x"],
-                          ["--evaluate", "--json"], ["--serve", "0", "--json"], ["--serve", "-2"], ["--serve", "65536"]):
+                          ["--evaluate", "--json"], ["--page", ""], ["--page", "-"], ["--serve", "0", "--page", "a"], ["--serve", "0", "--json"], ["--serve", "-2"], ["--serve", "65536"]):
             with self.subTest(arguments):
                 result = self.run_host(*arguments, status=2)
                 self.assertIn("--help", result.stderr)
@@ -418,23 +466,132 @@ class ContextHostTest(unittest.TestCase):
     def test_draws_its_progress_on_a_terminal_only(self):
         path = self.write("a.csv", HEADER + "x,X,d,100,5\n")
         self.assertEqual(self.run_host(path).stderr, "1 new records stored\n")
-        ours, theirs = pty.openpty()
-        process = subprocess.Popen(self.command(path, "--json"), stderr=theirs, stdout=subprocess.PIPE)
-        os.close(theirs)
-        drawn = b""
-        while select.select([ours], [], [], BOUND)[0]:
-            try:
-                piece = os.read(ours, 4096)
-            except OSError:
-                break
-            if not piece:
-                break
-            drawn += piece
-        stdout, _ = process.communicate(timeout=BOUND)
-        os.close(ours)
-        self.assertEqual(process.returncode, 0)
-        self.assertIn(b"[########################################] storing: 1 of 1 records", drawn)
-        self.assertTrue(json.loads(stdout))
+        text, drawn = self.run_on_terminal(path, "--json")
+        self.assertEqual(text, '{"Size":1,"list":[{"Id":"x","MetaDataSrc":"d","Score":5.0}]}\n')
+        self.assertIn("\r\033[K[########################################] storing: 1 of 1 records", drawn)
+        self.assertTrue(drawn.endswith("\r\033[K0 new records stored\n"), drawn)
+        self.assertIn("\r\033[Kstoring: 1 of 1 records\r", self.run_on_terminal(path, width=40)[1])
+        self.assertEqual(self.run_on_terminal(path, TERM="dumb")[1], "0 new records stored\n")
+
+    # On a terminal and elsewhere.
+
+    NAMES = ["Ein recht langer Name eines Liedes", "日本語の名前はとても広い文字です", "Cafe\u0301 e\u0301te\u0301 " * 5, "x",
+             "a\x1b[31mb\u2028c\u202ed"]
+
+    def write_names(self):
+        return self.write("a.csv", HEADER + "".join(
+            f"u{index},{name},{name},{1709560800 + 4000 * index},{360000 * (index + 1)}\n"
+            for index, name in enumerate(self.NAMES)))
+
+    def test_fits_its_tables_to_the_terminal(self):
+        self.run_host(self.write_names())
+        for width in (36, 80, 400):
+            for arguments, number in {("--agent", "mfu"): r"\d+\.\d h", ("--weekly",): r"\d\d:00",
+                                      ("--agent", "mru"): r"2024-03-04 \d\d:\d\d:\d\d",
+                                      ("--evaluate",): r"\d\.\d{3}"}.items():
+                with self.subTest(width=width, arguments=arguments):
+                    text = self.run_on_terminal(*arguments, width=width, NO_COLOR="1")[0]
+                    lines = text.split("\n\n", 1)[1].splitlines()
+                    self.assertLessEqual(max(map(columns, lines)), width)
+                    rows = [line for line in lines if re.search(number, line)]
+                    self.assertEqual(len(rows), {"--weekly": 24, "--evaluate": 8}.get(arguments[0], 5))
+                    ends = {columns(row[:re.search(number, row).end()]) for row in rows}
+                    self.assertEqual(len(ends), 1, "the columns stand below each other")
+                    self.assertEqual("…" in text, width == 36 or width == 80 and "--evaluate" not in arguments)
+        narrow = self.run_on_terminal(width=10, NO_COLOR="1")[0]
+        self.assertEqual(len(re.findall(r" \d+\.\d h$", narrow, re.M)), 5, "numbers stay whole")
+        wide = self.run_on_terminal(width=40, COLUMNS="300", NO_COLOR="1")[0]
+        for name in self.NAMES[:4]:
+            self.assertEqual(wide.count(name.strip()), 2)
+        self.assertEqual(wide.count("a\ufffd[31mb\ufffdc\ufffdd"), 2)
+
+    def test_cuts_nothing_in_a_pipe(self):
+        path = self.write_names()
+        for arguments in ([path], ["--weekly"], ["--evaluate"]):
+            text = self.run_host(*arguments).stdout
+            self.assertNotIn("…", text)
+            self.assertNotIn("\033", text)
+        self.assertEqual(self.run_host("--agent", "mfu").stdout.count(self.NAMES[2].strip()), 2)
+        self.assertIn("a\ufffd[31mb", self.run_host("--weekly").stdout)
+
+    def test_prints_headings_in_bold_where_that_is_welcome(self):
+        self.run_host(self.write("a.csv", HEADER + "x,X,d,100,5\n"))
+        plain = self.run_host().stdout
+        for environment in ({"NO_COLOR": "1"}, {"TERM": "dumb"}, {"TERM": ""}):
+            self.assertEqual(self.run_on_terminal(**environment)[0], plain)
+        for environment in ({}, {"NO_COLOR": ""}):
+            bold = self.run_on_terminal(**environment)[0]
+            self.assertTrue(bold.startswith("\033[1mMost used, of 1 records\033[0m\n"), bold)
+            self.assertEqual(re.sub("\033\\[[01]m", "", bold), plain)
+            self.assertEqual(bold.count("\033"), 4)
+
+    def run_with_output(self, redirection, *arguments):
+        return subprocess.run([str(ROOT / "scripts/with-data-directory"), str(self.store), "sh", "-c",
+                               f'exec "$0" "$@" {redirection}', PROGRAM, *map(str, arguments)],
+                              stdout=subprocess.PIPE, stderr=subprocess.PIPE, encoding="utf-8", timeout=BOUND)
+
+    def test_notices_when_its_output_goes_nowhere(self):
+        self.run_host(self.write("a.csv", HEADER + "x,X,d,100,5\n"))
+        for redirection in (">&-", ">/dev/full", "<&- >&-"):
+            for arguments in ([], ["--json"], ["--evaluate"]):
+                with self.subTest(redirection=redirection, arguments=arguments):
+                    result = self.run_with_output(redirection, *arguments)
+                    self.assertEqual(result.returncode, 8, result.stderr)
+                    self.assertEqual(result.stderr.count("\n"), 1)
+                    self.assertIn("standard output takes no more: make room", result.stderr)
+        self.assertEqual(self.run_with_output(">&- 2>&-").returncode, 8)
+        self.assertEqual((self.store / "usage.db.lock").read_bytes(), b"", "no other file took its place")
+        self.assertEqual(len(self.rows()), 1)
+
+    def test_ends_quietly_when_its_reader_goes(self):
+        self.run_host(self.write("a.csv", HEADER + "".join(f"u{index},X,d,{index},5\n" for index in range(200))))
+        for arguments in (["--max", 1], ["--json", "--weekly", "--max", 200]):
+            ours, theirs = os.pipe()
+            process = subprocess.Popen(self.command(*arguments), stdout=theirs, stderr=subprocess.PIPE)
+            os.close(theirs)
+            os.close(ours)
+            self.assertEqual((process.communicate(timeout=BOUND)[1], process.returncode), (b"", 0))
+
+    # The page, as a file: what it shows is tested in a browser.
+
+    def test_writes_the_page_beside_what_it_prints(self):
+        path = self.write("a.csv", HEADER + "x,X,d,100,5\n" * 10)
+        page = self.folder / "week.html"
+        result = self.run_host("--page", page, path)
+        self.assertTrue(result.stderr.endswith(f"{page} written; open it with a browser\n"), result.stderr)
+        text = page.read_text(encoding="utf-8")
+        self.assertTrue(text.startswith("<!DOCTYPE html>") and text.endswith("</html>\n"))
+        self.assertEqual(re.findall(r"@[A-Z]+@", text), [])
+        self.assertEqual(page.stat().st_mode & 0o777, 0o644)
+        for arguments in ([], ["--json"], ["--weekly"], ["--weekly", "--json"], ["--agent", "mru"], ["--evaluate"]):
+            with self.subTest(arguments):
+                page.unlink()
+                plain = self.run_host(*arguments).stdout
+                self.assertEqual(self.run_host("-p", page, *arguments).stdout, plain)
+                self.assertEqual(page.read_text(encoding="utf-8"), text)
+        self.assertEqual(sorted(entry.name for entry in self.folder.iterdir()), ["a.csv", "store", "week.html"])
+
+    def test_keeps_an_older_page_when_the_new_one_cannot_be_written(self):
+        self.run_host(self.write("a.csv", HEADER + "x,X,d,100,5\n"))
+        page = self.folder / "week.html"
+        page.write_text("older")
+
+        def no_room():
+            signal.signal(signal.SIGXFSZ, signal.SIG_IGN)
+            resource.setrlimit(resource.RLIMIT_FSIZE, (4096, 4096))
+
+        result = subprocess.run(self.command("--page", page), capture_output=True, encoding="utf-8", timeout=BOUND,
+                                preexec_fn=no_room)
+        self.assertEqual((result.returncode, result.stdout), (7, ""), result.stderr)
+        self.assertIn("context-host: the page is not written: ", result.stderr)
+        self.assertIn("make room there", result.stderr)
+        self.assertEqual(page.read_text(), "older")
+        self.assertEqual(sorted(entry.name for entry in self.folder.iterdir()), ["a.csv", "store", "week.html"])
+        for wrong in (self.folder / "no/week.html", self.folder, "/dev/null"):
+            result = self.run_host("--page", wrong, status=7)
+            self.assertIn("choose another", result.stderr)
+            self.assertEqual((result.stderr.count("\n"), result.stdout), (1, ""))
+        self.assertTrue(pathlib.Path("/dev/null").is_char_device())
 
 
 if __name__ == "__main__":
