@@ -62,7 +62,7 @@ std::string Zone() {
         return *zone == ':' ? zone + 1 : zone;
     }
     GTimeZone* local = g_time_zone_new_local();
-    const std::string name = g_time_zone_get_identifier(local);
+    std::string name = g_time_zone_get_identifier(local);
     g_time_zone_unref(local);
     return name;
 }

@@ -120,8 +120,10 @@ void Report::PrintRanking(const std::list<CuratorBaseData>& ranking, ECuratorAge
         std::string line = " " + FitRight(row.rank, rankWidth) + "  " + Fit(row.name, nameWidth) + "  " +
                            FitRight(row.score, scoreWidth);
         if (deviceWidth > 0) {
-            line = Trimmed(line + "  " + Fit(row.device, deviceWidth));
+            line += "  ";
+            line += Fit(row.device, deviceWidth);
         }
+        line = Trimmed(line);
         std::puts((&row == &rows.front() ? Heading(line) : line).c_str());
     }
 }

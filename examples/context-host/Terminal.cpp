@@ -15,9 +15,10 @@ namespace {
 
 constexpr std::size_t kUsualWidth = 80;  // of a terminal that does not tell
 
-bool IsSet(const char* variable) {
+/// @return its value; empty when it is not set.
+std::string Environment(const char* variable) {
     const char* value = std::getenv(variable);
-    return value != nullptr && *value != '\0';
+    return value != nullptr ? value : "";
 }
 
 std::size_t ColumnsOf(gunichar character) {
@@ -36,7 +37,7 @@ std::size_t Terminal::WidthOf(int file) {
     if (isatty(file) == 0) {
         return std::numeric_limits<std::size_t>::max();
     }
-    const int wanted = IsSet("COLUMNS") ? std::atoi(std::getenv("COLUMNS")) : 0;
+    const int wanted = std::atoi(Environment("COLUMNS").c_str());
     if (wanted > 0) {
         return static_cast<std::size_t>(wanted);
     }
@@ -45,11 +46,12 @@ std::size_t Terminal::WidthOf(int file) {
 }
 
 bool Terminal::IsSmart(int file) {
-    return isatty(file) != 0 && IsSet("TERM") && std::string(std::getenv("TERM")) != "dumb";
+    const std::string terminal = Environment("TERM");
+    return isatty(file) != 0 && !terminal.empty() && terminal != "dumb";
 }
 
 std::string Terminal::Heading(const std::string& text) {
-    return IsSmart(STDOUT_FILENO) && !IsSet("NO_COLOR") ? "\033[1m" + text + "\033[0m" : text;
+    return IsSmart(STDOUT_FILENO) && Environment("NO_COLOR").empty() ? "\033[1m" + text + "\033[0m" : text;
 }
 
 std::size_t Terminal::Columns(const std::string& text) {
