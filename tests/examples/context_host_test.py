@@ -587,11 +587,14 @@ class ContextHostTest(unittest.TestCase):
         self.assertIn("make room there", result.stderr)
         self.assertEqual(page.read_text(), "older")
         self.assertEqual(sorted(entry.name for entry in self.folder.iterdir()), ["a.csv", "store", "week.html"])
-        for wrong in (self.folder / "no/week.html", self.folder, "/dev/null"):
+        pipe = self.folder / "pipe"
+        os.mkfifo(pipe)
+        for wrong, advice in {self.folder / "no/week.html": "another folder", self.folder: "another name",
+                              pipe: "another name"}.items():
             result = self.run_host("--page", wrong, status=7)
-            self.assertIn("choose another", result.stderr)
+            self.assertIn("choose " + advice, result.stderr)
             self.assertEqual((result.stderr.count("\n"), result.stdout), (1, ""))
-        self.assertTrue(pathlib.Path("/dev/null").is_char_device())
+        self.assertTrue(pipe.is_fifo())
 
 
 if __name__ == "__main__":
