@@ -50,6 +50,14 @@ def check_programs(root, pages, problems):
 
 
 def check_logs(root, pages, problems):
+    """The tables of what is logged are what src/ logs, and other quotations of several words occur in the sources."""
+    sources = "".join(path.read_text(encoding="utf-8") for folder in ("src", "include")
+                      for path in (root / folder).rglob("*.*"))
+    for page, text in pages.items():
+        prose = re.sub(r"^```.*?^```$|`[^`\n]*`", "", text, flags=re.M | re.S)
+        for quotation in re.findall(r'"([^"]*)"', prose):
+            if re.search(r"\s", quotation) and " ".join(quotation.split()) not in sources:
+                problems.append(f"{page}: nothing in src/ or include/ says \"{quotation}\"")
     told = {}
     for page, text in pages.items():
         for section in re.findall(r"^## What it logs\n(.*?)(?=^## |\Z)", text, re.M | re.S):
