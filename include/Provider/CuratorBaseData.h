@@ -37,9 +37,9 @@ public:
     void SetUnitId(const std::string& unitId) { m_strUnitId = unitId; }                          ///< Sets the id.
     void SetUnitName(const std::string& unitName) { m_strUnitName = unitName; }                  ///< Sets the name.
     void SetUnitDeviceName(const std::string& deviceName) { m_strUnitDeviceName = deviceName; }  ///< Sets the device.
-    std::string GetUnitId() const { return m_strUnitId; }                                        ///< @return a copy
-    std::string GetUnitName() const { return m_strUnitName; }                                    ///< @return a copy
-    std::string GetUnitDeviceName() const { return m_strUnitDeviceName; }                        ///< @return a copy
+    std::string GetUnitId() const { return m_strUnitId; }                                        ///< A copy of the id.
+    std::string GetUnitName() const { return m_strUnitName; }              ///< A copy of the name.
+    std::string GetUnitDeviceName() const { return m_strUnitDeviceName; }  ///< A copy of the device.
     /// @}
 
     std::string m_strMetaData;     ///< about the unit; in a result the latest that was not empty
