@@ -5,7 +5,7 @@
   check.py ROOT
 
 Fails when a program or its output stands in the guide other than it is built and run, or not at all; when the tables of
-log texts differ from what src/ logs; when a link leads nowhere.
+log texts differ from what src/ logs; when the picture lacks a layer; when a link leads nowhere.
 """
 import pathlib
 import re
@@ -71,6 +71,14 @@ def check_logs(root, pages, problems):
     return len(logged)
 
 
+def check_picture(root, problems):
+    table = (root / "docs/architecture.md").read_text(encoding="utf-8").split("<!-- layers -->")[1]
+    picture = (root / "docs/architecture.svg").read_text(encoding="utf-8")
+    for layer in re.findall(r"^\| ([A-Z]\w+) \|", table, re.M):
+        if f">{layer}</text>" not in picture:
+            problems.append(f"docs/architecture.svg: does not show the layer {layer}")
+
+
 def anchors_of(path):
     titles = re.findall(r"^#+ (.+)$", path.read_text(encoding="utf-8"), re.M)
     return {re.sub(r"[^\w\- ]", "", title.lower()).replace(" ", "-") for title in titles}
@@ -98,6 +106,7 @@ def main(root):
     pages = {f"docs/guide/{path.name}": path.read_text(encoding="utf-8") for path in (root / "docs/guide").glob("*.md")}
     check_programs(root, pages, problems)
     texts = check_logs(root, pages, problems)
+    check_picture(root, problems)
     links = check_links(root, problems)
     print("\n".join(problems) or f"{len(pages)} pages tell of {texts} log texts; {links} links lead somewhere")
     return 1 if problems else 0
