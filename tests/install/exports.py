@@ -56,7 +56,7 @@ def without_arguments(name):
 def declared(name, headers):
     """Whether one header declares the class for export and the member in it, or the function for export."""
     made_for = MADE_FOR_A_CLASS.fullmatch(name)
-    *scopes, last = (made_for[1] if made_for else without_arguments(name)).split("::")
+    *scopes, last = map(re.escape, (made_for[1] if made_for else without_arguments(name)).split("::"))
     if made_for:
         scopes.append(last)
         last = None
@@ -65,7 +65,7 @@ def declared(name, headers):
             *outer, owner = scopes
             found = re.search(rf"\b(?:class|struct) LUMORA_API {owner}\b", text) and all(
                 re.search(rf"\b(?:namespace|class|struct) (?:LUMORA_API )?{scope}\b", text) for scope in outer)
-            if found and (last is None or re.search(rf"(?<!\w){re.escape(last)}\s*[(;=]", text)):
+            if found and (last is None or re.search(rf"(?<!\w){last}\s*[(;=]", text)):
                 return True
         elif re.search(rf"\bLUMORA_API\b[^;{{]*\b{last}(?:<\w+>)?\(", text):
             return True
