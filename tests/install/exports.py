@@ -15,7 +15,9 @@ import subprocess
 import sys
 
 LIST = "debian/liblumora-common0.symbols"
-HEAD = "liblumora-common.so.0 liblumora-common0 #MINVER#\n"
+HEAD = """liblumora-common.so.0 liblumora-common0 #MINVER#
+* Build-Depends-Package: liblumora-common-dev
+"""
 LINE = re.compile(r' (?:\(c\+\+\))?("?)(?P<name>.+)@Base\1 (?P<version>\S+)')
 MADE_FOR_A_CLASS = re.compile(r"(?:typeinfo|typeinfo name|vtable|VTT) for (.+)")
 THUNK = re.compile(r"^(?:non-)?virtual thunk to ")
@@ -30,10 +32,9 @@ def exported(library, nm):
 
 def listed(text):
     """From name to the version that it came with."""
-    head, *lines = text.splitlines(keepends=True)
-    if head != HEAD:
-        sys.exit(f"{LIST}: starts with {head!r}, not {HEAD!r}")
-    matches = [LINE.fullmatch(line.rstrip("\n")) for line in lines if not line.startswith(("#", "*"))]
+    if not text.startswith(HEAD):
+        sys.exit(f"{LIST} does not start with\n{HEAD}")
+    matches = [LINE.fullmatch(line) for line in text.removeprefix(HEAD).splitlines()]
     return {match["name"]: match["version"] for match in matches}
 
 
