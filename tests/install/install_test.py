@@ -143,6 +143,8 @@ class InstallTest(unittest.TestCase):
     def test_the_version_is_the_same_everywhere(self):
         version = re.search(r"^version (\S+)$", self.expected, re.M)[1]
         self.assertEqual(self.installed.pkg_config("--modversion"), [version])
+        changelog = (HERE.parent.parent / "debian/changelog").read_text(encoding="utf-8")
+        self.assertEqual(re.match(r"liblumora-common \((.+?)\)", changelog)[1], version)
         library = (self.installed.library / "liblumora-common.so").resolve()
         self.assertEqual(library.name, f"liblumora-common.so.{version}")
         self.assertIn(f"soname: [liblumora-common.so.{version.split('.')[0]}]", run("readelf", "--dynamic", library))
