@@ -445,6 +445,15 @@ TEST_F(ReinforcementLearningAgentTest, KalmanChoosesTheLowestOfEqualActions) {
     EXPECT_EQ(RandState::Draws(), 0);
 }
 
+TEST_F(ReinforcementLearningAgentTest, KalmanPassesOverWhatIsNotANumberUnlessItIsTheFirst) {
+    const double notANumber = std::numeric_limits<double>::quiet_NaN();
+    SeenKalman agent(4, 1.0, 1.0, 0.0, 0.0);
+    agent.m_vecMean = {1.0, notANumber, 2.0, notANumber};
+    EXPECT_EQ(agent.ChooseAction(), 2);
+    agent.m_vecMean[0] = notANumber;
+    EXPECT_EQ(agent.ChooseAction(), 0);
+}
+
 TEST_F(ReinforcementLearningAgentTest, KalmanSpreadsByTheVarianceTimesOneFixedNormalVariate) {
     std::minstd_rand0 engine(1);
     const double normal = std::normal_distribution<double>(0.0, 1.0)(engine);
