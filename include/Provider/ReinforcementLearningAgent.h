@@ -18,6 +18,10 @@
 /// **State.** Kept for the agent's whole life: nothing is saved and nothing decays.
 /// **Threads.** One thread per agent. EpsilonGreedyAgent and ThomsonSamplingAgent also draw from the state that all
 /// random variates of the process share without a lock: these, and RandomSampling.h, belong to one thread.
+/// **The host's rand().** EpsilonGreedyAgent and SoftmaxAgent begin every choice with the C library's `srand` and the
+/// current time, although no agent draws from `rand`. The sequence of a host that does so starts anew: choices within
+/// one second make it repeat itself. This is kept on purpose; a host that needs a sequence of its own takes another
+/// generator.
 /// **Errors.** None; nothing is logged. Actions are not checked: one outside 0 to n - 1 writes where it must not.
 class LUMORA_API ReinforcementLearningAgent {
 public:
