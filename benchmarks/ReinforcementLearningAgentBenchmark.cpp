@@ -3,6 +3,7 @@
 
 #include <cmath>
 #include <cstdlib>
+#include <ctime>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -106,6 +107,17 @@ struct BareSoftmax : BareMeans {
             }
         }
         return n - 1;
+    }
+};
+
+/// The two agents above restart the host's generator for every choice, which takes most of a small choice's time.
+template <typename Bare>
+struct Restarting : Bare {
+    using Bare::Bare;
+
+    int Choose() const {
+        std::srand(static_cast<unsigned int>(std::time(nullptr)));
+        return Bare::Choose();
     }
 };
 
@@ -237,6 +249,16 @@ void RequireSameChoices(OurHost ours, BareHost bare) {
     }
 }
 
+template <typename Bare>
+struct Unrestarted {
+    using Type = void;
+};
+
+template <typename Bare>
+struct Unrestarted<Restarting<Bare>> {
+    using Type = Bare;
+};
+
 template <typename Agent, typename Bare, typename... Arguments>
 void CompareAgents(const std::string& name, Arguments... arguments) {
     for (const int n : {10, kMostActions}) {
@@ -247,17 +269,22 @@ void CompareAgents(const std::string& name, Arguments... arguments) {
         if constexpr (!std::is_same_v<Bare, BareThompson>) {  // whose draws come from one state for both
             RequireSameChoices(makeOurs(), makeBare());
         }
-        Comparison(name + ", choose and update, " + (n == 10 ? "10" : "1 000") + " actions")
-            .Ours(Run(makeOurs))
-            .Direct("bare arrays", kBound, Run(makeBare));
+        using Plain = typename Unrestarted<Bare>::Type;
+        constexpr bool kIsRestarting = !std::is_void_v<Plain>;
+        Comparison comparison(name + ", choose and update, " + (n == 10 ? "10" : "1 000") + " actions");
+        comparison.Ours(Run(makeOurs))
+            .Direct(kIsRestarting ? "bare arrays, srand(time)" : "bare arrays", kBound, Run(makeBare));
+        if constexpr (kIsRestarting) {
+            comparison.Peer("bare arrays alone", Run([=] { return Host<Plain>(std::make_unique<Plain>(n), n); }));
+        }
     }
 }
 
 }  // namespace
 
 void RegisterComparisons() {
-    CompareAgents<EpsilonGreedyAgent, BareEpsilonGreedy>("EpsilonGreedyAgent", kEpsilon);
-    CompareAgents<SoftmaxAgent, BareSoftmax>("SoftmaxAgent", kTemperature);
+    CompareAgents<EpsilonGreedyAgent, Restarting<BareEpsilonGreedy>>("EpsilonGreedyAgent", kEpsilon);
+    CompareAgents<SoftmaxAgent, Restarting<BareSoftmax>>("SoftmaxAgent", kTemperature);
     CompareAgents<MFUAgent, BareMostFrequent>("MFUAgent");
     CompareAgents<ThomsonSamplingAgent, BareThompson>("ThomsonSamplingAgent", kPrior, kPrior);
     CompareAgents<KalmanFilterAgent, BareKalman>("KalmanFilterAgent", kObservationNoise, kProcessNoise, kInitialMean,

@@ -42,15 +42,20 @@ public:
     /// @name Writing by key
     /// Each returns true, always, and logs nothing.
     /// @{
+
+    /// Writes a string.
     bool SetValue(const char* key, std::string value);
-    /// A null pointer writes the empty string.
+    /// Writes a string; a null pointer writes the empty one.
     bool SetValue(const char* key, const char* value);
-    /// There is no overload for `bool`: it is written as the number 0 or 1.
+    /// Writes a signed number. There is no overload for `bool`: it is written as the number 0 or 1.
     bool SetValue(const char* key, int value);
+    /// Writes an unsigned number.
     bool SetValue(const char* key, unsigned int value);
+    /// Writes an unsigned number of 64 bits.
     bool SetValue(const char* key, unsigned long long value);
     /// Writes the value, sign-extended to 64 bits, as an *unsigned* number: -1 becomes 18446744073709551615.
     bool SetValue(const char* key, long value);
+    /// Writes a real number.
     bool SetValue(const char* key, double value);
     /// *Appends* a copy of the target of `other` as a new last element; a null member becomes an array first. Called
     /// repeatedly with one key it builds an array. To assign, use SetValueNoArry().
@@ -80,20 +85,24 @@ public:
     ///         its destruction.
     const char* MakeStr();
 
-    /// @return the target; never null.
+    /// Gives the target itself.
+    /// @return never null.
     Json::Value* GetValue();
 
     /// Tests a member, and takes it away when it is null or absent.
     /// @return true when the member is there and not JSON null.
     bool IsValid(const char* key);
 
+    /// Counts what a member holds.
     /// @return the number of elements of an array or of members of an object, else 0.
     int GetSize(const char* key);
 
+    /// Takes a sub-document; an element of it, when this document is a view.
     /// @return an owning copy: of the member itself when this document owns its value, but of the member's *element 0*
     ///         when it is a view (a null member then becomes an array of one null).
     ContextData GetValue(const char* key);
 
+    /// Takes one element of an array as a sub-document.
     /// @param key    the member, an array or null.
     /// @param index  0 or more; a shorter array grows with nulls up to it.
     /// @return an owning copy of the element.

@@ -28,17 +28,17 @@ enum enum_sql_type : int {
 
 /// One value of a statement; only the member that its tag names counts.
 struct struct_sql_value {
-    int nValue = 0;
-    long lValue = 0;  ///< 32 or 64 bits, as the platform has it
-    std::string strValue;
-    const char* pszValue = nullptr;  ///< not owned; must be valid until the statement has run
+    int nValue = 0;                  ///< for `SQL_INT`
+    long lValue = 0;                 ///< for `SQL_LONG`: 32 or 64 bits, as the platform has it
+    std::string strValue;            ///< for `SQL_STRING`
+    const char* pszValue = nullptr;  ///< for `SQL_CSTRING`: not owned; must be valid until the statement has run
     long long llValue = 0;           ///< never bound
 };
 
 /// One deferred statement.
 struct struct_query_set {
-    std::string strQuery;
-    std::vector<std::pair<enum_sql_type, struct_sql_value>> vecSqlQueryValue;
+    std::string strQuery;                                                      ///< the statement
+    std::vector<std::pair<enum_sql_type, struct_sql_value>> vecSqlQueryValue;  ///< its values, in order
 };
 
 /// One SQLite file in the service's data directory, with immediate and deferred writes, that heals itself.
@@ -89,10 +89,10 @@ public:
     /// @name Building a value list
     /// Each appends one value.
     /// @{
-    void SetQueryValue(ValueList& values, std::string value);
-    void SetQueryValue(ValueList& values, const char* value);  ///< keeps the pointer, not the text
-    void SetQueryValue(ValueList& values, int value);
-    void SetQueryValue(ValueList& values, long value);
+    void SetQueryValue(ValueList& values, std::string value);  ///< as `SQL_STRING`
+    void SetQueryValue(ValueList& values, const char* value);  ///< as `SQL_CSTRING`: keeps the pointer, not the text
+    void SetQueryValue(ValueList& values, int value);          ///< as `SQL_INT`
+    void SetQueryValue(ValueList& values, long value);         ///< as `SQL_LONG`
     /// @}
 
     /// Runs or defers one statement that returns no rows.
@@ -127,7 +127,7 @@ public:
     /// anything to remove.
     void ResetDatabase();
 
-    /// @return true while the database is open.
+    /// Tells whether the database is open. Takes no lock.
     bool IsRunning() const { return m_pDB != nullptr; }
 
     /// Runs the deferred statements. **Called by** the object's timer, on its event thread.

@@ -57,7 +57,8 @@ public:
     ///         message could not be allocated ("Memory Allocation Fail" is logged; the worker runs on).
     bool Stop();
 
-    /// @return true from a successful Start() until the worker takes the stop message. Takes no lock.
+    /// Tells whether the worker runs. Takes no lock.
+    /// @return true from a successful Start() until the worker takes the stop message.
     bool IsRuning() const { return m_bRunning; }
 
     /// Queues an event in a message of its own.

@@ -35,14 +35,15 @@ public:
     /// null or empty.
     void SetData(const char* str);
 
-    /// @return a copy of the held string that the caller releases with `free`, or null when nothing is held (or
+    /// Copies the held string.
+    /// @return a copy that the caller releases with `free`, or null when nothing is held (or
     ///         no memory is left for a copy).
     char* GetData();
 
     /// Releases the held string; does nothing when there is none.
     void ResetData();
 
-    /// @return true when no string is held.
+    /// Tells whether no string is held.
     bool IsEmpty();
 
 private:

@@ -17,8 +17,8 @@
 /// the lower address is the high one, on every processor. So on a little-endian one the letter A is the unit 0x4100.
 /// **Threads.** Static functions without state: any thread, while none changes the time zone.
 /// **Errors.** Bad text gives a zero or a partial result, except where an operation says that it throws. Only
-/// StringToUTC() and the 16-bit operations log. Running out of memory throws what the standard library throws, except
-/// in the 16-bit operations, which report it.
+/// StringToUTC() and the 16-bit operations log. When memory runs out, the 16-bit operations fail as each of them says;
+/// all others throw `std::bad_alloc`.
 /// @ingroup base
 class LUMORA_API ContextString {
 public:
@@ -168,10 +168,9 @@ public:
     /// Converts 16-bit text without its line breaks into UTF-8.
     /// @param text  big-endian in memory, up to its first zero unit; but the units behind that have to be valid too. At
     ///              most 2^30 - 1 units.
-    /// @return the text; empty for an empty one, when memory runs out, and when the text is not valid UTF-16 (which
-    /// logs
-    ///         "convert name failed" behind the message of Unicode2Utf8()). A text that ends in half a surrogate pair
-    ///         is not valid.
+    /// @return the text; empty for an empty one, when memory runs out, and when the text is not valid UTF-16, which
+    ///         logs "convert name failed" behind the message of Unicode2Utf8(). A text that ends in half a surrogate
+    ///         pair is not valid.
     static std::string Twstring2String(std::basic_string<unsigned short> text);
 
     /// @}

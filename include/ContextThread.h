@@ -38,7 +38,8 @@ public:
     /// @return true when it has stopped; false when it did not run, which logs the error "Already Stopped".
     bool Stop();
 
-    /// @return true from a successful Start() until Stop(). The body polls it. Takes no lock.
+    /// Tells the body whether to go on. Takes no lock.
+    /// @return true from a successful Start() until Stop().
     bool IsRuning() const { return m_bRunning; }
 
     /// The entry that GLib calls on the new thread.

@@ -23,7 +23,7 @@ using timer_cb = void (*)(int timerId, void* userData);
 
 /// One timer.
 struct CTimerData {
-    TimerId timerId;
+    TimerId timerId;          ///< what SetTimer() returned
     std::uint32_t interval;   ///< seconds; 0 fires on every tick
     std::int32_t expireTime;  ///< next deadline, seconds of `time()`
     timer_cb callback;        ///< null runs silently

@@ -54,10 +54,12 @@ public:
     /// Clears the instance, whichever that is. Does not stop the checker.
     ~CMemoryManager() override;
 
+    /// Makes a manager the instance, or takes the instance away.
     /// @param manager  the one that Allocate() and Release() use from now on, or null. Not owned.
     static void SetInstance(CMemoryManager* manager);
 
-    /// @return what SetInstance() was given, or null. Takes no lock.
+    /// Gives the instance. Takes no lock.
+    /// @return what SetInstance() was given, or null.
     static CMemoryManager* GetInstance();
 
     /// Hands out a block that the instance tracks, aligned as `malloc` aligns.
@@ -99,7 +101,7 @@ public:
     /// @}
 
 protected:
-    static constexpr int kMaxBlocks = 1000;
+    static constexpr int kMaxBlocks = 1000;  ///< tracked at a time
 
     static std::atomic<CMemoryManager*> m_pInstance;  ///< read without a lock
     static GMutex m_mutex;                            ///< guards the fields of the instance

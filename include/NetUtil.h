@@ -101,13 +101,12 @@ public:
     /// @param listenFd        what BindPort() returned. From FD_SETSIZE (1024) upwards it cannot be waited for.
     /// @param timeoutSeconds  the limit; 0 takes a client that waits already.
     /// @return -1, without a log line, when the limit has passed; -1 after "select error or timeout" when waiting
-    /// fails,
-    ///         or after the message of AcceptNewSocketBlock().
+    ///         fails, or after the message of AcceptNewSocketBlock().
     static int AcceptNewSocket(int listenFd, int timeoutSeconds);
 
     /// Connects, for as long as the system tries.
     /// @param ip    an address in dotted form. Names are not looked up; what is no address, and null, cannot be
-    /// reached.
+    ///              reached.
     /// @param port  the port.
     /// @return -1 after "can't create socket" or "can't connect". Success logs the debug line "Connected".
     static int ConnectNewSocket(const char* ip, int port);

@@ -36,13 +36,14 @@ bool IsLineBreak(unsigned short unit) {
     return unit == htobe16(0x000A) || unit == htobe16(0x000D);
 }
 
-/// Looks at every unit, which takes less time than stopping at the first: names have no line breaks.
+/// Looks at every unit, which takes less time than stopping at the first: names have no line breaks. The result is as
+/// wide as a unit, so that the compiler looks at many of them at a time.
 bool HasLineBreak(const std::basic_string<unsigned short>& text) {
-    bool hasLineBreak = false;
+    unsigned short hasLineBreak = 0;
     for (const unsigned short unit : text) {
-        hasLineBreak |= IsLineBreak(unit);
+        hasLineBreak = static_cast<unsigned short>(hasLineBreak | static_cast<unsigned short>(IsLineBreak(unit)));
     }
-    return hasLineBreak;
+    return hasLineBreak != 0;
 }
 
 /// A converter from UTF-16BE to UTF-8, closed at the end of its scope.

@@ -103,7 +103,8 @@ constexpr int kPriority = 10;
 class ContextTimerTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        GTEST_FLAG_SET(death_test_style, "threadsafe");
+        // An emulated program cannot start itself anew.
+        GTEST_FLAG_SET(death_test_style, LUMORA_TEST_IS_EMULATED ? "fast" : "threadsafe");
         CapturedLog::Clear();
         TestClock::Set(kStart);
         g_hooks.timer = &m_timer;

@@ -17,6 +17,7 @@
 /// @ingroup provider
 class LUMORA_API CBaseProvider {
 public:
+    /// Makes a provider, with a handler or without one yet.
     /// @param handler  the host's handler, not owned; null until SetProviderHandler() sets one.
     explicit CBaseProvider(IProvider* handler = nullptr);
 
@@ -45,8 +46,7 @@ public:
     /// Answers a request with a pointer.
     int ProviderResponse(const char* subject, int code, void* data, IProvider* provider, void* userData);
 
-    /// Reads what the host stores.
-    /// @param data  receives the text; left untouched when there is no handler.
+    /// Reads what the host stores. Without a handler `data`, which receives the text, is left untouched.
     int ProviderRead(const char* subject, const char* key, char** data);
 
     /// Has the host store something.

@@ -34,6 +34,7 @@ enum ECuratorAgentType : int {
 /// **Errors.** Logged, as stated below. A date agent reads the time zone of the process whenever it learns.
 class LUMORA_API CCuratorAgent {
 public:
+    /// Starts without units.
     /// @param type         what to rank by.
     /// @param maxResult    largest number of records in one ranking; a negative one cuts every ranking to nothing.
     /// @param minDuration  seconds; shorter records are not learnt and make no unit. Compared as unsigned: with a
@@ -53,10 +54,12 @@ public:
     /// Learns records in the order of the vector.
     void LearnHistorys(const std::vector<CuratorBaseData>& records);
 
-    /// @return the ranking for now, at most `maxResult` records. Each carries the unit id, the score and the metadata;
+    /// Ranks all units as of now.
+    /// @return the ranking, at most `maxResult` records. Each carries the unit id, the score and the metadata;
     ///         all other fields are at their defaults.
     std::list<CuratorBaseData> RunCurate();
 
+    /// Ranks all units for the whole week.
     /// @return one ranking, as above, for each hour of the week. An agent that is not of the date type returns an empty
     ///         grid and logs "7x24 Not support! - Agent type is not DATE".
     CuratorBaseData7x24 RunCurate7x24();

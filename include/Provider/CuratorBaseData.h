@@ -23,20 +23,24 @@ public:
     CuratorBaseData() = default;
     virtual ~CuratorBaseData() = default;
 
-    CuratorBaseData(const CuratorBaseData&) = default;
-    CuratorBaseData& operator=(const CuratorBaseData&) = default;
-    CuratorBaseData(CuratorBaseData&&) = default;
-    CuratorBaseData& operator=(CuratorBaseData&&) = default;
+    CuratorBaseData(const CuratorBaseData&) = default;             ///< Copies every field.
+    CuratorBaseData& operator=(const CuratorBaseData&) = default;  ///< Copies every field.
+    CuratorBaseData(CuratorBaseData&&) = default;                  ///< Takes the texts over.
+    CuratorBaseData& operator=(CuratorBaseData&&) = default;       ///< Takes the texts over.
 
     /// Returns to the default-constructed state.
     virtual void clear();
 
-    void SetUnitId(const std::string& unitId) { m_strUnitId = unitId; }
-    void SetUnitName(const std::string& unitName) { m_strUnitName = unitName; }
-    void SetUnitDeviceName(const std::string& deviceName) { m_strUnitDeviceName = deviceName; }
-    std::string GetUnitId() const { return m_strUnitId; }
-    std::string GetUnitName() const { return m_strUnitName; }
-    std::string GetUnitDeviceName() const { return m_strUnitDeviceName; }
+    /// @name Identity
+    /// The id is the key under which a history is accumulated; the names are carried for the host.
+    /// @{
+    void SetUnitId(const std::string& unitId) { m_strUnitId = unitId; }                          ///< Sets the id.
+    void SetUnitName(const std::string& unitName) { m_strUnitName = unitName; }                  ///< Sets the name.
+    void SetUnitDeviceName(const std::string& deviceName) { m_strUnitDeviceName = deviceName; }  ///< Sets the device.
+    std::string GetUnitId() const { return m_strUnitId; }                                        ///< A copy of the id.
+    std::string GetUnitName() const { return m_strUnitName; }              ///< A copy of the name.
+    std::string GetUnitDeviceName() const { return m_strUnitDeviceName; }  ///< A copy of the device.
+    /// @}
 
     std::string m_strMetaData;     ///< about the unit; in a result the latest that was not empty
     std::string m_strMetaDataSrc;  ///< where the metadata came from; in a result the latest that was not empty
@@ -56,7 +60,7 @@ private:
 
 /// One ranking for each hour of the week: [day, 0 = Sunday][hour, 0 to 23], as `tm_wday` and `tm_hour` count.
 struct LUMORA_API CuratorBaseData7x24 {
-    std::list<CuratorBaseData> m_listData[7][24];
+    std::list<CuratorBaseData> m_listData[7][24];  ///< a ranking each
 };
 
 /// Compares two rankings by their unit ids alone: scores and all other fields do not count.

@@ -21,6 +21,7 @@
 /// **Errors.** None; nothing is logged.
 class LUMORA_API CCuratorBaseUnit {
 public:
+    /// Knows nothing of the unit but its id.
     /// @param unitId  the unit that this object stands for.
     explicit CCuratorBaseUnit(const std::string& unitId);
     virtual ~CCuratorBaseUnit();
@@ -33,9 +34,11 @@ public:
     /// @param weight  scales what is credited, where the unit weighs at all; the agent passes 1.0.
     virtual void LearnHistory(const CuratorBaseData& record, double weight) = 0;
 
-    /// @return the score for now.
+    /// Scores the unit as of now.
+    /// @return the higher, the further in front.
     virtual double GetScore() = 0;
 
+    /// Scores the unit for an hour of the week.
     /// @param dayOfWeek  0 (Sunday) to 6; not checked.
     /// @param hour       0 to 23; not checked.
     /// @return the score for that hour of the week.
@@ -44,17 +47,19 @@ public:
 protected:
     friend class CCuratorAgent;
 
-    std::string m_strUnitId;
+    std::string m_strUnitId;       ///< the unit that this object stands for
     std::string m_strMetaDataSrc;  ///< latest that was not empty; written by the agent
     std::string m_strMetaData;     ///< latest that was not empty; written by the agent
-    double m_dScore;
+    double m_dScore;               ///< what has been accumulated; 0.0 at first
 };
 
 /// Scores by recency: the start time of the record that was learnt *last*, even when it is an older one.
 class LUMORA_API CCuratorMRUUnit : public CCuratorBaseUnit {
 public:
+    /// Scores 0 until it learns.
     explicit CCuratorMRUUnit(const std::string& unitId);
 
+    /// Remembers the start of the usage, whatever was there before.
     /// @param record  its start time, read as an unsigned number, becomes the score.
     /// @param weight  ignored.
     void LearnHistory(const CuratorBaseData& record, double weight) override;
@@ -65,8 +70,10 @@ public:
 /// Scores by total use: the sum of all durations, not the number of uses.
 class LUMORA_API CCuratorMFUUnit : public CCuratorBaseUnit {
 public:
+    /// Scores 0 until it learns.
     explicit CCuratorMFUUnit(const std::string& unitId);
 
+    /// Adds the usage up.
     /// @param record  its duration is added to the score.
     /// @param weight  ignored.
     void LearnHistory(const CuratorBaseData& record, double weight) override;
@@ -85,13 +92,15 @@ public:
 /// daylight flag does not), what remains of the usage is credited to the current hour.
 class LUMORA_API CCuratorDateUnit : public CCuratorBaseUnit {
 public:
+    /// Scores 0 at every hour until it learns.
     explicit CCuratorDateUnit(const std::string& unitId);
 
+    /// Credits the usage to the hours that it covers.
     /// @param record  at most the first 12000 seconds of its duration count.
     /// @param weight  scales every credit.
     void LearnHistory(const CuratorBaseData& record, double weight) override;
 
-    /// @return the score for the present local hour.
+    /// Scores the unit for the present local hour.
     double GetScore() override;
     double GetScore(const int& dayOfWeek, const int& hour) override;
 

@@ -37,8 +37,7 @@ public:
     /// A provider answers a request with a pointer.
     virtual int ProviderResponse(const char* subject, int code, void* data, IProvider* provider, void* userData) = 0;
 
-    /// A provider reads what is stored under a subject.
-    /// @param data  receives the text.
+    /// A provider reads what is stored under a subject; `data` receives the text.
     virtual int ProviderRead(const char* subject, const char* key, char** data) = 0;
 
     /// A provider stores something under a subject.
@@ -50,8 +49,7 @@ public:
     /// A provider publishes a pointer under a subject.
     virtual void Publish(const char* subject, int code, void* data, IProvider* provider) = 0;
 
-    /// A provider asks for a timer.
-    /// @param interval  in the unit that the host defines.
+    /// A provider asks for a timer, with an interval in the unit that the host defines.
     /// @return the timer's id.
     virtual int SetTimer(int interval, timer_cb callback, void* userData) = 0;
 

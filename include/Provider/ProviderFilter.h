@@ -23,6 +23,7 @@ public:
     /// Marks a registered name as seen; any other name is ignored.
     void Set(const std::string& name);
 
+    /// Tells whether all have arrived.
     /// @return true when every registered name has been seen since the last Clear(); also when there is none.
     bool Check();
 

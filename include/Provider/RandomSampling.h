@@ -11,7 +11,7 @@
 /// What the bandit agents draw.
 ///
 /// All draws of a process, the agents' too, advance one state of the C library's `rand_r`, which is 1 at the start and
-/// cannot be set: a process that makes the same draws gets the same variates. The C library's `rand` and `srand` are
+/// cannot be set: a process that makes the same draws gets the same variates. The state of the C library's `rand` is
 /// not touched.
 ///
 /// **Range.** RandomDouble() delivers the *lower half* of the unit interval, and so all that is made of it differs

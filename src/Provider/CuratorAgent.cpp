@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <ctime>
+#include <limits>
 
 #include "Log.h"
 
@@ -149,11 +150,13 @@ std::list<CuratorBaseData> CCuratorAgent::Rank_(const std::vector<double>& score
         }
     }
     std::make_heap(best.begin(), best.end(), ranksBefore);
-    for (; order < scores.size() && kept > 0; ++order) {
-        if (scores[order] > best.front().dScore && m_vecUnits[order] != nullptr) {
+    double lowest = best.empty() ? std::numeric_limits<double>::infinity() : best.front().dScore;
+    for (; order < scores.size(); ++order) {
+        if (scores[order] > lowest && m_vecUnits[order] != nullptr) {
             std::pop_heap(best.begin(), best.end(), ranksBefore);
             best.back() = {scores[order], order};
             std::push_heap(best.begin(), best.end(), ranksBefore);
+            lowest = best.front().dScore;
         }
     }
     std::sort_heap(best.begin(), best.end(), ranksBefore);

@@ -10,6 +10,16 @@ namespace {
 constexpr unsigned int kMaxLearntSeconds = 12000;
 constexpr int kSecondsPerHour = 3600;
 
+/// Apart from the class, whose methods a host could replace, so that the compiler may merge it into a loop. The order
+/// of the sum is part of the promise to the last bit.
+double Weigh(const double (&weights)[4], double total, double hour, double day, double dayHour) {
+    double score = total * weights[0];
+    score += hour * weights[1];
+    score += day * weights[2];
+    score += dayHour * weights[3];
+    return score;
+}
+
 }  // namespace
 
 CCuratorBaseUnit::CCuratorBaseUnit(const std::string& unitId) : m_strUnitId(unitId), m_dScore(0.0) {}
@@ -119,16 +129,12 @@ void CCuratorDateUnit::Credit_(const tm& hour, double seconds) {
 }
 
 double CCuratorDateUnit::ScoreOf_(int dayOfWeek, int hour) const {
-    double score = m_dScore * m_dWeight[0];
-    score += m_dHour[hour] * m_dWeight[1];
-    score += m_dDay[dayOfWeek] * m_dWeight[2];
-    score += m_dDayHour[dayOfWeek][hour] * m_dWeight[3];
-    return score;
+    return Weigh(m_dWeight, m_dScore, m_dHour[hour], m_dDay[dayOfWeek], m_dDayHour[dayOfWeek][hour]);
 }
 
 void CCuratorDateUnit::GetScores_(int dayOfWeek, double (&scores)[24]) const {
     for (int hour = 0; hour < 24; ++hour) {
-        scores[hour] = ScoreOf_(dayOfWeek, hour);
+        scores[hour] = Weigh(m_dWeight, m_dScore, m_dHour[hour], m_dDay[dayOfWeek], m_dDayHour[dayOfWeek][hour]);
     }
 }
 

@@ -9,12 +9,15 @@
 #include <cstdlib>
 #include <cstring>
 #include <functional>
+#include <initializer_list>
 #include <limits>
 #include <random>
 #include <string>
 #include <vector>
 
 #include "Provider/MinimalStandardEngine.h"
+#include "Provider/RandSeed.h"
+#include "Provider/Variates.h"
 #include "RandState.h"
 #include "TestClock.h"
 #include "Vectors.h"
@@ -39,19 +42,26 @@ std::int64_t Bits(double value) {
     return bits;
 }
 
-/// The integers of which a uniform variate is made; the 26th bit from below cannot be had, nor the upper half.
-std::vector<int> DrawsOf(double uniform) {
-    const auto bits = static_cast<std::int64_t>(std::ldexp(uniform, 53));
-    return {static_cast<int>(bits >> 26) << 5, static_cast<int>(bits & ((1 << 25) - 1)) << 6};
-}
+/// Gives chosen uniform variates instead of drawing; more than those throws.
+class Script {
+public:
+    Script(std::initializer_list<double> uniforms) : m_uniforms(uniforms) {}
 
-std::vector<int> DrawsOf(const std::vector<double>& uniforms) {
-    std::vector<int> draws;
-    for (const double uniform : uniforms) {
-        const std::vector<int> two = DrawsOf(uniform);
-        draws.insert(draws.end(), two.begin(), two.end());
-    }
-    return draws;
+    std::uint64_t operator()() { return static_cast<std::uint64_t>(std::ldexp(m_uniforms.at(m_taken++), 53)); }
+
+    std::size_t Left() const { return m_uniforms.size() - m_taken; }
+
+private:
+    std::vector<double> m_uniforms;
+    std::size_t m_taken = 0;
+};
+
+/// What comes of two draws of all ones.
+constexpr double kHighest = 0.5 - (0x1p-27 - 0x1p-28) - 0x1p-53;
+
+/// What comes of two draws.
+double UniformOf(int first, int second) {
+    return (static_cast<double>(first >> 5) * 67108864.0 + static_cast<double>(second >> 6)) * 1.1102230246251565e-16;
 }
 
 class RandomSamplingTest : public ::testing::Test {
@@ -86,21 +96,51 @@ TEST_F(RandomSamplingTest, StartsAtTheStateOneAtAnyTime) {
 }
 
 TEST_F(RandomSamplingTest, LeavesTheHostsGeneratorAlone) {
+    const TestClock::Frozen clock(1700000000);
     srand(42);
     const int first = rand();
     srand(42);
     RandomDouble();
+    StandardExponential();
+    Gauss();
+    StandardGamma(2.5);
     RandomBeta(1.5, 0.5);
     EXPECT_EQ(rand(), first);
+}
+
+TEST_F(RandomSamplingTest, DrawsFromAnyStateWhatTheCLibraryWould) {
+    constexpr int kSteps = 500;
+    std::vector<unsigned int> seeds = {0, 1, 0xFFFFFFFF, 0x7FFFFFFF, 0xAAAAAAAA, 0x55555555};
+    for (int bit = 0; bit < 32; ++bit) {
+        seeds.push_back(1U << bit);
+        seeds.push_back((1U << bit) - 1);
+    }
+    std::mt19937 chance(8);
+    for (int i = 0; i < 2000; ++i) {
+        seeds.push_back(static_cast<unsigned int>(chance()));
+    }
+    for (const unsigned int seed : seeds) {
+        unsigned int state = seed;
+        unsigned int ours = seed;
+        for (int i = 0; i < kSteps; ++i) {
+            const int first = rand_r(&state);
+            const int second = rand_r(&state);
+            const std::uint64_t bits = RandR(ours)();
+            ASSERT_EQ(bits >> 26, static_cast<unsigned int>(first) >> 5) << seed << ", step " << i;
+            ASSERT_EQ(bits & 0x3FFFFFF, static_cast<unsigned int>(second) >> 6) << seed << ", step " << i;
+            ASSERT_EQ(ours, state) << seed << ", step " << i;
+        }
+    }
 }
 
 TEST_F(RandomSamplingTest, MakesADoubleOfTheUpperBitsOfTwoDraws) {
     unsigned int seed = 77;
     RandState::Set(seed);
     for (int i = 0; i < 1000; ++i) {
-        const std::int64_t a = rand_r(&seed) >> 5;
-        const std::int64_t b = rand_r(&seed) >> 6;
-        ASSERT_EQ(RandomDouble(), std::ldexp(static_cast<double>((a << 26) + b), -53));
+        const int first = rand_r(&seed);
+        const int second = rand_r(&seed);
+        ASSERT_EQ(RandomDouble(), UniformOf(first, second));
+        ASSERT_EQ(RandState::Get(), seed);
     }
 }
 
@@ -114,13 +154,14 @@ TEST_F(RandomSamplingTest, DeliversTheLowerHalfOfTheUnitInterval) {
         {"what is shifted away", 31, 63, 0.0},
         {"the last place", 0, 64, 0x1p-53},
         {"the upper half", 32, 0, 0x1p-27},
-        {"the highest", kLargest, kLargest, 0.5 - (0x1p-27 - 0x1p-28) - 0x1p-53},
+        {"the highest", kLargest, kLargest, kHighest},
     };
     for (const auto& row : rows) {
-        RandState::Feed({row.first, row.second});
-        EXPECT_EQ(RandomDouble(), row.expected) << row.name;
-        EXPECT_EQ(RandState::Draws(), 2) << row.name;
+        EXPECT_EQ(UniformOf(row.first, row.second), row.expected) << row.name;
+        Script draw = {row.expected};
+        EXPECT_EQ(Variates::Uniform(draw), row.expected) << row.name;
     }
+    EXPECT_LT(kHighest, 0.5);
 }
 
 TEST_F(RandomSamplingTest, DrawsUniformVariatesToTheBit) {
@@ -149,10 +190,9 @@ TEST_F(RandomSamplingTest, DrawsBetaVariates) {
 }
 
 TEST_F(RandomSamplingTest, ExponentialVariatesEndAtTheLogarithmOfTwo) {
-    RandState::Feed({0, 0});
-    EXPECT_EQ(StandardExponential(), 0.0);
-    RandState::Feed({kLargest, kLargest});
-    const double highest = StandardExponential();
+    Script draw = {0.0, kHighest};
+    EXPECT_EQ(Variates::Exponential(draw), 0.0);
+    const double highest = Variates::Exponential(draw);
     EXPECT_LE(highest, std::log(2.0));
     EXPECT_GT(highest, std::log(2.0) - 1e-8);
 }
@@ -167,27 +207,34 @@ TEST_F(RandomSamplingTest, NormalVariatesAreNeverPositive) {
 }
 
 TEST_F(RandomSamplingTest, NormalVariatesAreDrawnAgainOnAndOutsideTheCircle) {
-    const std::vector<double> inside = {0.4, 0.3};  // the point (-0.2, -0.4)
-    RandState::Feed(DrawsOf(inside));
-    const double expected = Gauss();
-    EXPECT_NEAR(expected, -0.4 * std::sqrt(-2.0 * std::log(0.2) / 0.2), 1e-7);
-    EXPECT_EQ(RandState::Draws(), 4);
+    Script inside = {0.4, 0.3};  // the point (-0.2, -0.4)
+    const double expected = Variates::Normal(inside);
+    EXPECT_NEAR(expected, -0.4 * std::sqrt(-2.0 * std::log(0.2) / 0.2), 1e-14);
 
-    std::vector<int> draws = DrawsOf({0.0, 0.0});           // the corner: twice the radius, squared
-    draws.insert(draws.end(), {0, 0, kLargest, kLargest});  // so near an axis that the square is 1.0 itself
-    for (const int draw : DrawsOf(inside)) {
-        draws.push_back(draw);
+    const struct {
+        const char* name;
+        double first, second;
+    } rows[] = {
+        {"the corner, twice the radius, squared", 0.0, 0.0},
+        {"on an axis", 0.0, 0.5 - 0x1p-53},
+        {"so near an axis that the square is 1.0 itself", 0.0, kHighest},
+        {"the same at the other axis", kHighest, 0.0},
+    };
+    for (const auto& row : rows) {
+        Script draw = {row.first, row.second, 0.4, 0.3};
+        EXPECT_EQ(Variates::Normal(draw), expected) << row.name;
+        EXPECT_EQ(draw.Left(), 0U) << row.name;
     }
-    RandState::Feed(draws);
-    EXPECT_EQ(Gauss(), expected);
-    EXPECT_EQ(RandState::Draws(), 12);
+    Script within = {0x1p-53, kHighest, 0.4, 0.3};
+    EXPECT_LT(Variates::Normal(within), 0.0);
+    EXPECT_EQ(within.Left(), 2U);
 }
 
 TEST_F(RandomSamplingTest, NormalVariatesAreNotKeptForTheNextCall) {
-    RandState::Feed(DrawsOf({0.4, 0.3, 0.4, 0.3}));
-    const double first = Gauss();
-    EXPECT_EQ(Gauss(), first);
-    EXPECT_EQ(RandState::Draws(), 8);
+    Script draw = {0.4, 0.3, 0.4, 0.3};
+    const double first = Variates::Normal(draw);
+    EXPECT_EQ(Variates::Normal(draw), first);
+    EXPECT_EQ(draw.Left(), 0U);
 }
 
 TEST_F(RandomSamplingTest, AGammaVariateOfShapeOneIsOneExponentialVariate) {
@@ -199,13 +246,13 @@ TEST_F(RandomSamplingTest, AGammaVariateOfShapeOneIsOneExponentialVariate) {
 
 TEST_F(RandomSamplingTest, GammaVariatesBelowOneDivideAtOneLessTheShape) {
     // With the shape 0.75 the first part reaches to 0.25 itself. The exponential variate behind is the same.
-    RandState::Feed(DrawsOf({0.25, 0.375}));
-    EXPECT_EQ(StandardGamma(0.75), std::pow(0.25, 1.0 / 0.75));
-    EXPECT_EQ(RandState::Draws(), 4);
-    RandState::Feed(DrawsOf({0.25 + 0x1p-53, 0.375}));
+    Script first = {0.25, 0.375};
+    EXPECT_EQ(Variates::Gamma(first, 0.75), std::pow(0.25, 1.0 / 0.75));
+    EXPECT_EQ(first.Left(), 0U);
+    Script second = {0.25 + 0x1p-53, 0.375};
     const double y = -std::log((0.75 - 0x1p-53) / 0.75);
-    EXPECT_EQ(StandardGamma(0.75), std::pow(0.25 + 0.75 * y, 1.0 / 0.75));
-    EXPECT_EQ(RandState::Draws(), 4);
+    EXPECT_EQ(Variates::Gamma(second, 0.75), std::pow(0.25 + 0.75 * y, 1.0 / 0.75));
+    EXPECT_EQ(second.Left(), 0U);
 }
 
 TEST_F(RandomSamplingTest, GammaVariatesStayBelowTheirBound) {
@@ -231,9 +278,19 @@ TEST_F(RandomSamplingTest, GammaVariatesThatDoNotExistAreNotANumberWithoutADraw)
 }
 
 TEST_F(RandomSamplingTest, ABetaVariateOfOnesIsTheShareOfOneUniformVariateInTwo) {
-    RandState::Feed(DrawsOf({0.125, 0.375}));
-    EXPECT_EQ(RandomBeta(1.0, 1.0), 0.25);
-    EXPECT_EQ(RandState::Draws(), 4);
+    Script draw = {0.125, 0.375};
+    EXPECT_EQ(Variates::Beta(draw, 1.0, 1.0), 0.25);
+    EXPECT_EQ(draw.Left(), 0U);
+}
+
+TEST_F(RandomSamplingTest, ABetaVariateWhosePowersBothUnderflowIsMadeOfTheirLogarithms) {
+    constexpr double kTiny = 1e-5;
+    Script draw = {0.25, 0.25, 0.25, 0.25 + 0x1p-52};
+    EXPECT_EQ(Variates::Beta(draw, kTiny, kTiny), 0.5);
+    const double ratio = std::exp((std::log(0.25) - std::log(0.25 + 0x1p-52)) / kTiny);
+    EXPECT_NEAR(Variates::Beta(draw, kTiny, kTiny), ratio / (1.0 + ratio), 1e-12);
+    EXPECT_LT(ratio, 1.0);
+    EXPECT_EQ(draw.Left(), 0U);
 }
 
 TEST_F(RandomSamplingTest, ABetaVariateWithAParameterAboveOneIsTheShareOfOneGammaVariateInTwo) {

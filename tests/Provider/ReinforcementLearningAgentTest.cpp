@@ -6,6 +6,7 @@
 #include <cmath>
 #include <cstdint>
 #include <cstdlib>
+#include <ctime>
 #include <functional>
 #include <limits>
 #include <memory>
@@ -16,6 +17,7 @@
 
 #include "Provider/RandomSampling.h"
 #include "RandState.h"
+#include "TestClock.h"
 #include "Vectors.h"
 
 namespace {
@@ -166,13 +168,38 @@ TEST_F(ReinforcementLearningAgentTest, HasNothingToChooseWithoutActions) {
     EXPECT_EQ(KalmanFilterAgent(0, 1.0, 1.0, 0.0, 1.0).ChooseAction(), 0);
 }
 
-TEST_F(ReinforcementLearningAgentTest, LeavesTheHostsGeneratorAlone) {
+TEST_F(ReinforcementLearningAgentTest, EpsilonGreedyAndSoftmaxRestartTheHostsGeneratorWithTheTimeAtEveryChoice) {
+    constexpr time_t kNow = 1700000000;
+    const std::unique_ptr<ReinforcementLearningAgent> agents[] = {
+        std::make_unique<EpsilonGreedyAgent>(2, 2.0),   // explores
+        std::make_unique<EpsilonGreedyAgent>(2, -1.0),  // exploits
+        std::make_unique<EpsilonGreedyAgent>(0, 0.5),  std::make_unique<SoftmaxAgent>(2, 0.5),
+        std::make_unique<SoftmaxAgent>(2, 0.0),        std::make_unique<SoftmaxAgent>(0, 0.5),
+    };
+    agents[1]->UpdateQ(1, 1);
+    for (const auto& agent : agents) {
+        for (const time_t now : {kNow, kNow + 1}) {
+            const TestClock::Frozen clock(now);
+            srand(static_cast<unsigned int>(now));
+            const int first = rand();
+            agent->ChooseAction();
+            EXPECT_EQ(rand(), first) << &agent - agents << " at " << now;
+            agent->ChooseAction();
+            EXPECT_EQ(rand(), first) << &agent - agents << " at " << now;
+        }
+    }
+}
+
+TEST_F(ReinforcementLearningAgentTest, TheOthersAndLearningLeaveTheHostsGeneratorAlone) {
+    const TestClock::Frozen clock(1700000000);
     srand(42);
     const int first = rand();
     srand(42);
-    EpsilonGreedyAgent(2, 0.5).ChooseAction();
-    SoftmaxAgent(2, 0.5).ChooseAction();
+    MFUAgent(2).ChooseAction();
     ThomsonSamplingAgent(2, 1.0, 1.0).ChooseAction();
+    KalmanFilterAgent(2, 1.0, 1.0, 0.0, 1.0).ChooseAction();
+    EpsilonGreedyAgent(2, 0.5).UpdateQ(0, 1);
+    SoftmaxAgent(2, 0.5).UpdateQ(0, 1);
     EXPECT_EQ(rand(), first);
 }
 
@@ -213,9 +240,9 @@ TEST_F(ReinforcementLearningAgentTest, EpsilonGreedyExploresWhileNothingPositive
         for (const double q : {-3.0, 0.0, kTenMillionth}) {
             SeenEpsilonGreedy agent(5, epsilon);
             agent.m_vecQ = {-4.0, -5.0, q, -6.0, -7.0};
-            RandState::Feed({kLargest, 13});
+            RandState::Feed({kLargest, 13, 0});
             EXPECT_EQ(agent.ChooseAction(), 3) << epsilon << " " << q;
-            EXPECT_EQ(RandState::Draws(), 2) << epsilon << " " << q;
+            EXPECT_EQ(RandState::Left(), 1U) << epsilon << " " << q;
         }
     }
 }
@@ -240,9 +267,9 @@ TEST_F(ReinforcementLearningAgentTest, EpsilonGreedyExploresWhereEpsilonIsAboveT
     for (const auto& row : rows) {
         SeenEpsilonGreedy agent(5, row.epsilon);
         agent.m_vecQ = {0.0, std::nextafter(kTenMillionth, 1.0), 0.0, 0.0, 0.0};
-        RandState::Feed({row.draw, 13});
+        RandState::Feed({row.draw, 13, 0});
         EXPECT_EQ(agent.ChooseAction(), row.explores ? 3 : 1) << row.name;
-        EXPECT_EQ(RandState::Draws(), row.explores ? 2 : 1) << row.name;
+        EXPECT_EQ(RandState::Left(), row.explores ? 1U : 2U) << row.name;
     }
 }
 
@@ -416,6 +443,15 @@ TEST_F(ReinforcementLearningAgentTest, KalmanChoosesTheLowestOfEqualActions) {
     EXPECT_EQ(agent.ChooseAction(), 0);
     EXPECT_EQ(agent.ChooseAction(), 0);
     EXPECT_EQ(RandState::Draws(), 0);
+}
+
+TEST_F(ReinforcementLearningAgentTest, KalmanPassesOverWhatIsNotANumberUnlessItIsTheFirst) {
+    const double notANumber = std::numeric_limits<double>::quiet_NaN();
+    SeenKalman agent(4, 1.0, 1.0, 0.0, 0.0);
+    agent.m_vecMean = {1.0, notANumber, 2.0, notANumber};
+    EXPECT_EQ(agent.ChooseAction(), 2);
+    agent.m_vecMean[0] = notANumber;
+    EXPECT_EQ(agent.ChooseAction(), 0);
 }
 
 TEST_F(ReinforcementLearningAgentTest, KalmanSpreadsByTheVarianceTimesOneFixedNormalVariate) {

@@ -5,26 +5,30 @@
 
 #include <cstdlib>
 #include <deque>
+#include <stdexcept>
 
-#include "Provider/RandomSampling.h"
+#include "Provider/ReinforcementLearningAgent.h"
 
 namespace {
 
+constexpr int kMostDraws = 10000000;
+
+bool g_isLookedFor = false;
 unsigned int* g_state = nullptr;
 unsigned int g_first = 0;
-int g_draws = 0;
+unsigned int g_set = 0;
 std::deque<int> g_fed;
 
 }  // namespace
 
 extern "C" int rand_r(unsigned int* seed) noexcept {
     static const auto original = reinterpret_cast<int (*)(unsigned int*)>(dlsym(RTLD_NEXT, "rand_r"));
-    if (g_state == nullptr) {
+    if (g_isLookedFor) {
+        g_isLookedFor = false;
         g_state = seed;
         g_first = *seed;
     }
-    ++g_draws;
-    if (g_fed.empty()) {
+    if (seed != g_state || g_fed.empty()) {
         return original(seed);
     }
     const int integer = g_fed.front();
@@ -34,7 +38,8 @@ extern "C" int rand_r(unsigned int* seed) noexcept {
 
 unsigned int RandState::First() {
     if (g_state == nullptr) {
-        RandomDouble();
+        g_isLookedFor = true;
+        EpsilonGreedyAgent(1, 1.0).ChooseAction();
     }
     return g_first;
 }
@@ -43,7 +48,7 @@ void RandState::Set(unsigned int seed) {
     First();
     g_fed.clear();
     *g_state = seed;
-    g_draws = 0;
+    g_set = seed;
 }
 
 unsigned int RandState::Get() {
@@ -52,11 +57,22 @@ unsigned int RandState::Get() {
 }
 
 int RandState::Draws() {
-    return g_draws;
+    unsigned int state = g_set;
+    int draws = 0;
+    while (state != Get()) {
+        rand_r(&state);
+        if (++draws == kMostDraws) {
+            throw std::runtime_error("no draws lead to the state");
+        }
+    }
+    return draws;
 }
 
 void RandState::Feed(const std::vector<int>& integers) {
     First();
     g_fed.assign(integers.begin(), integers.end());
-    g_draws = 0;
+}
+
+std::size_t RandState::Left() {
+    return g_fed.size();
 }

@@ -1,0 +1,21 @@
+# What the toolchains for a device share: LUMORA_ARCHITECTURE is Debian's name of it, LUMORA_TRIPLET its tools' prefix
+# and LUMORA_LIBRARIES the folder of its libraries. The sysroot is the one that scripts/sysroot makes.
+set(CMAKE_SYSTEM_NAME Linux)
+set(LUMORA_SYSROOT ${CMAKE_CURRENT_LIST_DIR}/../../build/sysroot/${LUMORA_ARCHITECTURE})
+cmake_path(ABSOLUTE_PATH LUMORA_SYSROOT NORMALIZE)
+if(NOT EXISTS ${LUMORA_SYSROOT}/made-of)
+  message(FATAL_ERROR "There is no sysroot yet; make it with: scripts/sysroot ${LUMORA_ARCHITECTURE}")
+endif()
+
+set(CMAKE_C_COMPILER ${LUMORA_TRIPLET}-gcc)
+set(CMAKE_CXX_COMPILER ${LUMORA_TRIPLET}-g++)
+set(CMAKE_STRIP ${LUMORA_TRIPLET}-strip)
+set(CMAKE_LIBRARY_ARCHITECTURE ${LUMORA_LIBRARIES})
+set(CMAKE_SYSROOT ${LUMORA_SYSROOT})
+set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
+set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
+set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
+set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
+set(ENV{PKG_CONFIG_SYSROOT_DIR} ${LUMORA_SYSROOT})
+set(ENV{PKG_CONFIG_LIBDIR}
+  ${LUMORA_SYSROOT}/usr/lib/${LUMORA_LIBRARIES}/pkgconfig:${LUMORA_SYSROOT}/usr/share/pkgconfig)
