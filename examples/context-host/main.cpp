@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <fcntl.h>
-#include <glib.h>
+#include <semaphore.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -40,16 +40,19 @@ enum ExitStatus {
 
 constexpr const char* kDataDirectory = "/opt/usr/apps/lumora-service/data/";
 
-constexpr gulong kWaitMicroseconds = 200000;
-
 // Bounds the memory of what waits for a flush: about 10 MB.
 constexpr std::size_t kBatchSize = 20000;
 
 volatile std::sig_atomic_t g_interrupted = 0;
+sem_t g_interrupt;  // posted once: what waits for the end sleeps until then
 
 void CatchInterrupts() {
+    sem_init(&g_interrupt, /*pshared=*/0, /*value=*/0);
     struct sigaction action {};
-    action.sa_handler = [](int) { g_interrupted = 1; };
+    action.sa_handler = [](int) {
+        g_interrupted = 1;
+        sem_post(&g_interrupt);
+    };
     action.sa_flags = static_cast<int>(SA_RESETHAND);  // the second time ends the program at once
     sigaction(SIGINT, &action, nullptr);
     sigaction(SIGTERM, &action, nullptr);
@@ -208,7 +211,7 @@ int Run(ContextHost& host, std::vector<HistoryProvider>& providers, const Option
     }
     if (options.port != kNoPort) {
         while (g_interrupted == 0) {
-            g_usleep(kWaitMicroseconds);
+            sem_wait(&g_interrupt);
         }
         return EXIT_OK;
     }
