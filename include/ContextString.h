@@ -126,6 +126,7 @@ public:
     /// epoch, in spite of the name.
     ///
     /// Logs seven info lines: the normalized fields, as `std::tm` holds them, and the result, cut to its low 32 bits.
+    /// A date that `time_t` cannot hold is not normalized.
     /// @return 20240305140709 for that text. A `long` of 32 bits holds no such number: it is 2147483647 for every date.
     /// @throws std::out_of_range for fewer than 12 characters, without a log line.
     static long StringToUTC(std::string text);

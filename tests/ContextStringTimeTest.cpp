@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <climits>
 #include <cstdint>
 #include <ctime>
@@ -57,7 +58,7 @@ std::time_t Held(std::int64_t seconds) {
 
 /// What `long` makes of a date as a number.
 long Saturated(std::int64_t number) {
-    return kIsLongShort ? static_cast<long>(std::min<std::int64_t>(number, LONG_MAX)) : static_cast<long>(number);
+    return static_cast<long>(std::clamp<std::int64_t>(number, LONG_MIN, LONG_MAX));
 }
 
 /// The operations that cut a text by position, by name.
@@ -98,6 +99,10 @@ protected:
     void TearDown() override { TestClock::Release(); }
 };
 
+TEST_F(ContextStringTimeTest, HasTimesAsWideAsLong) {
+    EXPECT_EQ(sizeof(std::time_t), sizeof(long)) << "on the device both have 32 bits";
+}
+
 // Writing
 
 TEST_F(ContextStringTimeTest, WritesTheTimesOfManyZones) {
@@ -136,33 +141,48 @@ TEST_F(ContextStringTimeTest, TakesZeroForThePresentMomentInTheDisplayForm) {
     EXPECT_EQ(ContextString::ConvertUTCToLocaltime(-1), "1970-01-01 08:59:59+0900");
 }
 
-TEST_F(ContextStringTimeTest, CutsYearsOfFiveDigitsShort) {
-    if constexpr (!kIsLongShort) {
-        const TimeZone zone("UTC0");
-        constexpr std::int64_t kYear10000 = 253402300800;
-        EXPECT_EQ(ContextString::ConvertTimeFormat(static_cast<long>(kYear10000 - 1)), "99991231235959");
-        const std::string compact = ContextString::ConvertTimeFormat(static_cast<long>(kYear10000));
-        EXPECT_LT(compact.size(), 15U);
-        EXPECT_EQ(std::string("100000101000000").find(compact), 0U) << compact;
-        const std::string display = ContextString::ConvertUTCToLocaltime(static_cast<long>(kYear10000));
-        EXPECT_LT(display.size(), 25U);
-        EXPECT_EQ(std::string("10000-01-01 00:00:00+0000").find(display), 0U) << display;
-    } else {
-        const TimeZone zone("UTC0");
-        EXPECT_EQ(ContextString::ConvertTimeFormat(LONG_MAX), "20380119031407");
-        EXPECT_EQ(ContextString::ConvertTimeFormat(LONG_MIN), "19011213204552");
+TEST_F(ContextStringTimeTest, WritesTheFirstAndTheLastSecondOfTheDevice) {
+    const struct {
+        const char* zone;
+        long seconds;
+        const char* compact;
+        const char* display;
+    } rows[] = {
+        {"UTC0", INT_MAX, "20380119031407", "2038-01-19 03:14:07+0000"},
+        {"JST-9", INT_MAX, "20380119121407", "2038-01-19 12:14:07+0900"},
+        {"UTC0", INT_MIN, "19011213204552", "1901-12-13 20:45:52+0000"},
+        {"EST5", INT_MIN, "19011213154552", "1901-12-13 15:45:52-0500"},
+    };
+    for (const auto& row : rows) {
+        const TimeZone zone(row.zone);
+        EXPECT_EQ(ContextString::ConvertTimeFormat(row.seconds), row.compact) << row.zone;
+        EXPECT_EQ(ContextString::ConvertUTCToLocaltime(row.seconds), row.display) << row.zone;
     }
 }
 
+#if LONG_MAX > INT_MAX  // a long of 32 bits knows no such times
+
+TEST_F(ContextStringTimeTest, CutsYearsOfFiveDigitsShort) {
+    const TimeZone zone("UTC0");
+    constexpr long kYear10000 = 253402300800;
+    EXPECT_EQ(ContextString::ConvertTimeFormat(kYear10000 - 1), "99991231235959");
+    const std::string compact = ContextString::ConvertTimeFormat(kYear10000);
+    EXPECT_LT(compact.size(), 15U);
+    EXPECT_EQ(std::string("100000101000000").find(compact), 0U) << compact;
+    const std::string display = ContextString::ConvertUTCToLocaltime(kYear10000);
+    EXPECT_LT(display.size(), 25U);
+    EXPECT_EQ(std::string("10000-01-01 00:00:00+0000").find(display), 0U) << display;
+}
+
 TEST_F(ContextStringTimeTest, HasATextForTimesBeyondTheCalendar) {
-    if constexpr (!kIsLongShort) {
-        const TimeZone zone("UTC0");
-        for (const long seconds : {LONG_MAX, LONG_MIN}) {
-            EXPECT_EQ(ContextString::ConvertTimeFormat(seconds), "19000100000000");
-            EXPECT_EQ(ContextString::ConvertUTCToLocaltime(seconds).substr(0, 19), "1900-01-00 00:00:00");
-        }
+    const TimeZone zone("UTC0");
+    for (const long seconds : {LONG_MAX, LONG_MIN}) {
+        EXPECT_EQ(ContextString::ConvertTimeFormat(seconds), "19000100000000");
+        EXPECT_EQ(ContextString::ConvertUTCToLocaltime(seconds).substr(0, 19), "1900-01-00 00:00:00");
     }
 }
+
+#endif
 
 TEST_F(ContextStringTimeTest, WritesBrokenDownTimesFieldByField) {
     const struct {
@@ -333,6 +353,31 @@ TEST_F(ContextStringTimeTest, GivesMinusOneForTimesThatTimeCannotHold) {
     EXPECT_TRUE(CapturedLog::Lines().empty());
 }
 
+TEST_F(ContextStringTimeTest, ReadsUpToTheFirstAndTheLastSecondThatTimeHolds) {
+    const struct {
+        const char* zone;
+        const char* text;
+        const char* unadjusted;  ///< the same for time_cal(): the year from 1900, the month from 0
+        std::int64_t seconds;
+    } rows[] = {
+        {"UTC0", "20380119031407", "01380019031407", 2147483647},
+        {"UTC0", "20380119031408", "01380019031408", 2147483648},
+        {"JST-9", "20380119121407", "01380019121407", 2147483647},
+        {"JST-9", "20380119121408", "01380019121408", 2147483648},
+        {"UTC0", "19011213204552", "00011113204552", -2147483648},
+        {"UTC0", "19011213204551", "00011113204551", -2147483649},
+        {"EST5", "19011213154552", "00011113154552", -2147483648},
+        {"EST5", "19011213154551", "00011113154551", -2147483649},
+    };
+    for (const auto& row : rows) {
+        const TimeZone zone(row.zone);
+        const Frozen clock(kWinter);
+        EXPECT_EQ(ContextString::ConvertTimeStringToUTC(row.text), Held(row.seconds)) << row.zone << " " << row.text;
+        EXPECT_EQ(ContextString::stringToUTCTime(row.text), Held(row.seconds)) << row.zone << " " << row.text;
+        EXPECT_EQ(ContextString::time_cal(row.unadjusted), Held(row.seconds)) << row.zone << " " << row.unadjusted;
+    }
+}
+
 TEST_F(ContextStringTimeTest, LeavesATimeThatItsZoneDoesNotKnowToTheCLibrary) {
     const TimeZone zone("America/Sao_Paulo");
     const Frozen clock(1421323200);  // 15 January 2015, with daylight saving; there is none since 2019
@@ -405,6 +450,19 @@ TEST_F(ContextStringTimeTest, ReadsTheDigitsOfADateAsANumber) {
     EXPECT_EQ(CapturedLog::Lines().size(), 7U);
     EXPECT_EQ(ContextString::StringToUTC("20241301000000"), Saturated(20250101000000));
     EXPECT_EQ(ContextString::StringToUTC("20400101000000"), Saturated(20400101000000));
+    EXPECT_EQ(ContextString::StringToUTC("-0010305140709"), kIsLongShort ? LONG_MIN : Saturated(-10305140709));
+    EXPECT_EQ(ContextString::StringToUTC("00000305140709"), 305140709) << "the year 0 has one digit";
+}
+
+TEST_F(ContextStringTimeTest, NormalizesOnlyDatesThatTimeCanHold) {
+    const TimeZone zone("UTC0");
+    const Frozen clock(kWinter);
+    ContextString::StringToUTC("20400230000000");
+    const Texts messages = CapturedLog::Messages();
+    ASSERT_EQ(messages.size(), 7U);
+    const std::string start = "I ContextString::strTime  20400230000000 ";
+    EXPECT_EQ(messages[1], start + (kIsTimeShort ? "(1)" : "(2)") + " tm->tm_mon []");
+    EXPECT_EQ(messages[2], start + (kIsTimeShort ? "(30)" : "(1)") + " tm->tm_mday []");
 }
 
 // The SQL form

@@ -166,7 +166,7 @@ protected:
         }
     }
 
-    static int Now() { return static_cast<int>(std::time(nullptr) - kStart); }
+    static int Now() { return TimerMath::Difference(static_cast<std::int32_t>(std::time(nullptr)), kStart); }
 
     /// Sets a timer that notes each firing as "name@second" and then acts.
     TimerId Set(const std::string& name, unsigned int interval, std::function<void()> act = nullptr) {
@@ -596,6 +596,40 @@ TEST_F(ContextTimerTest, WrapsDeadlinesPastTheLastSecondToTheFront) {
     };
     EXPECT_EQ(Fired(),
               (Strings{at("wrapped", 1), at("wrapped", 2), at("wrapped", 3), at("wrapped", 4), at("last", 4)}));
+}
+
+TEST_F(ContextTimerTest, FiresEverySecondAcrossTheLastOne) {
+    TestClock::Set(2147483646);
+    Start();
+    Set("every second", 1);
+    const CTimerData* watched = Add({-1, 1, 0, nullptr, nullptr});
+    Settle();
+    std::size_t fired = 0;
+    for (const std::int32_t deadline : {INT32_MIN, INT32_MIN + 1, INT32_MIN + 2}) {
+        TestClock::Advance(1);
+        Tick();
+        EXPECT_EQ(watched->expireTime, deadline);
+        EXPECT_EQ(Fired().size(), ++fired);
+    }
+    Tick();
+    EXPECT_EQ(Fired().size(), fired) << "once in a second";
+    EXPECT_EQ(CapturedLog::Messages(), Strings{});
+}
+
+TEST_F(ContextTimerTest, MovesDeadlinesWithAJumpAcrossTheLastSecond) {
+    TestClock::Set(2147483640);
+    Start();
+    Set("five", 5);
+    const CTimerData* watched = Add({-1, 5, 0, nullptr, nullptr});
+    TestClock::Advance(60);
+    Tick();
+    EXPECT_EQ(Fired(), Strings{});
+    EXPECT_EQ(watched->expireTime, INT32_MIN + 57);
+    EXPECT_EQ(CapturedLog::Messages(), Strings{"I add offset 60"});
+    TestClock::Advance(5);
+    Tick();
+    EXPECT_EQ(Fired().size(), 1U);
+    EXPECT_EQ(watched->expireTime, INT32_MIN + 62);
 }
 
 TEST_F(ContextTimerTest, FiresAnIntervalThatWrapsOnEveryTick) {

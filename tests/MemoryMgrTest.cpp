@@ -321,6 +321,12 @@ TEST_F(MemoryMgrTest, WrapsSizesAroundIn32Bits) {
     header.nSize = 2;
     EXPECT_TRUE(m_manager.__AddMemory(&header));
     ExpectCounters(2, std::numeric_limits<std::int32_t>::min() + 1, 0x7fffffff);
+
+    m_manager.m_nTotalSize = 0x7fffffff;
+    void* block = Allocate(10);
+    ExpectCounters(3, std::numeric_limits<std::int32_t>::min() + 9, 0x7fffffff);
+    CMemoryManager::Release(block);
+    ExpectCounters(2, 0x7fffffff, 0x7fffffff);
 }
 
 TEST_F(MemoryMgrTest, FreesBlocksThatItNeverHandedOut) {

@@ -426,6 +426,17 @@ TEST_F(CuratorAgentTest, RanksEveryHourOfTheWeekByItsOwnScores) {
     EXPECT_TRUE(CapturedLog::Lines().empty());
 }
 
+TEST_F(CuratorAgentTest, LearnsAUsageThatLastsBeyondTheLastSecond) {
+    const TimeZone zone("UTC");  // the last second is Tuesday, 2038-01-19 03:14:07
+    CCuratorAgent agent(CURATOR_AGENT_DATE, 1, 0);
+    std::vector<CuratorBaseData> history = {Usage("a", kMonday20h, 60), Usage("a", INT_MAX - 7, 60)};
+    agent.LearnHistorys(history);
+    const CuratorBaseData7x24 grid = agent.RunCurate7x24();
+    const double scoreOfEither = 12.0 + 60.0 + 360.0 + 660.0;
+    EXPECT_EQ(grid.m_listData[1][20].front().m_dScore, scoreOfEither);
+    EXPECT_EQ(grid.m_listData[2][3].front().m_dScore, scoreOfEither);
+}
+
 TEST_F(CuratorAgentTest, FollowsAChangeOfTheTimeZoneBetweenRecords) {
     // The host changes the zone and does not call tzset() itself.
     CCuratorAgent agent(CURATOR_AGENT_DATE, 10, 0);

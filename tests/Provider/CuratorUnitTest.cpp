@@ -442,14 +442,26 @@ TEST(CuratorDateUnitTest, CreditsTheRestToTheCurrentHourWhereTheCalendarKnowsNoN
 }
 
 TEST(CuratorDateUnitTest, LearnsUpToTheLatestStart) {
-    const TimeZone zone("UTC");  // the last second is Tuesday, 2038-01-19 03:14:07
-    OpenDateUnit unit;
-    unit.LearnHistory(Usage(INT_MAX, 4000), 1.0);
-    SplitRow row{"", "", 0, 0, {{kTuesday, 3, 2753}, {kTuesday, 4, 1247}}};
-    if constexpr (sizeof(time_t) == 4) {
-        row.parts = {{kTuesday, 3, 4000}};  // there is no next full hour
+    // The last second is Tuesday, 2038-01-19 03:14:07; behind it, 32 bits hold no next full hour.
+    constexpr bool kIsTimeShort = sizeof(time_t) == 4;
+    using Parts = decltype(SplitRow::parts);
+    const std::vector<SplitRow> rows = {
+        {"within the hour", "UTC", INT_MAX - 7, 60, {{kTuesday, 3, 60}}},
+        {"over the hour", "UTC", INT_MAX, 4000,
+         kIsTimeShort ? Parts{{kTuesday, 3, 4000}} : Parts{{kTuesday, 3, 2753}, {kTuesday, 4, 1247}}},
+        {"from the hour before", "UTC", INT_MAX - 3600, 12000,
+         kIsTimeShort ? Parts{{kTuesday, 2, 2753}, {kTuesday, 3, 9247}}
+                      : Parts{{kTuesday, 2, 2753}, {kTuesday, 3, 3600}, {kTuesday, 4, 3600}, {kTuesday, 5, 2047}}},
+        {"a zone half an hour off", "Asia/Kolkata", INT_MAX, 1000,
+         kIsTimeShort ? Parts{{kTuesday, 8, 1000}} : Parts{{kTuesday, 8, 953}, {kTuesday, 9, 47}}},
+    };
+    for (const SplitRow& row : rows) {
+        SCOPED_TRACE(row.name);
+        const TimeZone zone(row.zone);
+        OpenDateUnit unit;
+        unit.LearnHistory(Usage(row.startTime, row.duration), 1.0);
+        EXPECT_EQ(unit.Read(), Expected(row));
     }
-    EXPECT_EQ(unit.Read(), Expected(row));
 }
 
 TEST(CuratorDateUnitTest, AccumulatesOverItsRecords) {
