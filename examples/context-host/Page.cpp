@@ -4,6 +4,7 @@
 #include <ContextData.h>
 #include <glib.h>
 
+#include <filesystem>
 #include <map>
 
 #include "page-template.h"
@@ -105,6 +106,11 @@ std::string Page::Write(const std::string& path, const std::string& page) {
     // Renaming over a device or a folder would not end well.
     if (g_file_test(path.c_str(), G_FILE_TEST_EXISTS) && !g_file_test(path.c_str(), G_FILE_TEST_IS_REGULAR)) {
         return path + " is no ordinary file: choose another name";
+    }
+    std::error_code ignored;
+    const std::filesystem::path folder = std::filesystem::path(path).parent_path();
+    if (!folder.empty() && !std::filesystem::is_directory(folder, ignored)) {
+        return "there is no folder " + folder.string() + ": make it, or choose another folder";
     }
     GError* error = nullptr;
     if (g_file_set_contents_full(

@@ -1,10 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <fcntl.h>
+#include <glib.h>
+#include <pwd.h>
 #include <semaphore.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <clocale>
 #include <csignal>
 #include <cstdio>
@@ -59,11 +62,42 @@ void CatchInterrupts() {
     signal(SIGPIPE, SIG_IGN);  // a client may go before its answer comes
 }
 
-/// Keeps the store to this process for as long as it runs: a write that meets another's lock would wipe the file.
-bool LockStore(const std::string& database) {
-    const std::string path = kDataDirectory + database + ".lock";
+/// @return what to say of a file or folder that refuses to be written, with errno as the refusal has left it.
+std::string CannotWrite(const std::string& path) {
+    const int reason = errno;
+    std::string message = "cannot write to " + path + ": " + g_strerror(reason);
+    struct stat status {};
+    if (reason == EACCES && stat(path.c_str(), &status) == 0 && status.st_uid != getuid()) {
+        const passwd* owner = getpwuid(status.st_uid);
+        message += "; run as its owner, " +
+                   (owner != nullptr ? std::string(owner->pw_name) : "user " + std::to_string(status.st_uid));
+    }
+    return message;
+}
+
+/// Keeps the store to this process for as long as it runs: a write that meets another's lock would wipe the file, and
+/// so would one to a file that is not this user's.
+/// @return why that is not possible, or "".
+std::string TakeStore(const std::string& database) {
+    if (access(kDataDirectory, F_OK) != 0) {
+        return std::string("there is no folder ") + kDataDirectory +
+               "; make it with: sudo install -d -o \"$(id -un)\" " + kDataDirectory;
+    }
+    if (access(kDataDirectory, R_OK | W_OK | X_OK) != 0) {
+        return CannotWrite(kDataDirectory);
+    }
+    const std::string store = kDataDirectory + database;
+    if (access(store.c_str(), R_OK | W_OK) != 0 && errno != ENOENT) {
+        return CannotWrite(store);
+    }
+    const std::string path = store + ".lock";
     const int file = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, S_IRUSR | S_IWUSR);
-    return file >= 0 && flock(file, LOCK_EX | LOCK_NB) == 0;
+    if (file < 0) {
+        return CannotWrite(path);
+    }
+    return flock(file, LOCK_EX | LOCK_NB) == 0
+               ? ""
+               : "another context-host uses the store " + database + "; end it or choose --database";
 }
 
 ExitStatus Complain(ExitStatus status, const std::string& message) {
@@ -191,7 +225,9 @@ int Run(ContextHost& host, std::vector<HistoryProvider>& providers, const Option
     if (options.port != kNoPort) {
         const int port = server.Open(options.port);
         if (port < 0) {
-            return Complain(EXIT_NO_PORT, "cannot open port " + std::to_string(options.port));
+            return Complain(EXIT_NO_PORT, "cannot open port " + std::to_string(options.port) +
+                                              ": it is taken, or not this user's to open; with --serve 0 the system "
+                                              "chooses one");
         }
         std::fprintf(stderr, "serving at port %d; try: context-query %d rank mfu 3\n", port, port);
     }
@@ -241,13 +277,9 @@ int main(int argc, char** argv) {
         return Complain(error.GetKind() == HistoryError::Kind::Unreadable ? EXIT_UNREADABLE : EXIT_MALFORMED,
                         error.what());
     }
-    if (access(kDataDirectory, R_OK | W_OK | X_OK) != 0) {
-        return Complain(EXIT_NO_DATABASE, std::string("cannot write to ") + kDataDirectory +
-                                              "; make it with: sudo install -d -o \"$(id -un)\" " + kDataDirectory);
-    }
-    if (!LockStore(options.database)) {
-        return Complain(EXIT_NO_DATABASE,
-                        "another context-host uses the store " + options.database + "; end it or choose --database");
+    const std::string refusal = TakeStore(options.database);
+    if (!refusal.empty()) {
+        return Complain(EXIT_NO_DATABASE, refusal);
     }
     CatchInterrupts();
     ContextHost host(options.database);

@@ -316,7 +316,7 @@ class ContextHostTest(unittest.TestCase):
     def test_says_so_when_the_port_is_taken(self):
         with socket.create_server(("0.0.0.0", 0)) as taken:
             result = self.run_host("--serve", taken.getsockname()[1], status=6)
-            self.assertIn("cannot open port", result.stderr)
+            self.assertIn(f"cannot open port {taken.getsockname()[1]}: it is taken", result.stderr)
 
     def test_ends_its_service_when_it_is_told_to(self):
         with self.served("--track-memory") as (port, process):
@@ -422,13 +422,33 @@ class ContextHostTest(unittest.TestCase):
                 self.assertEqual(result.stdout, "")
 
     def test_tells_how_to_make_the_data_directory(self):
-        result = subprocess.run([str(ROOT / "scripts/with-data-directory"), str(self.store), "sh", "-c",
-                                 'umount "$LUMORA_PRIVATE_DATA_DIRECTORY" && mount -t tmpfs -o ro none '
-                                 '"$LUMORA_PRIVATE_DATA_DIRECTORY" && exec "$0"', PROGRAM],
-                                capture_output=True, encoding="utf-8", timeout=BOUND)
-        self.assertEqual(result.returncode, 5, result.stderr)
-        self.assertIn("sudo install -d", result.stderr)
-        self.assertEqual(result.stderr.count("\n"), 1)
+        for change, advice in {"rm -r": "sudo install -d", "mount -t tmpfs -o ro none": "Read-only file system"}.items():
+            # The folder is made anew, since the one that was shown there may be a mount's last.
+            result = subprocess.run([str(ROOT / "scripts/with-data-directory"), str(self.store), "sh", "-c",
+                                     'umount "$LUMORA_PRIVATE_DATA_DIRECTORY" && mount -t tmpfs none '
+                                     '"${LUMORA_PRIVATE_DATA_DIRECTORY%/*}" && mkdir '
+                                     f'"$LUMORA_PRIVATE_DATA_DIRECTORY" && {change} "$LUMORA_PRIVATE_DATA_DIRECTORY" '
+                                     '&& exec "$0"', PROGRAM],
+                                    capture_output=True, encoding="utf-8", timeout=BOUND)
+            self.assertEqual(result.returncode, 5, result.stderr)
+            self.assertIn(advice, result.stderr)
+            self.assertEqual(result.stderr.count("\n"), 1)
+
+    def test_leaves_a_store_alone_that_it_may_not_write(self):
+        history = self.write("a.csv", HEADER + "x,X,d,100,5\n")
+        self.run_host(history)
+        for name in ("usage.db", "usage.db.lock"):
+            with self.subTest(name):
+                (self.store / name).chmod(0o400)
+                before = (self.store / "usage.db").read_bytes()
+                # Root may write whatever it likes; without this capability it may not.
+                result = subprocess.run([str(ROOT / "scripts/with-data-directory"), str(self.store), "setpriv",
+                                         "--bounding-set", "-dac_override", PROGRAM, str(history)],
+                                        capture_output=True, encoding="utf-8", timeout=BOUND)
+                self.assertEqual(result.returncode, 5, result.stderr)
+                self.assertIn(f"{name}: Permission denied", result.stderr)
+                self.assertEqual((self.store / "usage.db").read_bytes(), before)
+                (self.store / name).chmod(0o600)
 
     def test_says_so_when_the_database_cannot_be_opened(self):
         (self.store / "usage.db" / "occupied").mkdir(parents=True)
@@ -588,10 +608,10 @@ class ContextHostTest(unittest.TestCase):
         self.assertEqual(sorted(entry.name for entry in self.folder.iterdir()), ["a.csv", "store", "week.html"])
         pipe = self.folder / "pipe"
         os.mkfifo(pipe)
-        for wrong, advice in {self.folder / "no/week.html": "another folder", self.folder: "another name",
+        for wrong, advice in {self.folder / "no/week.html": f"{self.folder}/no: make it, or choose another folder", self.folder: "another name",
                               pipe: "another name"}.items():
             result = self.run_host("--page", wrong, status=7)
-            self.assertIn("choose " + advice, result.stderr)
+            self.assertIn(advice, result.stderr)
             self.assertEqual((result.stderr.count("\n"), result.stdout), (1, ""))
         self.assertTrue(pipe.is_fifo())
 
