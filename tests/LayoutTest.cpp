@@ -78,10 +78,12 @@ constexpr std::size_t kTable = sizeof(void*);  ///< the pointer to the virtual t
 /// Where the base's last field ends: a derived class makes use of what is left of its last word.
 constexpr std::size_t kEndOfThread = 2 * sizeof(void*) + 1;
 
-#define FIELD(type, field)                                                                      \
-    Field {                                                                                     \
-#field, offsetof(type, field), sizeof(type::field), kAlignment < decltype(type::field)> \
-    }
+template <class T>
+Field FieldAt(const char* name, std::size_t offset) {
+    return {name, offset, sizeof(T), kAlignment<T>};  // NOLINT(bugprone-sizeof-expression): of a pointer, too
+}
+
+#define FIELD(type, field) FieldAt<decltype(type::field)>(#field, offsetof(type, field))
 
 #define EXPECT_FIELDS(type, first, deviceSize, ...) \
     ExpectFields(#type, sizeof(type), first, deviceSize, std::vector<Field>{__VA_ARGS__})
