@@ -5,7 +5,7 @@
 
 namespace {
 
-// Found to be ordinary choices, not tuned to any history.
+// Ordinary choices, not tuned to any history.
 constexpr double kEpsilon = 0.1;
 constexpr double kTemperature = 0.1;
 constexpr double kPrior = 1.0;

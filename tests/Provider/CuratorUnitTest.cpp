@@ -341,6 +341,16 @@ Sums Expected(const SplitRow& row) {
     return sums;
 }
 
+void ExpectSplits(const std::vector<SplitRow>& rows) {
+    for (const SplitRow& row : rows) {
+        SCOPED_TRACE(row.name);
+        const TimeZone zone(row.zone);
+        OpenDateUnit unit;
+        unit.LearnHistory(Usage(row.startTime, row.duration), 1.0);
+        EXPECT_EQ(unit.Read(), Expected(row));
+    }
+}
+
 TEST(CuratorDateUnitTest, SplitsAUsageAtTheFullHoursOfLocalTime) {
     constexpr int kMonday20h = 1609790400;    // 2021-01-04 20:00 UTC
     constexpr int kSaturday23h = 1610233200;  // 2021-01-09 23:00 UTC
@@ -414,13 +424,7 @@ TEST(CuratorDateUnitTest, SplitsAUsageAtTheFullHoursOfLocalTime) {
          1200,
          {{kFriday, 23, 600}, {kSaturday, 0, 600}}},
     };
-    for (const SplitRow& row : rows) {
-        SCOPED_TRACE(row.name);
-        const TimeZone zone(row.zone);
-        OpenDateUnit unit;
-        unit.LearnHistory(Usage(row.startTime, row.duration), 1.0);
-        EXPECT_EQ(unit.Read(), Expected(row));
-    }
+    ExpectSplits(rows);
 }
 
 TEST(CuratorDateUnitTest, CreditsTheRestToTheCurrentHourWhereTheCalendarKnowsNoNextOne) {
@@ -432,13 +436,7 @@ TEST(CuratorDateUnitTest, CreditsTheRestToTheCurrentHourWhereTheCalendarKnowsNoN
         {"from the hour before", "Europe/Moscow", 1301180400 - 5400, 7200, {{kSunday, 0, 1800}, {kSunday, 1, 5400}}},
         {"a day left out", "Pacific/Kiritimati", 788868000 - 60, 120, {{kFriday, 23, 120}}},
     };
-    for (const SplitRow& row : rows) {
-        SCOPED_TRACE(row.name);
-        const TimeZone zone(row.zone);
-        OpenDateUnit unit;
-        unit.LearnHistory(Usage(row.startTime, row.duration), 1.0);
-        EXPECT_EQ(unit.Read(), Expected(row));
-    }
+    ExpectSplits(rows);
 }
 
 TEST(CuratorDateUnitTest, LearnsUpToTheLatestStart) {
@@ -455,13 +453,7 @@ TEST(CuratorDateUnitTest, LearnsUpToTheLatestStart) {
         {"a zone half an hour off", "Asia/Kolkata", INT_MAX, 1000,
          kIsTimeShort ? Parts{{kTuesday, 8, 1000}} : Parts{{kTuesday, 8, 953}, {kTuesday, 9, 47}}},
     };
-    for (const SplitRow& row : rows) {
-        SCOPED_TRACE(row.name);
-        const TimeZone zone(row.zone);
-        OpenDateUnit unit;
-        unit.LearnHistory(Usage(row.startTime, row.duration), 1.0);
-        EXPECT_EQ(unit.Read(), Expected(row));
-    }
+    ExpectSplits(rows);
 }
 
 TEST(CuratorDateUnitTest, AccumulatesOverItsRecords) {
