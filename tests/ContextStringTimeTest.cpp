@@ -33,7 +33,7 @@ constexpr const char* kParis = "CET-1CEST,M3.5.0,M10.5.0/3";
 constexpr std::time_t kWinter = 1705312800;  // 15 January 2024
 constexpr std::time_t kSummer = 1721037600;  // 15 July 2024
 
-/// Reads a table of tests/data/vectors without its head. tests/vectors/times.py says what the columns mean.
+/// Reads a table of tests/data/vectors without its head. tests/data/vectors/times.py says what the columns mean.
 std::vector<Row> ReadVectors(const std::string& name) {
     std::istringstream table(Surroundings::ReadFile(std::string(LUMORA_TEST_DATA) + "/vectors/" + name));
     std::vector<Row> rows;

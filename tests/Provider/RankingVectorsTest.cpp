@@ -17,7 +17,7 @@
 #include "Surroundings.h"
 #include "TestClock.h"
 
-// What is learnt from real histories, against the sums and rankings that tests/vectors/rankings.py computed.
+// What is learnt from real histories, against the sums and rankings that tests/data/vectors/rankings.py computed.
 
 namespace {
 

@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-/// Reads the records that tests/vectors/ writes: a name in brackets, then fields of values.
+/// Reads the records that tests/data/vectors/sampling.py writes: a name in brackets, then fields of values.
 namespace Vectors {
 
 struct Record {

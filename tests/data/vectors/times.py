@@ -2,8 +2,8 @@
 # SPDX-License-Identifier: Apache-2.0
 """Makes the time vectors that ContextStringTimeTest reads: local time by Python's own reading of the zones' rules.
 
-    tests/vectors/times.py           writes tests/data/vectors/time-*.tsv anew
-    tests/vectors/times.py --check   compares them with what it would write
+    tests/data/vectors/times.py           writes tests/data/vectors/time-*.tsv anew
+    tests/data/vectors/times.py --check   compares them with what it would write
 
 Needs Python 3.10 and the system's zone files; nothing is drawn at random, so every run gives the same bytes.
 
@@ -26,7 +26,7 @@ import sys
 from datetime import datetime, timedelta, timezone
 from zoneinfo import ZoneInfo
 
-FOLDER = pathlib.Path(__file__).resolve().parent.parent / "data" / "vectors"
+FOLDER = pathlib.Path(__file__).resolve().parent
 EPOCH = datetime(1970, 1, 1)
 
 # Rules are valid for every year; of the named zones, whose past differs between issues of the zone files, only what is

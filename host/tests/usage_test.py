@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: Apache-2.0
-"""Holds together what --help, the man pages and the completion say about the example host.
+"""Holds together what --help, the man pages and the completion say about the host.
 
   usage_test.py ROOT CONTEXT_HOST CONTEXT_QUERY
 """
@@ -11,7 +11,7 @@ import sys
 import tempfile
 import unittest
 
-FOLDER = pathlib.Path(sys.argv[1]) / "examples/context-host"
+FOLDER = pathlib.Path(sys.argv[1]) / "host"
 PROGRAMS = {"context-host": sys.argv[2], "context-query": sys.argv[3]}
 BOUND = 20
 

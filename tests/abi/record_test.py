@@ -2,8 +2,8 @@
 # SPDX-License-Identifier: Apache-2.0
 """Holds the binary interface of a built library against the one that is on record.
 
-  check.py RECORD LIBRARY             compares
-  check.py --renew RECORD LIBRARY     records anew, after a change that is meant
+  record_test.py RECORD LIBRARY             compares
+  record_test.py --renew RECORD LIBRARY     records anew, after a change that is meant
 
 The records, one for each architecture, are what abidw writes: the layout of every class, the order of its virtual
 operations, and every symbol.

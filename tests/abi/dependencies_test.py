@@ -2,7 +2,7 @@
 # SPDX-License-Identifier: Apache-2.0
 """Holds a built library to what it may ask of others: which libraries, and of jsoncpp only the calls of every series.
 
-  dependencies.py LIBRARY
+  dependencies_test.py LIBRARY
 """
 import re
 import subprocess

@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: Apache-2.0
-"""Opens the page of the example host in a browser, as a viewer does, and compares what it shows with what the host prints.
+"""Opens the page of the host in a browser, as a viewer does, and compares what it shows with what the host prints.
 
   page_test.py ROOT CONTEXT_HOST CHROMEDRIVER CHROMIUM
 """

@@ -2,8 +2,8 @@
 # SPDX-License-Identifier: Apache-2.0
 """Computes what the curation engine must learn from the real histories, and how it must rank them.
 
-    tests/vectors/rankings.py            writes tests/data/vectors/ anew
-    tests/vectors/rankings.py --check    compares tests/data/vectors/ with what it would write
+    tests/data/vectors/rankings.py            writes the .rankings and .sums here anew
+    tests/data/vectors/rankings.py --check    compares them with what it would write
 
 It shares no code with the library: the local hours come from zoneinfo, sums are whole numbers, rankings are sorted
 lists. The scores are written so that they read back to the last bit.
@@ -31,7 +31,7 @@ import pathlib
 import sys
 import zoneinfo
 
-TESTS = pathlib.Path(__file__).resolve().parent.parent
+TESTS = pathlib.Path(__file__).resolve().parents[2]
 HISTORIES = TESTS / "data" / "histories"
 VECTORS = TESTS / "data" / "vectors"
 
@@ -152,7 +152,7 @@ def main(arguments):
         elif not path.is_file() or path.read_bytes() != text.encode():
             stale.append(path.name)
     if stale:
-        sys.exit(f"{', '.join(stale)}: not what tests/vectors/rankings.py writes")
+        sys.exit(f"{', '.join(stale)}: not what tests/data/vectors/rankings.py writes")
 
 
 if __name__ == "__main__":

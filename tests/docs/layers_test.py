@@ -2,7 +2,7 @@
 # SPDX-License-Identifier: Apache-2.0
 """Holds every include of the library to the layers that docs/architecture.md lists.
 
-  check.py ROOT
+  layers_test.py ROOT
 
 Fails when a file belongs to no layer, includes a layer above its own or one that its row does not name, uses a
 third-party header that its row does not name, or when the build lists the layers in another order.

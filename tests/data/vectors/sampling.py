@@ -5,8 +5,8 @@
 Everything is written down here a second time: the C library's rand_r, the variates made of it, the minimal standard
 generator, and the five agents. The results are what the tests compare the library with.
 
-    tests/vectors/sampling.py            writes sampling.txt and agents.txt under tests/data/vectors/ anew
-    tests/vectors/sampling.py --check    compares them with what it would write
+    tests/data/vectors/sampling.py            writes sampling.txt and agents.txt under tests/data/vectors/ anew
+    tests/data/vectors/sampling.py --check    compares them with what it would write
 
 A file holds records: a name in brackets and then fields, each a name and values; a field that is repeated goes on.
 Doubles are hexadecimal and exact. Those of the committed files come from a log, an exp and a pow that are each within
@@ -20,7 +20,7 @@ import pathlib
 import random
 import sys
 
-FOLDER = pathlib.Path(__file__).resolve().parent.parent / "data/vectors"
+FOLDER = pathlib.Path(__file__).resolve().parent
 LAST_PLACES = 4  # how many units of the last place a double may be off on another platform
 
 taken = set()  # the branches of the variates that were gone through
@@ -368,7 +368,7 @@ def agents():
 
 
 def text(lines):
-    return "# Made by tests/vectors/sampling.py, which says how to make it anew.\n" + "\n".join(lines) + "\n"
+    return "# Made by tests/data/vectors/sampling.py, which says how to make it anew.\n" + "\n".join(lines) + "\n"
 
 
 def same(committed, made):

@@ -1,8 +1,8 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: Apache-2.0
-"""Runs the example host as a user does and looks at what it prints, stores and returns.
+"""Runs the host as a user does and looks at what it prints, stores and returns.
 
-  context_host_test.py ROOT CONTEXT_HOST CONTEXT_QUERY
+  host_test.py ROOT CONTEXT_HOST CONTEXT_QUERY
 """
 import collections
 import contextlib

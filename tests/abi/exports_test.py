@@ -2,7 +2,7 @@
 # SPDX-License-Identifier: Apache-2.0
 """Holds what the shared library exports to the list of its Debian package, and to the public headers.
 
-  exports.py ROOT LIBRARY [--nm NM] [--write]
+  exports_test.py ROOT LIBRARY [--nm NM] [--write]
 
 Fails when a symbol is exported that the list does not name, when one that it names is missing, and when one is a class
 or function that no public header declares for export. --write makes the list anew from LIBRARY; symbols that it had
@@ -14,7 +14,7 @@ import re
 import subprocess
 import sys
 
-LIST = "debian/liblumora-common0.symbols"
+LIST = "tests/abi/liblumora-common0.symbols"
 HEAD = """liblumora-common.so.0 liblumora-common0 #MINVER#
 * Build-Depends-Package: liblumora-common-dev
 """
@@ -97,7 +97,7 @@ def main():
     problems += [f"exported, but declared for export by no public header: {name}"
                  for name in sorted(names) if not declared(name, headers)]
     if problems:
-        problems.append(f"if that is meant: tests/install/exports.py . {arguments.library} --write")
+        problems.append(f"if that is meant: tests/abi/exports_test.py . {arguments.library} --write")
     print("\n".join(problems) if problems else f"{len(names)} exported symbols, listed and declared")
     return 1 if problems else 0
 

@@ -2,7 +2,7 @@
 # SPDX-License-Identifier: Apache-2.0
 """Holds the documents to the code.
 
-  check.py ROOT
+  guide_test.py ROOT
 
 Fails when a program or its output stands in the guide other than it is built and run, or not at all; when the tables of
 log texts differ from what src/ logs; when the picture lacks a layer; when a link leads nowhere.
