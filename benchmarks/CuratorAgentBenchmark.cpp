@@ -23,7 +23,7 @@ constexpr int kMaxResult = 10;
 constexpr int kDays = 7;
 constexpr int kHours = 24;
 constexpr std::size_t kRankedUnits = 1000;
-constexpr unsigned int kMaxLearntSeconds = 12000;
+constexpr unsigned int kMaxLearntSeconds = CCuratorDateUnit::kMaxLearntSeconds;
 constexpr unsigned int kSecondsPerHour = 3600;
 constexpr double kMegabyte = 1e6;
 

@@ -65,6 +65,9 @@ struct struct_query_set {
 /// **Errors.** Logged; the return values say little, as each operation states.
 class LUMORA_API ContextDatabase {
 public:
+    /// The folder of every database file, with a slash at its end.
+    static constexpr const char* kDataDirectory = "/opt/usr/apps/lumora-service/data/";
+
     /// The positional values of a statement: the n-th entry binds the n-th parameter.
     using ValueList = std::vector<std::pair<enum_sql_type, struct_sql_value>>;
 

@@ -28,6 +28,9 @@ class LUMORA_API NetUtil {
 public:
     NetUtil() = delete;
 
+    /// The longest payload that GetReply() receives, in bytes, zero included.
+    static constexpr int kMaxReplySize = 204799;
+
     /// @name Frames
     /// @{
 

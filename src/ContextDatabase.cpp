@@ -14,7 +14,6 @@
 
 namespace {
 
-constexpr const char* kDataDirectory = "/opt/usr/apps/lumora-service/data/";
 constexpr const char* kJournalSuffix = "-journal";
 constexpr const char* QUERY_INTEGRITY_CHECK = "pragma integrity_check";
 
@@ -26,7 +25,7 @@ GMutex g_db_mutex;         ///< every use of a connection
 GMutex g_query_set_mutex;  ///< the lists of deferred statements
 
 std::string DatabasePath(const std::string& name) {
-    return std::string(kDataDirectory) + "/" + name;
+    return std::string(ContextDatabase::kDataDirectory) + "/" + name;
 }
 
 void _OnTimerCb(int timerId, void* userData) {

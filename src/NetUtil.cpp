@@ -22,7 +22,6 @@ namespace Network {
 namespace {
 
 constexpr int kBacklog = 128;
-constexpr int kReplySize = 204800;  ///< a reply is smaller, with its zero
 constexpr const char* kSilentLabel = "Return Code";
 
 /// @return 0, or -1 when the stream ends or fails before all bytes have come.
@@ -122,9 +121,10 @@ void NetUtil::GetReply(int fd) {
 }
 
 void NetUtil::GetReply(int fd, const char* label) {
-    const std::unique_ptr<char[]> reply(new (std::nothrow) char[kReplySize]());
+    constexpr int kBufferSize = kMaxReplySize + 1;  // getMessage() wants the payload smaller than its buffer
+    const std::unique_ptr<char[]> reply(new (std::nothrow) char[kBufferSize]());
     int length = 0;
-    if (reply == nullptr || getMessage(fd, reply.get(), kReplySize, length) != 0) {
+    if (reply == nullptr || getMessage(fd, reply.get(), kBufferSize, length) != 0) {
         LMR_LOG_ERROR("Error getting a message");
         return;
     }

@@ -92,11 +92,14 @@ public:
 /// daylight flag does not), what remains of the usage is credited to the current hour.
 class LUMORA_API CCuratorDateUnit : public CCuratorBaseUnit {
 public:
+    /// The longest part of one usage that counts, in seconds.
+    static constexpr unsigned int kMaxLearntSeconds = 12000;
+
     /// Scores 0 at every hour until it learns.
     explicit CCuratorDateUnit(const std::string& unitId);
 
     /// Credits the usage to the hours that it covers.
-    /// @param record  at most the first 12000 seconds of its duration count.
+    /// @param record  at most the first #kMaxLearntSeconds of its duration count.
     /// @param weight  scales every credit.
     void LearnHistory(const CuratorBaseData& record, double weight) override;
 

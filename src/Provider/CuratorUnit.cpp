@@ -7,7 +7,6 @@
 
 namespace {
 
-constexpr unsigned int kMaxLearntSeconds = 12000;
 constexpr int kSecondsPerHour = 3600;
 
 /// Apart from the class, whose methods a host could replace, so that the compiler may merge it into a loop. The order
@@ -76,7 +75,7 @@ double CCuratorDateUnit::GetScore(const int& dayOfWeek, const int& hour) {
 // Most usages end within the hour of the one before. They need no call of the calendar, and so none of the slower ones
 // that find the next full hour. `lastHour` is good for as long as the time zone stays the same.
 void CCuratorDateUnit::Learn_(const CuratorBaseData& record, double weight, LocalHour& lastHour) {
-    const unsigned int seconds = std::min(record.m_nDuration, kMaxLearntSeconds);
+    const unsigned int seconds = std::min(record.m_nDuration, unsigned{kMaxLearntSeconds});
     const time_t start = record.m_nStartTime;
     if (seconds == 0) {
         return;
