@@ -6,7 +6,7 @@ set(LUMORA_LIBRARIES i386-linux-gnu)
 include(${CMAKE_CURRENT_LIST_DIR}/sysroot.cmake)
 set(CMAKE_CXX_FLAGS_INIT "-msse2 -mfpmath=sse")
 
-# A kernel that runs such programs takes the sysroot's own loader; elsewhere qemu-i386 does it.
+# If the kernel runs 32-bit programs, the sysroot's own loader starts them; otherwise qemu-i386 does.
 set(LUMORA_LOADER ${LUMORA_SYSROOT}/lib/ld-linux.so.2)
 execute_process(COMMAND ${LUMORA_LOADER} --version RESULT_VARIABLE LUMORA_LOADER_STATUS OUTPUT_QUIET ERROR_QUIET)
 if(LUMORA_LOADER_STATUS EQUAL 0)

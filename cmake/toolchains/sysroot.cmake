@@ -1,10 +1,10 @@
-# What the toolchains for a device share: LUMORA_ARCHITECTURE is Debian's name of it, LUMORA_TRIPLET its tools' prefix
-# and LUMORA_LIBRARIES the folder of its libraries. The sysroot is the one that scripts/sysroot makes.
+# Shared by the toolchains for devices. LUMORA_ARCHITECTURE is Debian's name of the device, LUMORA_TRIPLET the prefix of
+# its tools and LUMORA_LIBRARIES the folder of its libraries. scripts/sysroot makes the sysroot.
 set(CMAKE_SYSTEM_NAME Linux)
 set(LUMORA_SYSROOT ${CMAKE_CURRENT_LIST_DIR}/../../build/sysroot/${LUMORA_ARCHITECTURE})
 cmake_path(ABSOLUTE_PATH LUMORA_SYSROOT NORMALIZE)
 if(NOT EXISTS ${LUMORA_SYSROOT}/made-of)
-  message(FATAL_ERROR "There is no sysroot yet; make it with: scripts/sysroot ${LUMORA_ARCHITECTURE}")
+  message(FATAL_ERROR "There is no sysroot yet; create it with: scripts/sysroot ${LUMORA_ARCHITECTURE}")
 endif()
 
 set(CMAKE_C_COMPILER ${LUMORA_TRIPLET}-gcc)
