@@ -5,9 +5,7 @@
 
 #include <atomic>
 #include <chrono>
-#include <cstddef>
-#include <cstdint>
-#include <cstring>
+#include <cstdlib>
 #include <functional>
 #include <string>
 #include <thread>
@@ -15,6 +13,7 @@
 #include <vector>
 
 #include "CapturedLog.h"
+#include "ChildProcess.h"
 #include "ThreadRequests.h"
 #include "Waiting.h"
 
@@ -22,7 +21,9 @@ namespace {
 
 using Strings = std::vector<std::string>;
 
-/// A body that loops until it is told to stop, as the contract asks.
+static_assert(std::is_abstract_v<ContextThread>, "OnThread() is pure virtual");
+
+/// A thread whose body loops until Stop() clears the flag.
 class Worker : public ContextThread {
 public:
     void OnThread() override {
@@ -39,9 +40,6 @@ public:
 
     GThread* Handle() const { return m_pThread; }
 
-    std::ptrdiff_t OffsetOfHandle() const { return Offset_(&m_pThread); }
-    std::ptrdiff_t OffsetOfFlag() const { return Offset_(&m_bRunning); }
-
     std::atomic<int> m_runs{0};
     std::atomic<bool> m_sawRunningAtFirst{false};
     std::atomic<std::thread::id> m_thread{};
@@ -49,11 +47,6 @@ public:
     bool m_returnsAtOnce = false;
     std::function<void()> m_beforeReturn = [] {};
     std::atomic<bool> m_hasReturned{false};
-
-private:
-    std::ptrdiff_t Offset_(const void* field) const {
-        return static_cast<const char*>(field) - reinterpret_cast<const char*>(static_cast<const ContextThread*>(this));
-    }
 };
 
 class ContextThreadTest : public ::testing::Test {
@@ -72,14 +65,14 @@ protected:
     Worker m_worker;
 };
 
-TEST_F(ContextThreadTest, IsStoppedAtFirst) {
+TEST_F(ContextThreadTest, IsStoppedAfterConstruction) {
     EXPECT_FALSE(m_worker.IsRuning());
     EXPECT_EQ(m_worker.Handle(), nullptr);
     EXPECT_EQ(g_requests.count, 0);
     EXPECT_EQ(CapturedLog::Origins(), Strings{});
 }
 
-TEST_F(ContextThreadTest, RunsTheBodyOnAThreadOfItsOwnUntilItIsStopped) {
+TEST_F(ContextThreadTest, RunsBodyOnItsOwnThreadUntilStop) {
     EXPECT_TRUE(m_worker.Start());
     EXPECT_TRUE(m_worker.IsRuning());
     EXPECT_NE(m_worker.Handle(), nullptr);
@@ -94,7 +87,7 @@ TEST_F(ContextThreadTest, RunsTheBodyOnAThreadOfItsOwnUntilItIsStopped) {
     EXPECT_EQ(CapturedLog::Origins(), Strings{});
 }
 
-TEST_F(ContextThreadTest, CreatesANamelessThreadWithItselfAsTheArgument) {
+TEST_F(ContextThreadTest, CreatesUnnamedThreadWithItselfAsArgument) {
     ASSERT_TRUE(m_worker.Start());
     EXPECT_EQ(g_requests.count, 1);
     EXPECT_EQ(g_requests.name, "(null)");
@@ -102,7 +95,7 @@ TEST_F(ContextThreadTest, CreatesANamelessThreadWithItselfAsTheArgument) {
     EXPECT_EQ(g_requests.argument, static_cast<ContextThread*>(&m_worker));
 }
 
-TEST_F(ContextThreadTest, ShowsTheBodyThatItRunsEvenBeforeTheThreadIsHandedOver) {
+TEST_F(ContextThreadTest, SetsFlagBeforeCreatingThread) {
     bool hasBegun = false;
     g_requests.beforeReturn = [&] { hasBegun = m_worker.m_hasBegun.Wait(); };
     ASSERT_TRUE(m_worker.Start());
@@ -110,7 +103,7 @@ TEST_F(ContextThreadTest, ShowsTheBodyThatItRunsEvenBeforeTheThreadIsHandedOver)
     EXPECT_TRUE(m_worker.m_sawRunningAtFirst);
 }
 
-TEST_F(ContextThreadTest, RefusesASecondStart) {
+TEST_F(ContextThreadTest, RefusesSecondStart) {
     ASSERT_TRUE(m_worker.Start());
     GThread* const handle = m_worker.Handle();
     EXPECT_FALSE(m_worker.Start());
@@ -122,14 +115,14 @@ TEST_F(ContextThreadTest, RefusesASecondStart) {
     EXPECT_EQ(m_worker.m_runs, 1);
 }
 
-TEST_F(ContextThreadTest, RefusesToStopWhatNeverStarted) {
+TEST_F(ContextThreadTest, RefusesStopBeforeStart) {
     EXPECT_FALSE(m_worker.Stop());
     EXPECT_EQ(CapturedLog::Origins(), Strings{"6 ContextThread.cpp: Stop > Already Stopped"});
     EXPECT_FALSE(m_worker.IsRuning());
     EXPECT_EQ(m_worker.Handle(), nullptr);
 }
 
-TEST_F(ContextThreadTest, RefusesASecondStop) {
+TEST_F(ContextThreadTest, RefusesSecondStop) {
     ASSERT_TRUE(m_worker.Start());
     ASSERT_TRUE(m_worker.Stop());
     EXPECT_FALSE(m_worker.Stop());
@@ -138,7 +131,7 @@ TEST_F(ContextThreadTest, RefusesASecondStop) {
     EXPECT_EQ(m_worker.Handle(), nullptr);
 }
 
-TEST_F(ContextThreadTest, StopReturnsOnlyAfterTheBody) {
+TEST_F(ContextThreadTest, StopReturnsAfterBody) {
     Waiting::Gate stopHasReturned;
     bool stoppedTooEarly = true;
     m_worker.m_beforeReturn = [&] { stoppedTooEarly = stopHasReturned.Wait(std::chrono::milliseconds(50)); };
@@ -149,7 +142,7 @@ TEST_F(ContextThreadTest, StopReturnsOnlyAfterTheBody) {
     EXPECT_FALSE(stoppedTooEarly);
 }
 
-TEST_F(ContextThreadTest, ShowsTheBodyThatItStopsBeforeTheHandleIsReleased) {
+TEST_F(ContextThreadTest, StopClearsFlagBeforeJoinAndHandleAfterJoin) {
     bool isRunning = true;
     GThread* handle = nullptr;
     m_worker.m_beforeReturn = [&] {
@@ -162,7 +155,7 @@ TEST_F(ContextThreadTest, ShowsTheBodyThatItStopsBeforeTheHandleIsReleased) {
     EXPECT_NE(handle, nullptr);
 }
 
-TEST_F(ContextThreadTest, RunsAFreshThreadAfterAStop) {
+TEST_F(ContextThreadTest, StartsNewThreadAfterStop) {
     for (int run = 1; run <= 3; ++run) {
         EXPECT_TRUE(m_worker.Start());
         EXPECT_TRUE(m_worker.IsRuning());
@@ -174,7 +167,7 @@ TEST_F(ContextThreadTest, RunsAFreshThreadAfterAStop) {
     EXPECT_EQ(CapturedLog::Origins(), Strings{});
 }
 
-TEST_F(ContextThreadTest, CountsAsRunningUntilItIsStoppedEvenWhenTheBodyHasReturned) {
+TEST_F(ContextThreadTest, StaysRunningUntilStopEvenIfBodyReturned) {
     m_worker.m_returnsAtOnce = true;
     ASSERT_TRUE(m_worker.Start());
     ASSERT_TRUE(Waiting::Until([&] { return m_worker.m_hasReturned.load(); }));
@@ -185,21 +178,21 @@ TEST_F(ContextThreadTest, CountsAsRunningUntilItIsStoppedEvenWhenTheBodyHasRetur
     EXPECT_FALSE(m_worker.IsRuning());
 }
 
-TEST_F(ContextThreadTest, StaysStoppedWhenNoThreadCanBeCreated) {
-    g_requests.areRefused = true;
+TEST_F(ContextThreadTest, StaysStoppedIfThreadCreationFails) {
+    g_requests.allowed = 0;
     EXPECT_FALSE(m_worker.Start());
     EXPECT_FALSE(m_worker.IsRuning());
     EXPECT_EQ(m_worker.Handle(), nullptr);
     EXPECT_EQ(g_requests.count, 1);
     EXPECT_EQ(CapturedLog::Origins(), Strings{});
 
-    g_requests.areRefused = false;
+    g_requests.allowed = 1;
     EXPECT_TRUE(m_worker.Start());
     EXPECT_TRUE(m_worker.Stop());
     EXPECT_EQ(m_worker.m_runs, 1);
 }
 
-TEST_F(ContextThreadTest, EntersTheBodyOfTheDerivedClassAndReturnsNull) {
+TEST_F(ContextThreadTest, EntryCallsBodyAndReturnsNull) {
     EXPECT_EQ(ContextThread::_Thread(static_cast<ContextThread*>(&m_worker)), nullptr);
     EXPECT_EQ(m_worker.m_runs, 1);
     EXPECT_EQ(m_worker.m_thread.load(), std::this_thread::get_id());
@@ -207,17 +200,34 @@ TEST_F(ContextThreadTest, EntersTheBodyOfTheDerivedClassAndReturnsNull) {
     EXPECT_FALSE(m_worker.IsRuning());
 }
 
-TEST_F(ContextThreadTest, KeepsItsBinaryLayout) {
-    EXPECT_TRUE(std::has_virtual_destructor_v<ContextThread>);
-    EXPECT_TRUE(std::is_abstract_v<ContextThread>);
-    EXPECT_EQ(m_worker.OffsetOfHandle(), sizeof(void*));
-    EXPECT_EQ(m_worker.OffsetOfFlag(), 2 * sizeof(void*));
+/// A thread whose body blocks until `mayReturn` is opened, and uses no member after `hasBegun` is open.
+class BlockedWorker : public ContextThread {
+public:
+    BlockedWorker(Waiting::Gate& hasBegun, Waiting::Gate& mayReturn) : m_hasBegun(hasBegun), m_mayReturn(mayReturn) {}
 
-    // A pointer to a virtual member begins with its offset in the table, on some processors plus 1.
-    const auto member = &ContextThread::OnThread;
-    std::uintptr_t offset = 0;
-    std::memcpy(&offset, &member, sizeof(offset));
-    EXPECT_EQ(offset / sizeof(void*), 2U) << "behind the two forms of the destructor";
+    void OnThread() override {
+        Waiting::Gate& mayReturn = m_mayReturn;
+        m_hasBegun.Open();
+        mayReturn.Wait();
+    }
+
+private:
+    Waiting::Gate& m_hasBegun;
+    Waiting::Gate& m_mayReturn;
+};
+
+TEST_F(ContextThreadTest, DestructorDoesNotStopThread) {
+    ChildProcess::UseNewProgram();
+    const auto destroyDuringBody = [] {
+        Waiting::Gate hasBegun;
+        Waiting::Gate neverOpened;
+        auto* worker = new BlockedWorker(hasBegun, neverOpened);
+        worker->Start();
+        hasBegun.Wait();
+        delete worker;
+        std::_Exit(0);  // while the body still waits
+    };
+    EXPECT_EXIT(ChildProcess::RunWithBound(destroyDuringBody), ::testing::ExitedWithCode(0), "");
 }
 
 }  // namespace

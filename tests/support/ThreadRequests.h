@@ -4,18 +4,19 @@
 
 #include <glib.h>
 
+#include <climits>
 #include <functional>
 #include <string>
 
-/// What was asked of g_thread_new(), and how that is to answer. A program that uses it supplies that call, for the
-/// library too.
+/// Records the calls of g_thread_new() and decides how many of them succeed. A program that uses it replaces that
+/// function, for the library too. Not thread-safe: start all threads from the test's own thread.
 struct ThreadRequests {
-    int count = 0;
-    std::string name;
-    GThreadFunc entry = nullptr;
-    void* argument = nullptr;
-    bool areRefused = false;
-    std::function<void()> beforeReturn = [] {};
+    int count = 0;                               ///< calls so far
+    int allowed = INT_MAX;                       ///< calls that may still succeed; all further ones return null
+    std::string name;                            ///< of the last call; "(null)" for null
+    GThreadFunc entry = nullptr;                 ///< of the last call
+    void* argument = nullptr;                    ///< of the last call
+    std::function<void()> beforeReturn = [] {};  ///< called after a thread was created, before g_thread_new() returns
 };
 
 extern ThreadRequests g_requests;
