@@ -96,11 +96,11 @@ TEST_F(ContextEventThreadTest, StartsNewThreadAfterStop) {
 
 TEST_F(ContextEventThreadTest, StopIsVisibleToOtherThreads) {
     ASSERT_TRUE(m_recorder.Start());
-    bool sawTheStop = false;
-    std::thread watcher([&] { sawTheStop = Waiting::Until([this] { return !m_recorder.IsRuning(); }); });
+    bool sawStop = false;
+    std::thread watcher([&] { sawStop = Waiting::Until([this] { return !m_recorder.IsRuning(); }); });
     EXPECT_TRUE(m_recorder.Stop());
     watcher.join();
-    EXPECT_TRUE(sawTheStop);
+    EXPECT_TRUE(sawStop);
 }
 
 TEST_F(ContextEventThreadTest, StaysStoppedIfThreadCreationFails) {

@@ -62,7 +62,7 @@ TEST_F(ContextTimerRequestTest, GivesIdOneAfterLargestId) {
     auto& lastId =
         LocalSymbol::Find<std::atomic<TimerId>>("liblumora-common.so", "_ZZN12ContextTimer11GetTimerId_EvE8_timerId");
     const TimerId saved = lastId;
-    ASSERT_EQ(Set("any", 1), saved + 1) << "the variable is the counter";
+    ASSERT_EQ(Set("any", 1), saved + 1) << "the variable is not the counter";
     lastId = INT_MAX - 1;
     EXPECT_EQ(Set("largest", 1), INT_MAX);
     EXPECT_EQ(Set("smallest", 1), 1);
@@ -72,7 +72,7 @@ TEST_F(ContextTimerRequestTest, GivesIdOneAfterLargestId) {
 
 TEST_F(ContextTimerRequestTest, GivesDistinctIdsToManyThreads) {
     constexpr std::size_t kThreads = 4;
-    constexpr std::size_t kTimers = 50000;  // enough that the threads meet in the counter
+    constexpr std::size_t kTimers = 50000;  // enough for the threads to contend for the counter
     std::vector<TimerId> ids(kThreads * kTimers);
     Waiting::Gate begin;
     std::vector<std::thread> threads;

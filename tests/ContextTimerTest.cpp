@@ -20,8 +20,6 @@
 #include "TimerFixture.h"
 #include "Waiting.h"
 
-// Callbacks, and starting and stopping.
-
 namespace {
 
 using ContextTimerTest = TimerTest;

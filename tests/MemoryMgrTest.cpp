@@ -84,10 +84,12 @@ TEST_F(MemoryMgrTest, ReleasesPlainBlocksWithoutInstance) {
     CMemoryManager::SetInstance(nullptr);
     CMemoryManager::Release(std::malloc(10));  // the leak checker detects a block that is not freed
     CMemoryManager::Release(nullptr);
+    ExpectCounters(0, 0, 0);
+    EXPECT_TRUE(CapturedLog::Lines().empty());
 }
 
 TEST_F(MemoryMgrDeathTest, ReturnsNullIfMemoryIsExhausted) {
-    const auto allocateUnderALimit = [this] {
+    const auto allocateUnderLimit = [this] {
         rlimit limit{};
         getrlimit(RLIMIT_AS, &limit);
         limit.rlim_cur = 1;  // no more memory can be mapped
@@ -96,7 +98,7 @@ TEST_F(MemoryMgrDeathTest, ReturnsNullIfMemoryIsExhausted) {
         const bool isUntouched = m_manager.m_nCount == 0 && m_manager.m_nTotalSize == 0 && m_manager.m_nMaxSize == 0;
         std::_Exit(block == nullptr && isUntouched ? 0 : 1);
     };
-    EXPECT_EXIT(allocateUnderALimit(), ::testing::ExitedWithCode(0), "");
+    EXPECT_EXIT(allocateUnderLimit(), ::testing::ExitedWithCode(0), "");
 }
 
 TEST_F(MemoryMgrTest, ReturnsNullIfSizePlusHeaderOverflows) {

@@ -14,8 +14,8 @@
 
 /// Finds variables of a loaded library that are not exported, by the symbol table of the library's file.
 ///
-/// **Errors.** Throws std::runtime_error, which fails the test, if the library is not loaded, its file cannot be read
-/// or is stripped, or no variable has the name.
+/// **Errors.** Throws an exception, which fails the test, if the library is not loaded, its file cannot be read or is
+/// stripped, or no variable has the name.
 namespace LocalSymbol {
 
 /// The file of a loaded library and its place in memory.
