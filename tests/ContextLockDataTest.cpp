@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "CapturedLog.h"
+#include "MutexCount.h"
 #include "Waiting.h"
 
 namespace {
@@ -215,6 +216,18 @@ TEST_F(ContextLockDataTest, InitialisesEveryFieldWhateverTheMemoryHeld) {
     }).detach();
     ASSERT_TRUE(done.Wait());
     EXPECT_EQ(taken, "(null)abc");
+}
+
+TEST_F(ContextLockDataTest, ClearsItsMutexWhenDestroyed) {
+    alignas(ContextLockData) unsigned char memory[sizeof(ContextLockData)];
+    MutexCount::Reset();
+    auto* data = new (memory) ContextLockData;
+    data->SetData("abc");
+    EXPECT_EQ(MutexCount::Initialised(memory, sizeof(memory)), 1);
+    EXPECT_EQ(MutexCount::Cleared(memory, sizeof(memory)), 0);
+    data->~ContextLockData();
+    EXPECT_EQ(MutexCount::Initialised(memory, sizeof(memory)), 1);
+    EXPECT_EQ(MutexCount::Cleared(memory, sizeof(memory)), 1);
 }
 
 TEST_F(ContextLockDataTest, HoldsItsMutexWhileACopyIsMade) {
