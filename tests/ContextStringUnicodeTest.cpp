@@ -229,7 +229,7 @@ TEST_F(ContextStringUnicodeTest, RemovesLineBreaksAndFillsTheEndWithZeros) {
         {"empty", "\0\0"s, "\0\0"s},
         {"other control characters", "\0\t\0\v\0\f\0\x1F\0\x85\x20\x28\0\0"s, "\0\t\0\v\0\f\0\x1F\0\x85\x20\x28\0\0"s},
         {"little-endian line breaks", "A\0\n\0\r\0\0\0"s, "A\0\n\0\r\0\0\0"s},
-        {"units with one of their bytes", "\x0A\x0A\x0D\x0D\x01\x0A\x0D\x0A\0\0"s,
+        {"line break bytes in other units", "\x0A\x0A\x0D\x0D\x01\x0A\x0D\x0A\0\0"s,
          "\x0A\x0A\x0D\x0D\x01\x0A\x0D\x0A\0\0"s},
         {"the text ends at its zero unit", "\0A\0\0\0\n\0B"s, "\0A\0\0\0\n\0B"s},
         {"units after the terminator stay", "\0\n\0A\0\0\0\n\0B"s, "\0A\0\0\0\0\0\n\0B"s},
