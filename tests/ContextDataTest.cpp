@@ -64,8 +64,8 @@ TEST_P(ContextDataTest, AssignsEveryTypeOverAnyMember) {
     } rows[] = {
         {"string", [](auto& to) { return to.SetValue("k", std::string("text")); }, Json::Value("text")},
         {"empty string", [](auto& to) { return to.SetValue("k", std::string()); }, Json::Value("")},
-        {"characters", [](auto& to) { return to.SetValue("k", "text"); }, Json::Value("text")},
-        {"no characters", [](auto& to) { return to.SetValue("k", ""); }, Json::Value("")},
+        {"C string", [](auto& to) { return to.SetValue("k", "text"); }, Json::Value("text")},
+        {"empty C string", [](auto& to) { return to.SetValue("k", ""); }, Json::Value("")},
         {"null pointer", [](auto& to) { return to.SetValue("k", static_cast<const char*>(nullptr)); }, Json::Value("")},
         {"int", [](auto& to) { return to.SetValue("k", 5); }, Json::Value(5)},
         {"zero", [](auto& to) { return to.SetValue("k", 0); }, Json::Value(0)},
@@ -375,7 +375,7 @@ TEST_P(ContextDataTest, ReadsANegativeLongAsItsTwosComplement) {
     EXPECT_STREQ(m_document.MakeStr(), "{\"n\":18446744073709551615}\n");
 }
 
-TEST_P(ContextDataTest, GetValueUInt64ConvertsEveryKindOfNumber) {
+TEST_P(ContextDataTest, GetValueUInt64ConvertsNumbersAndBooleans) {
     Given(R"({"false":false,"int":5,"null":null,"real":3.0,"true":true})");
     m_document.SetValue("large", 1ULL << 63);
     m_document.SetValue("unsigned", UINT_MAX);

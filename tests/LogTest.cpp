@@ -33,7 +33,7 @@ TEST_F(LogTest, PrefixesEachMessageWithFileFunctionAndLine) {
     EXPECT_EQ(lines[1].line, line);
 }
 
-TEST_F(LogTest, CountsLinesOfTheSourceNotMessages) {
+TEST_F(LogTest, RepeatsTheLineWhenACallRunsAgain) {
     for (int round = 0; round < 2; ++round) {
         LMR_LOG_INFO("first");
 
