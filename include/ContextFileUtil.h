@@ -17,8 +17,8 @@ public:
     ///
     /// The answer may be out of date by the time you open the path. If someone else can write to the directory, open
     /// with `O_NOFOLLOW` instead of testing first.
-    /// @return false also when the status of the path cannot be read (null, empty, missing, no permission); `errno` then
-    ///         is the one that `lstat(2)` set.
+    /// @return false also when the status of the path cannot be read (null, empty, missing, no permission); `errno` is
+    ///         then as `lstat(2)` sets it.
     static bool IsSymbolicLink(const char* path);
 
     /// Asks the kernel to write all buffered file-system data to storage.
@@ -27,8 +27,8 @@ public:
     /// Copies the bytes of one file into another, which is created or emptied first.
     ///
     /// Failures are not reported. The destination is opened even when the source cannot be opened, so a missing source
-    /// leaves an empty destination. Copying a file onto itself empties it. A null path cannot be opened. Permissions and
-    /// times are not copied.
+    /// leaves an empty destination. Copying a file onto itself empties it. A null path counts as one that cannot be
+    /// opened. Permissions and times are not copied.
     static void Copy(const char* source, const char* destination);
 };
 

@@ -78,8 +78,8 @@ public:
     /// minute and second. Each piece is read with `strtol`, so a piece that does not start with a number counts as 0.
     /// Values out of range carry over ("20240231000000" is 2 March). With 12 characters the seconds are 0; characters
     /// after the 14th are ignored. Two results are promises:
-    /// - All other fields, above all the daylight-saving flag, are those of the **present moment**. In summer, noon on a
-    ///   winter day is read as noon of daylight-saving time, which is 11 o'clock.
+    /// - All other fields, above all the daylight-saving flag, are those of the **present moment**. In summer, noon on
+    ///   a winter day is read as noon of daylight-saving time, which is 11 o'clock.
     /// - A text of fewer than 12 characters throws the `std::out_of_range` of `std::string::substr`.
     /// @{
 

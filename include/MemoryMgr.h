@@ -39,9 +39,9 @@ static_assert(sizeof(TMemHeader) == 64 && offsetof(TMemHeader, nBlockHigh) == 50
 ///
 /// **Limits.** At most 1000 blocks are tracked at a time; further blocks are plain heap blocks without a header. The
 /// totals have 32 bits and wrap around.
-/// **Ownership.** The host owns the manager. The destructor sets the instance to null even if it is another manager, and
-/// neither stops the checker nor frees a block: call Stop() first, which takes up to 2 seconds. Release every tracked
-/// block while its manager is the instance; later the block would be freed as a plain heap block.
+/// **Ownership.** The host owns the manager. The destructor sets the instance to null, even if it is another manager;
+/// it neither stops the checker nor frees a block. Call Stop() first, which takes up to 2 seconds. Release every
+/// tracked block while its manager is the instance; later the block would be freed as a plain heap block.
 /// **Threads.** Allocate(), Release() and GetInstance() may be called from any thread. Allocate(), Release() and the
 /// checker hold one process-wide mutex. SetInstance() and the destructor take no lock and must not run at the same time
 /// as these.
@@ -61,15 +61,15 @@ public:
     /// Returns the instance, or null. Takes no lock.
     static CMemoryManager* GetInstance();
 
-    /// Allocates a block that the instance tracks, aligned as by `malloc`.
+    /// Allocates a block that the instance tracks, with the alignment of `malloc`.
     /// @param size  bytes; 0 returns a block too.
     /// @param file  the caller's source file; the first 50 characters are stored. Null counts as "".
     /// @param line  the caller's source line.
     /// @return a block for Release(); null without an instance or without memory.
     static void* Allocate(unsigned int size, const char* file, int line);
 
-    /// Frees a block. A damaged header logs two info lines: "Delete Memory..0x%p, Header (0x%p , %s, %d)" for the header
-    /// and "List   Memory..0x%p, Header (0x%p , %s, %d)" for its copy.
+    /// Frees a block. A damaged header logs two info lines: "Delete Memory..0x%p, Header (0x%p , %s, %d)" for the
+    /// header and "List   Memory..0x%p, Header (0x%p , %s, %d)" for its copy.
     /// @param pointer  from Allocate(), or any other block of the C library's heap, which is passed to `free`. May be
     ///                 null.
     static void Release(void* pointer);
@@ -88,8 +88,8 @@ public:
     /// @return false, without counting, when the count is 1000 already.
     bool __AddMemory(TMemHeader* header);
 
-    /// Finds a block by its pointer, compares its header with the copy, and frees block and header. The size in the copy
-    /// is subtracted from the total.
+    /// Finds a block by its pointer, compares its header with the copy, and frees block and header. The size in the
+    /// copy is subtracted from the total.
     /// @return false when the pointer is not in the table; nothing is freed then.
     bool __RemoveMemory(void* pointer);
 
@@ -104,7 +104,7 @@ protected:
 
     static std::atomic<CMemoryManager*> m_pInstance;  ///< read without a lock
     static GMutex m_mutex;                            ///< guards the fields of the instance
-    static bool m_bStarted;                           ///< always false; unused
+    static bool m_bStarted;                           ///< false; unused
 
     std::int32_t m_nCount;           ///< live tracked blocks; guarded by m_mutex
     std::int32_t m_nMaxSize;         ///< highest m_nTotalSize so far; guarded by m_mutex
