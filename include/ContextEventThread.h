@@ -24,9 +24,9 @@ struct TEventMessage {
 /// among equal priorities, in the order in which they were pushed.
 ///
 /// **Ownership.** The worker frees the message of PushEvent() after serving it. The caller owns the message of
-/// PushStaticEvent() and keeps it until OnEvent() has been called for it. `pData` is never freed. The destructor neither
-/// stops the worker nor frees queued messages. Call Stop() first, at the latest in the destructor of the class that
-/// implements OnEvent().
+/// PushStaticEvent() and keeps it until OnEvent() has been called for it. `pData` is never freed. The destructor
+/// neither stops the worker nor frees queued messages. Call Stop() first, at the latest in the destructor of the class
+/// that implements OnEvent().
 /// **Threads.** PushEvent(), PushStaticEvent() and IsRuning() may be called from any thread and from OnEvent(). Start()
 /// and Stop() belong to the owner's thread. OnEvent() runs on the worker only.
 /// **Errors.** Reported by return value and logged. When the system refuses a thread, GLib ends the process:

@@ -45,14 +45,14 @@ enum ETimerEvent : int {
 /// **Units.** Intervals and deadlines are whole seconds of `time()`. The first deadline counts from the second of the
 /// last check, so the first firing may come up to one second early. Each later deadline counts from the check that
 /// found the timer due.
-/// **Clock changes.** When the clock moves forward by more than 5 s between two checks, every deadline moves by the same
-/// amount and the info line "add offset %d" is logged. A callback that blocks for so long has the same effect, and so
-/// has a system suspend: a timer with 10 s left fires 10 s after the device wakes up from an hour of sleep. To act on
-/// the wall clock instead, set a short interval and compare `time()` in the callback. A suspend of up to 5 s counts as
-/// normal time. A step back is not compensated: every timer fires later by that amount.
+/// **Clock changes.** When the clock moves forward by more than 5 s between two checks, every deadline moves by the
+/// same amount and the info line "add offset %d" is logged. A callback that blocks for so long has the same effect. So
+/// does a system suspend: a timer with 10 s left fires 10 s after the device wakes up, even from an hour of sleep. To
+/// act on the wall clock instead, set a short interval and compare `time()` in the callback. A suspend of up to 5 s
+/// counts as normal time. A step back is not compensated: every timer fires later by that amount.
 /// **Order.** Timers due at the same check fire in list order. A new timer is inserted before the first timer whose
-/// deadline is later at that moment, and never moves afterwards. Timers that are set with equal deadlines therefore fire
-/// in the order in which they were set.
+/// deadline is later at that moment, and never moves afterwards. Timers that are set with equal deadlines therefore
+/// fire in the order in which they were set.
 /// **Ownership.** The caller keeps callbacks and user data valid until the timer is removed. The destructor neither
 /// stops the threads nor frees the records of existing timers: kill the timers, call Stop(), then destroy the object.
 /// **Threads.** SetTimer() and KillTimer() may be called from any thread and from a callback. Start(), Stop() and the
@@ -66,13 +66,13 @@ public:
 
     /// Starts both threads and takes the present second as that of the last check.
     ///
-    /// Requests made before Start(), at most 16, take effect now. Timers from an earlier run keep their deadlines; those
-    /// that passed in the meantime fire at the first tick.
-    /// @return false when either thread is running already; the error "Start Error" follows the error of that thread.
+    /// Requests made before Start(), at most 16, take effect now. Timers from an earlier run keep their deadlines;
+    /// those that passed in the meantime fire at the first tick.
+    /// @return false when either thread is running already; the error "Start Error" follows that thread's own error.
     bool Start();
 
     /// Stops the tick thread, which takes up to 250 ms, then the event thread, which serves all queued requests first.
-    /// @return false when either thread is not running; the error "Stop Error" follows the error of that thread.
+    /// @return false when either thread is not running; the error "Stop Error" follows that thread's own error.
     bool Stop();
 
     /// Sets a timer that fires every `interval` seconds until it is killed.
@@ -85,8 +85,8 @@ public:
     ///         1 is in use. An id is returned even for the 17th request before Start(), which is lost.
     TimerId SetTimer(unsigned int interval, timer_cb callback, void* userData);
 
-    /// Removes a timer when the event thread reaches the request. Until then its callback may still run: in a check that
-    /// was queued earlier, or later in the same check when a callback kills another timer.
+    /// Removes a timer when the event thread reaches the request. Until then its callback may still run, for example
+    /// later in the same check when a callback kills another timer.
     /// @return true, even for an id that does not exist; false for 0, which logs the info line "invalid timer id".
     bool KillTimer(TimerId id);
 
