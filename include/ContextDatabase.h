@@ -50,9 +50,9 @@ struct struct_query_set {
 /// are deleted and created again, **empty**. Faults are a damaged file, a file that cannot be opened, and a symbolic
 /// link at the path (the link is deleted, never followed). A write fails when its text is empty or does not compile, a
 /// value cannot be bound, a constraint is violated, the statement yields a row, the disk is full, or another process
-/// locks the file. To keep your data, write statements that cannot fail (`INSERT OR IGNORE`, `CREATE TABLE IF NOT
-/// EXISTS`) and read with SelectQuery(), which never resets. When a reset cannot open the file, the database stays
-/// closed: each statement then only logs "DB not opened yet", and only ResetDatabase() opens the file again.
+/// locks the file. To keep your data, write statements that cannot fail, such as `INSERT OR IGNORE` and
+/// `CREATE TABLE IF NOT EXISTS`, and read with SelectQuery(), which never resets. When a reset cannot open the file,
+/// the database stays closed: each statement then only logs "DB not opened yet", and only ResetDatabase() opens it.
 ///
 /// **Limits a host must know.**
 /// - *One object per file.* After a reset by one object, the next write of another object on the same file fails and
@@ -60,13 +60,14 @@ struct struct_query_set {
 /// - *One process per file.* If others must lock it for a short time, run `PRAGMA busy_timeout = <ms>` through
 ///   SelectQuery(): a write then waits, and with it all databases. Run it again after every reset.
 /// - *No fork.* In a child process the flush timer does not run, a lock held by another thread at the time of the fork
-///   is never released, and destroying the object crashes. The child must only call `exec` or `_exit`.
+///   is never released, and destroying an object with a timer crashes. The child must only call `exec` or `_exit`.
 /// - *No empty name.* For "" the reset removes the data directory, if it is empty, and creates a file in its place.
 /// - *Waiting.* Deferring a write blocks while any database of the process flushes: 0.4 to 1 s for 500 inserts on a
 ///   PC, but 4 to 19 ms when they are in one transaction.
 /// - *64-bit values.* `long` has 32 bits on the device. Pass larger numbers as text: an INTEGER column converts them;
 ///   elsewhere write `CAST(? AS INTEGER)`.
 /// - *Concurrent failures.* A write that fails while another thread resets the database returns before the reset ends.
+///   Until then the database is closed for a moment, and other statements log "DB not opened yet" and are lost.
 /// - *No memory for the timer.* Every write is then immediate.
 ///
 /// **Units.** The flush interval is in seconds.

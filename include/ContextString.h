@@ -34,8 +34,7 @@ public:
     /// @throws std::out_of_range("stoull") when the number does not fit into 64 bits.
     static unsigned long long string2ull(const std::string& text);
 
-    /// Parses a decimal number as an input stream does. Leading white space is skipped; text after the number is
-    /// ignored.
+    /// Parses a decimal number as an input stream does: skips leading white space and ignores text after the number.
     /// @return the number; 0 when the text does not start with one; the largest or smallest `int` when it does not fit.
     static int string2int(const std::string& text);
 
@@ -79,7 +78,8 @@ public:
     /// Values out of range carry over ("20240231000000" is 2 March). With 12 characters the seconds are 0; characters
     /// after the 14th are ignored. Two results are promises:
     /// - All other fields, above all the daylight-saving flag, are those of the **present moment**. In summer, noon on
-    ///   a winter day is read as noon of daylight-saving time, which is 11 o'clock.
+    ///   a winter day is read as noon of daylight-saving time, which is 11 o'clock. If the zone has no such time near
+    ///   that date, the C library decides.
     /// - A text of fewer than 12 characters throws the `std::out_of_range` of `std::string::substr`.
     /// @{
 

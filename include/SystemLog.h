@@ -13,9 +13,9 @@
 /// Priorities of the platform's log.
 enum ELumoraLogPriority : int {
     LUMORA_LOG_DEBUG = 3,    ///< socket traces
-    LUMORA_LOG_INFO = 4,     ///< normal work; also heap damage and a timer id of 0
+    LUMORA_LOG_INFO = 4,     ///< normal work; also heap damage and a KillTimer() of timer 0
     LUMORA_LOG_WARNING = 5,  ///< line breaks could not be removed from 16-bit text
-    LUMORA_LOG_ERROR = 6,    ///< all other failures
+    LUMORA_LOG_ERROR = 6,    ///< every other failure that is logged
 };
 
 /// Writes one message to the platform's system log. All diagnostics of the library go through this call.
