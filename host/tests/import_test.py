@@ -38,7 +38,8 @@ class ImportTest(HostCase):
         self.assertIn(f"{half}:2: is not UTF-16 text", self.run_host(half, status=4).stderr)
 
     def test_accepts_utf_8_mark_and_missing_final_newline(self):
-        self.assertEqual(self.rank(self.write("a.csv", b"\xef\xbb\xbf" + (HEADER + "x,X,d,1,2").encode())), [("x", 2.0)])
+        path = self.write("a.csv", b"\xef\xbb\xbf" + (HEADER + "x,X,d,1,2").encode())
+        self.assertEqual(self.rank(path), [("x", 2.0)])
 
     def test_keeps_quotes_blanks_and_newlines_in_names(self):
         path = self.write("a.csv", HEADER + 'x," a, ""b""\r\nc ",  d ,-5,0\r\n')
