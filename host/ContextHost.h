@@ -14,7 +14,7 @@
 
 /// The handler of the providers: stores the records that they publish, and reads them back.
 ///
-/// Writes are deferred. The database flushes them about once a second, on a thread of its own.
+/// Writes are deferred. The database flushes them about once a second, on its own thread.
 ///
 /// **Threads.** One thread publishes; any thread may count and read meanwhile.
 class ContextHost : public IProvider, public UsageStore {
@@ -29,7 +29,7 @@ public:
     void EndBatch();
 
     /// Blocks until the last batch is in the file.
-    /// @param onWait  called every 20 ms while waiting.
+    /// @param onWait  called about every 20 ms while waiting.
     /// @return false if a write failed, so that the batch is lost, or after two minutes.
     bool WaitForFlush(const std::function<void()>& onWait);
 

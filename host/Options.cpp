@@ -106,7 +106,7 @@ std::string Parse(int argc, char** argv, Arguments& given, Options& options) {
     if (g_option_context_parse(context.get(), &argc, &argv, &error) != FALSE) {
         return "";
     }
-    const std::string message = error->message;
+    std::string message = error->message;
     g_error_free(error);
     return message;
 }
@@ -157,7 +157,7 @@ std::string Check(const Options& options) {
 
 std::string ParseOptions(int argc, char** argv, Options& options) {
     Arguments given;
-    const std::string problem = Parse(argc, argv, given, options);
+    std::string problem = Parse(argc, argv, given, options);
     if (!problem.empty()) {
         return problem;
     }

@@ -58,7 +58,7 @@ int RankingServer::Open(int port) {
     m_listener = NetUtil::BindPort(port);
     sockaddr_in address{};
     socklen_t size = sizeof(address);
-    if (m_listener < 0 || listen(m_listener, SOMAXCONN) != 0 ||  // before the caller announces the port
+    if (m_listener < 0 || listen(m_listener, SOMAXCONN) != 0 ||  // a client may connect as soon as Open() returns
         getsockname(m_listener, reinterpret_cast<sockaddr*>(&address), &size) != 0) {
         return -1;
     }
@@ -141,7 +141,7 @@ std::string RankingServer::Answer_(const std::string& request) {
 
 std::string RankingServer::Rank_(ECuratorAgentType type, int count) {
     ContextAutoLock lock(&m_mutex);
-    std::list<CuratorBaseData> ranking = m_agents[type]->RunCurate();
+    std::list<CuratorBaseData> ranking = m_agents[static_cast<std::size_t>(type)]->RunCurate();
     ranking.resize(std::min(ranking.size(), static_cast<std::size_t>(count)));
     return CurationResult2JsonData(ranking, CuratorData2ContextData);
 }

@@ -70,7 +70,7 @@ std::string ParseCommandLine(int argc, char** argv, Query& query) {
     g_option_context_set_strict_posix(context.get(), TRUE);  // the words after the port belong to the request
     GError* error = nullptr;
     if (g_option_context_parse(context.get(), &argc, &argv, &error) == FALSE) {
-        const std::string problem = error->message;
+        std::string problem = error->message;
         g_error_free(error);
         return problem;
     }

@@ -32,7 +32,7 @@ namespace {
 constexpr std::size_t kBatchSize = 20000;
 
 volatile std::sig_atomic_t g_interrupted = 0;
-sem_t g_interrupt;  // posted by the first interrupt
+sem_t g_interrupt;  // wakes the service that waits for an interrupt
 
 void CatchInterrupts() {
     sem_init(&g_interrupt, /*pshared=*/0, /*value=*/0);
