@@ -14,21 +14,20 @@
 namespace {
 
 constexpr int kFlushInterval = 1;  // seconds
-constexpr int kPageSize = 4096;    // rows
+constexpr int kBlockSize = 4096;   // rows
 constexpr std::chrono::minutes kLongestFlush{2};
 constexpr gulong kPollMicroseconds = 20000;
 
-// A failed write wipes the database, so every statement here is one that cannot fail on a sound disk: the table is
-// made only where it is missing, and a record that is stored already is ignored. Equal rows of one history differ in
-// their occurrence.
+// A failed write wipes the database, so no statement here fails on a working disk: the table is created only if it is
+// missing, and a record that is already stored is ignored. Equal rows of one history differ in their occurrence.
 constexpr const char* kCreateTable =
     "CREATE TABLE IF NOT EXISTS usage (history TEXT, unit_id TEXT, unit_name TEXT, device_name TEXT, "
     "start_time INTEGER, duration INTEGER, occurrence INTEGER, "
     "UNIQUE (start_time, unit_id, duration, occurrence, history, device_name, unit_name))";
 constexpr const char* kInsert = "INSERT OR IGNORE INTO usage VALUES (?, ?, ?, ?, ?, ?, ?)";
-// Behind each batch the file is marked with the batch's number. A fresh file bears 0, and so does one that was reset.
+// After each batch, its number is written into the file. A new file has 0, and so has a file that was reset.
 constexpr const char* kReadMark = "PRAGMA user_version";
-constexpr const char* kSelectPage =
+constexpr const char* kSelectBlock =
     "SELECT rowid, unit_id, unit_name, device_name, start_time, duration FROM usage "
     "WHERE (start_time, rowid) > (?, ?) ORDER BY start_time, rowid LIMIT ?";
 
@@ -70,7 +69,7 @@ int ContextHost::CountRecords() {
     return QueryNumber_("SELECT COUNT(*) FROM usage");
 }
 
-void ContextHost::ForEachPage(const std::function<void(const std::vector<CuratorBaseData>&)>& take) {
+void ContextHost::ForEachBlock(const std::function<void(const std::vector<CuratorBaseData>&)>& take) {
     long lastStart = INT_MIN;
     int lastRow = 0;
     std::vector<std::map<std::string, std::string>> rows;
@@ -78,9 +77,9 @@ void ContextHost::ForEachPage(const std::function<void(const std::vector<Curator
         ContextDatabase::ValueList values;
         m_database.SetQueryValue(values, lastStart);
         m_database.SetQueryValue(values, lastRow);
-        m_database.SetQueryValue(values, kPageSize);
+        m_database.SetQueryValue(values, kBlockSize);
         rows.clear();
-        m_database.SelectQuery(kSelectPage, values, rows);
+        m_database.SelectQuery(kSelectBlock, values, rows);
 
         std::vector<CuratorBaseData> records;
         records.reserve(rows.size());
@@ -89,7 +88,7 @@ void ContextHost::ForEachPage(const std::function<void(const std::vector<Curator
             record.SetUnitId(row["unit_id"]);
             record.SetUnitName(row["unit_name"]);
             record.SetUnitDeviceName(row["device_name"]);
-            // A ranking gives back the metadata alone: the name and the device that it is to show.
+            // Of a record's texts, a ranking returns only the metadata: the name and the device are copied there.
             record.m_strMetaData = row["unit_name"];
             record.m_strMetaDataSrc = row["device_name"];
             record.m_nStartTime = ContextString::string2int(row["start_time"]);
@@ -98,7 +97,7 @@ void ContextHost::ForEachPage(const std::function<void(const std::vector<Curator
             lastRow = ContextString::string2int(row["rowid"]);
         }
         take(records);
-    } while (rows.size() == kPageSize);
+    } while (rows.size() == kBlockSize);
 }
 
 int ContextHost::AddInSubject(CBaseProvider* /*provider*/, const char* subject) {

@@ -4,46 +4,45 @@
 
 #include <ContextDatabase.h>
 #include <ContextSubjectFilter.h>
-#include <Provider/CuratorBaseData.h>
 #include <Provider/IProvider.h>
 
 #include <functional>
 #include <string>
 #include <vector>
 
-/// The service: stores what its providers publish, and has an agent learn what is stored.
+#include "UsageStore.h"
+
+/// The handler of the providers: stores the records that they publish, and reads them back.
 ///
-/// One thread imports; any may count and read meanwhile. The database flushes on its own.
-class ContextHost : public IProvider {
+/// Writes are deferred. The database flushes them about once a second, on its own thread.
+///
+/// **Threads.** One thread publishes; any thread may count and read meanwhile.
+class ContextHost : public IProvider, public UsageStore {
 public:
     /// @param databaseName  a file name in the data directory.
     explicit ContextHost(const std::string& databaseName);
 
     bool IsOpen() const { return m_database.IsRunning(); }
 
-    /// What is published between the two calls commits at once. The calls come in pairs.
+    /// Encloses a batch: the records published between the two calls commit in one transaction.
     void BeginBatch();
     void EndBatch();
 
-    /// Waits until the last batch has reached the file.
-    /// @param onWait  called now and then meanwhile.
-    /// @return false when it was lost, because a write failed, or when it takes longer than two minutes.
+    /// Blocks until the last batch is in the file.
+    /// @param onWait  called about every 20 ms while waiting.
+    /// @return false if a write failed, so that the batch is lost, or after two minutes.
     bool WaitForFlush(const std::function<void()>& onWait);
 
-    /// @return whether every subject that a provider has offered is complete.
+    /// @return whether every history has been published to its end.
     bool HasEverythingArrived() { return m_arrivals.Check(); }
 
-    /// @return how many records are stored.
-    int CountRecords();
-
-    /// Reads all that is stored, in the order of time and, within a second, of arrival; page by page, since a whole
-    /// history at once would need ten times the memory of what is learnt from it.
-    void ForEachPage(const std::function<void(const std::vector<CuratorBaseData>&)>& take);
+    int CountRecords() override;
+    void ForEachBlock(const std::function<void(const std::vector<CuratorBaseData>&)>& take) override;
 
     int AddInSubject(CBaseProvider* provider, const char* subject) override;
     void Publish(const char* subject, int code, const char* data, IProvider* provider) override;
 
-    // What this host does not offer.
+    // Not offered by this host.
     int ProviderRequest(const char*, const char*, IProvider*, void*) override { return kNotOffered; }
     int ProviderResponse(const char*, int, const char*, IProvider*, void*) override { return kNotOffered; }
     int ProviderResponse(const char*, int, void*, IProvider*, void*) override { return kNotOffered; }
@@ -62,7 +61,7 @@ private:
 
     ContextDatabase m_database;
     ContextSubjectFilter m_arrivals;
-    int m_batchNumber;  ///< of the last batch that was begun or, at first, of the last one in the file
+    int m_batchNumber;  ///< of the last batch that ended; initially the mark in the file
 };
 
 #endif  // CONTEXT_HOST_CONTEXT_HOST_H

@@ -5,7 +5,7 @@
 
 namespace {
 
-// Ordinary choices, not tuned to any history.
+// Common values, not tuned to any history.
 constexpr double kEpsilon = 0.1;
 constexpr double kTemperature = 0.1;
 constexpr double kPrior = 1.0;
@@ -16,7 +16,7 @@ constexpr double kInitialVariance = 1.0;
 
 constexpr std::size_t kRewarded = 3;
 
-/// @return the place of a unit among all, from 1.
+/// @return the place of a unit, from 1. Counting the units that rank higher is cheaper than sorting.
 std::size_t PlaceOf(std::size_t unit, const std::vector<std::unique_ptr<CCuratorBaseUnit>>& units, int day, int hour) {
     const double score = units[unit]->GetScore(day, hour);
     std::size_t place = 1;

@@ -11,37 +11,40 @@
 #include <unordered_map>
 #include <vector>
 
-/// How well rankings foresee the next use: replays a history and asks, before each record of its last part, where every
-/// ranking has the unit that is used next, given all that came before.
+/// Measures how well the rankings predict the next use.
 ///
-/// Beside the rankings, each bandit agent chooses before every record which ranking to trust, and is rewarded with 1
-/// when the next unit is among the first three of that ranking, else with 0.
+/// It replays a history. Before it learns a tested record, it looks up the place of the record's unit in every ranking,
+/// as learnt from all earlier records.
 ///
-/// A unit's place is found by counting the units that score higher, which takes no sorting; equal scores keep the order
-/// of first appearance, as the curation engine does.
+/// Each bandit agent chooses one of the rankings before every tested record. Its reward is 1 if the record's unit is
+/// among the first three of the chosen ranking, else 0.
+///
+/// Equal scores keep the order of first appearance, as in the curation engine.
 class Evaluation {
 public:
     static constexpr std::size_t kRankings = 3;
 
-    /// How often the next unit was found, and where.
+    /// How often the next unit was predicted.
     struct Result {
         std::string name;
         int tries = 0;
-        int first = 0;        ///< times it was at the top
-        int amongThree = 0;   ///< times it was among the first three
-        int amongFive = 0;    ///< times it was among the first five
-        double inverses = 0;  ///< sum of 1 / place; a unit that was never seen before has no place and adds 0
+        int first = 0;        ///< tries in which the unit was at the top
+        int amongThree = 0;   ///< tries in which it was among the first three
+        int amongFive = 0;    ///< tries in which it was among the first five
+        double inverses = 0;  ///< sum of 1 / place; an unknown unit adds 0
 
+        /// Counts one try.
+        /// @param place  from 1; 0 for an unknown unit.
         void Count(std::size_t place);
     };
 
     Evaluation();
 
-    /// Takes the next record of the history.
-    /// @param isTested  false only learns it.
+    /// Tests the rankings and agents with the next record of the history, then learns the record.
+    /// @param isTested  false skips the test.
     void Take(const CuratorBaseData& record, bool isTested);
 
-    /// One result for each ranking, then one for each bandit agent.
+    /// @return the result of each ranking, then of each bandit agent.
     std::vector<Result> Results() const;
 
 private:
@@ -60,7 +63,7 @@ private:
 
     std::array<Ranking, kRankings> m_rankings;
     std::vector<Bandit> m_bandits;
-    std::unordered_map<std::string, std::size_t> m_order;  ///< from a unit's id to its index in every ranking
+    std::unordered_map<std::string, std::size_t> m_order;  ///< from a unit's id to its index in Ranking::units
 };
 
 #endif  // CONTEXT_HOST_EVALUATION_H

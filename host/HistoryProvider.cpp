@@ -27,14 +27,14 @@ bool StartsWith(const std::string& text, const char* start) {
     return text.compare(0, std::strlen(start), start) == 0;
 }
 
-/// Reads the rows of one file and says where it found what is wrong.
+/// Parses one file. Its errors name the file and the line.
 class Reader {
 public:
     explicit Reader(const std::string& path) : m_path(path) {
         if (csv_init(&m_parser, CSV_STRICT | CSV_STRICT_FINI) != 0) {
             throw std::bad_alloc();
         }
-        csv_set_space_func(&m_parser, [](unsigned char) { return 0; });  // blanks around a name belong to it
+        csv_set_space_func(&m_parser, [](unsigned char) { return 0; });  // keeps the blanks around a name
     }
     ~Reader() { csv_free(&m_parser); }
     Reader(const Reader&) = delete;
@@ -43,7 +43,7 @@ public:
     std::vector<HistoryProvider::Record> Read() {
         const std::unique_ptr<HostBuffer> buffer = Buffered(Content());
         const std::string_view text(buffer->Data(), buffer->Size());
-        // Line by line, so that a row is known by the line that it starts on, though a quoted name may span several.
+        // Parses line by line, to know the line at which each row starts: a quoted name may span several lines.
         for (std::size_t from = 0; from < text.size();) {
             const std::size_t end = std::min(text.find('\n', from), text.size() - 1) + 1;
             ++m_line;
@@ -54,12 +54,12 @@ public:
             from = end;
         }
         if (csv_fini(&m_parser, OnField, OnRow, this) != 0) {
-            Fail("the quote that opens here is never closed");
+            Fail("this row has a quote that is never closed");
         }
         Rethrow();
         if (!m_hasHeader) {
             m_rowLine = 1;
-            Fail("the file is empty; its first line must read " + Header());
+            Fail("the file is empty; its first line must be " + Header());
         }
         return std::move(m_records);
     }
@@ -88,7 +88,7 @@ private:
         return StartsWith(text, kUtf8Mark) ? text.substr(std::strlen(kUtf8Mark)) : text;
     }
 
-    /// Platforms hand out names as big-endian UTF-16, and so whole histories come: line by line into UTF-8.
+    /// Converts line by line, because the conversion drops line breaks and errors name the line.
     std::string FromUtf16(const std::string& bytes) const {
         const auto fail = [this](int line) {
             throw HistoryError(HistoryError::Kind::Malformed,
@@ -121,11 +121,11 @@ private:
         const std::size_t parsed = csv_parse(&m_parser, line, length, OnField, OnRow, this);
         Rethrow();
         if (parsed != length) {
-            Fail("a quote stands where none may be (a quote inside a quoted field is written twice)");
+            Fail("misplaced quote (a quote inside a quoted field is written twice)");
         }
     }
 
-    // The two callbacks are called by a C library, which no exception may cross.
+    // Callbacks of a C library: exceptions must not pass through it.
     static void OnField(void* field, std::size_t length, void* self) {
         auto* reader = static_cast<Reader*>(self);
         reader->Guard([&] { reader->m_fields.emplace_back(static_cast<const char*>(field), length); });
@@ -159,13 +159,13 @@ private:
     void TakeRow() {
         if (!m_hasHeader) {
             if (m_fields != kHeader) {
-                Fail("the first line must read " + Header());
+                Fail("the first line must be " + Header());
             }
             m_hasHeader = true;
             return;
         }
         if (m_fields.size() != kHeader.size()) {
-            Fail(std::to_string(m_fields.size()) + " fields where " + std::to_string(kHeader.size()) + " are expected");
+            Fail("expected " + std::to_string(kHeader.size()) + " fields, found " + std::to_string(m_fields.size()));
         }
         for (std::size_t field = 0; field < m_fields.size(); ++field) {
             const std::string& text = m_fields[field];
@@ -208,7 +208,7 @@ private:
     std::exception_ptr m_error;
     bool m_hasHeader = false;
     int m_line = 0;
-    int m_rowLine = 0;  ///< 0 between two rows
+    int m_rowLine = 0;  ///< where the current row starts; 0 between two rows
 };
 
 void NumberEqualRecords(std::vector<HistoryProvider::Record>& records) {
@@ -233,9 +233,9 @@ HistoryProvider::HistoryProvider(const std::string& path)
     NumberEqualRecords(m_records);
 }
 
-void HistoryProvider::PublishAll(const std::function<bool()>& mayGoOn) {
+void HistoryProvider::PublishAll(const std::function<bool()>& mayContinue) {
     for (const Record& record : m_records) {
-        if (!mayGoOn()) {
+        if (!mayContinue()) {
             return;
         }
         ContextData data;

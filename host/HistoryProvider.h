@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-/// A history that cannot be used; what() is the one line that the user reads.
+/// The error of a history that cannot be used. what() is one line for the user.
 class HistoryError : public std::runtime_error {
 public:
     enum class Kind { Unreadable, Malformed };
@@ -21,16 +21,15 @@ private:
     Kind m_kind;
 };
 
-/// The codes that a HistoryProvider publishes with.
+/// The codes with which a HistoryProvider publishes.
 enum HistoryCode : int {
     HISTORY_RECORD = 0,  ///< one usage record, as JSON text
     HISTORY_END = 1,     ///< the history is complete; the text is empty
 };
 
-/// Reads the usage history of one device from a CSV file and publishes it, record by record, under a subject of its
-/// own.
+/// Reads the usage history of one device from a CSV file and publishes it, record by record.
 ///
-/// A history is known by the name of its file, without folder and extension: that is the device's name, too.
+/// The subject is "usage/" and the name of the file, without folder and extension. The subject identifies the history.
 class HistoryProvider : public CBaseProvider {
 public:
     struct Record {
@@ -39,19 +38,19 @@ public:
         std::string deviceName;
         int startTime;   ///< seconds since the epoch
         int duration;    ///< seconds
-        int occurrence;  ///< counts equal rows of the file from 0, so that every one of them is a record of its own
+        int occurrence;  ///< numbers equal rows of the file from 0, so that each is stored
     };
 
-    /// Reads and checks the whole file, so that a history with a malformed row is never published in part.
-    /// @throws HistoryError
+    /// Reads and checks the whole file: a malformed history is never published in part.
+    /// @throws HistoryError if the file cannot be read or is malformed.
     explicit HistoryProvider(const std::string& path);
 
     const std::string& Subject() const { return m_subject; }
     std::size_t Size() const { return m_records.size(); }
 
-    /// Publishes the records in the order of the file and, after the last one, the end.
-    /// @param mayGoOn  asked before each record; publishing ends, without the end, when it returns false.
-    void PublishAll(const std::function<bool()>& mayGoOn);
+    /// Publishes the records in the order of the file, then HISTORY_END.
+    /// @param mayContinue  called before each record. If it returns false, nothing more is published, not even the end.
+    void PublishAll(const std::function<bool()>& mayContinue);
 
 private:
     std::string m_subject;

@@ -19,7 +19,7 @@ HostMemory::~HostMemory() {
 
 std::string HostMemory::Counters() {
     ContextAutoLock lock(&m_mutex);
-    return std::to_string(m_nCount) + " blocks in use with " + std::to_string(m_nTotalSize) + " bytes, at most " +
+    return std::to_string(m_nCount) + " blocks in use, " + std::to_string(m_nTotalSize) + " bytes; at most " +
            std::to_string(m_nMaxSize) + " bytes at once";
 }
 

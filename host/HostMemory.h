@@ -8,17 +8,17 @@
 #include <memory>
 #include <string>
 
-/// The manager of the host's own buffers while `--track-memory` is on; shows its counters.
+/// Tracks the host's own buffers for `--track-memory`. At most one exists at a time.
 class HostMemory : public CMemoryManager {
 public:
     HostMemory();
     ~HostMemory() override;
 
-    /// @return one line about blocks and bytes, for a person.
+    /// @return the numbers of blocks and bytes as one line for the user.
     std::string Counters();
 };
 
-/// A buffer of bytes: tracked while there is a manager, an ordinary heap block without one.
+/// A buffer of bytes, tracked if a HostMemory exists. It must not outlive that HostMemory.
 class HostBuffer {
 public:
     explicit HostBuffer(std::size_t size);

@@ -1,20 +1,25 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Options.h"
 
+#include <ContextDatabase.h>
 #include <glib.h>
 
+#include <climits>
 #include <memory>
 #include <optional>
+#include <utility>
+
+#include "AgentName.h"
 
 namespace {
 
 constexpr const char* kDescription =
-    "Each FILE is the usage history of one device, known by its file name: CSV (RFC 4180; UTF-8, or\n"
-    "big-endian UTF-16 with its mark) with the header line\n"
+    "Each FILE is the usage history of one device: CSV (RFC 4180), in UTF-8 or in big-endian UTF-16 with a\n"
+    "byte order mark, with the header line\n"
     "  unit_id,unit_name,device_name,start_time,duration\n"
-    "start_time counts seconds since 1970 UTC, duration seconds. Its records are added to the store; those\n"
-    "that are there already are not stored twice. The ranking is that of everything in the store. Without\n"
-    "a FILE, what is stored is ranked.\n"
+    "start_time is in seconds since 1970-01-01 UTC, duration in seconds. The file name, without folder and\n"
+    "extension, identifies the history: importing it again adds only its new records. The ranking covers\n"
+    "all stored records. Without a FILE, nothing is imported.\n"
     "\n"
     "Agents:\n"
     "  mru    the units used most recently\n"
@@ -22,46 +27,45 @@ constexpr const char* kDescription =
     "  date   the units usual at this hour of this weekday, in local time (set TZ for another zone)\n"
     "\n"
     "Examples:\n"
-    "  context-host tv.csv phone.csv               add two histories, rank by total use\n"
-    "  context-host --agent date --max 3           what is usual now, from what is stored\n"
-    "  TZ=Europe/Paris context-host --weekly       the first unit of every hour of the week\n"
-    "  context-host --agent mru --json             the ranking as JSON text, and nothing else\n"
-    "  context-host --evaluate                     how well each ranking foresees the next use\n"
-    "  context-host --page week.html tv.csv        the same rankings as a page for a browser, too\n"
-    "  context-host --serve 7300 tv.csv            answer context-query, while the history is added and after\n"
+    "  context-host tv.csv phone.csv               import two histories, rank by total use\n"
+    "  context-host --agent date --max 3           rank for the current hour, from the stored records\n"
+    "  TZ=Europe/Paris context-host --weekly       print the top unit of every hour of the week\n"
+    "  context-host --agent mru --json             print the ranking as JSON text only\n"
+    "  context-host --evaluate                     measure how well each ranking predicts the next use\n"
+    "  context-host --page week.html tv.csv        also write the results as a page for a browser\n"
+    "  context-host --serve 7300 tv.csv            answer context-query, during the import and after it\n"
     "\n"
     "Exit status:\n"
-    "  0  done                                     5  the data directory or the database cannot be used\n"
+    "  0  success                                  5  the data directory or the database cannot be used\n"
     "  1  the records could not be stored          6  the port cannot be opened\n"
-    "  2  the command line is wrong                7  the page cannot be written\n"
-    "  3  a file cannot be read                    8  standard output takes no more\n"
-    "  4  a file has a malformed row; nothing of   130  interrupted; what was stored stays\n"
-    "     it is stored\n"
+    "  2  wrong command line                       7  the page cannot be written\n"
+    "  3  a FILE cannot be read                    8  standard output cannot be written\n"
+    "  4  a FILE is malformed; nothing is        130  interrupted during the import; the records stored\n"
+    "     imported from any FILE                      so far remain\n"
     "\n"
-    "--page writes one HTML file that needs no network, beside what is printed: the week, the rankings by\n"
-    "recency and total use, and how well they foresee.\n"
-    "On a terminal headings are bold, unless NO_COLOR is set, and names are cut to its width, or to COLUMNS.\n"
-    "In a pipe nothing is.\n"
-    "--serve listens on all interfaces: whoever reaches the port can read the rankings.\n"
-    "One host at a time uses a store, which is a file in /opt/usr/apps/lumora-service/data.\n"
-    "Diagnostics of the library go to the system log.";
+    "--page writes one HTML file that needs no network: the week, the rankings by recency and by total use,\n"
+    "and how well the rankings predict the next use.\n"
+    "On a terminal, headings are bold unless NO_COLOR is set, and names are cut to fit the width of the\n"
+    "terminal or COLUMNS. Other output is plain and complete.\n"
+    "--serve listens on all interfaces: anyone who can reach the port can read the rankings.\n"
+    "The library logs to the system log.\n"
+    "Only one context-host at a time can use a store. The stores are in\n"
+    "  ";
 
-std::optional<ECuratorAgentType> AgentNamed(const std::string& name) {
-    if (name == "mru") {
-        return CURATOR_AGENT_MRU;
+/// What GLib fills in; the strings are freed with it.
+struct Arguments {
+    Arguments() = default;
+    ~Arguments() {
+        g_free(agent);
+        g_free(database);
+        g_free(page);
+        g_strfreev(files);
     }
-    if (name == "mfu") {
-        return CURATOR_AGENT_MFU;
-    }
-    if (name == "date") {
-        return CURATOR_AGENT_DATE;
-    }
-    return std::nullopt;
-}
+    Arguments(const Arguments&) = delete;
+    Arguments& operator=(const Arguments&) = delete;
 
-}  // namespace
+    static constexpr int kNotGiven = INT_MIN;
 
-std::string ParseOptions(int argc, char** argv, Options& options) {
     char* agent = nullptr;
     char* database = nullptr;
     char* page = nullptr;
@@ -70,82 +74,99 @@ std::string ParseOptions(int argc, char** argv, Options& options) {
     gboolean json = FALSE;
     gboolean evaluate = FALSE;
     gboolean trackMemory = FALSE;
+    int port = kNotGiven;
+};
+
+/// @return the error; empty if there is none.
+std::string Parse(int argc, char** argv, Arguments& given, Options& options) {
     const GOptionEntry entries[] = {
-        {"agent", 'a', 0, G_OPTION_ARG_STRING, &agent, "Rank by mru, mfu or date (default: mfu)", "AGENT"},
+        {"agent", 'a', 0, G_OPTION_ARG_STRING, &given.agent,
+         "Rank by mru, mfu or date (default: mfu; with --weekly date)", "AGENT"},
         {"max", 'n', 0, G_OPTION_ARG_INT, &options.max, "Show at most N units (default: 10)", "N"},
-        {"min-duration", 'd', 0, G_OPTION_ARG_INT, &options.minDuration, "Pass over uses shorter than S seconds", "S"},
-        {"weekly", 'w', 0, G_OPTION_ARG_NONE, &weekly, "Rank each hour of the week (agent date)", nullptr},
-        {"json", 'j', 0, G_OPTION_ARG_NONE, &json, "Print the library's JSON text instead of a table", nullptr},
-        {"evaluate", 'e', 0, G_OPTION_ARG_NONE, &evaluate,
-         "Replay the last fifth: how often was the next use foreseen?", nullptr},
-        {"page", 'p', 0, G_OPTION_ARG_FILENAME, &page, "Write a page for a browser, too", "FILE.html"},
-        {"serve", 's', 0, G_OPTION_ARG_INT, &options.port, "Answer context-query at PORT until interrupted", "PORT"},
-        {"track-memory", 0, 0, G_OPTION_ARG_NONE, &trackMemory, "Watch the host's own buffers; print their counters",
+        {"min-duration", 'd', 0, G_OPTION_ARG_INT, &options.minDuration, "Ignore uses shorter than S seconds", "S"},
+        {"weekly", 'w', 0, G_OPTION_ARG_NONE, &given.weekly, "Rank each hour of the week (agent date)", nullptr},
+        {"json", 'j', 0, G_OPTION_ARG_NONE, &given.json, "Print JSON text instead of a table", nullptr},
+        {"evaluate", 'e', 0, G_OPTION_ARG_NONE, &given.evaluate, "Measure how often the next use was predicted",
          nullptr},
-        {"database", 0, 0, G_OPTION_ARG_STRING, &database, "Name of the store (default: usage.db)", "NAME"},
-        {G_OPTION_REMAINING, 0, 0, G_OPTION_ARG_FILENAME_ARRAY, &files, nullptr, "[FILE...]"},
+        {"page", 'p', 0, G_OPTION_ARG_FILENAME, &given.page, "Also write a page for a browser", "FILE.html"},
+        {"serve", 's', 0, G_OPTION_ARG_INT, &given.port, "Answer context-query at PORT until interrupted", "PORT"},
+        {"track-memory", 0, 0, G_OPTION_ARG_NONE, &given.trackMemory, "Track the host's own buffers; print counters",
+         nullptr},
+        {"database", 0, 0, G_OPTION_ARG_STRING, &given.database, "File name of the store (default: usage.db)", "NAME"},
+        {G_OPTION_REMAINING, 0, 0, G_OPTION_ARG_FILENAME_ARRAY, &given.files, nullptr, "[FILE...]"},
         {},
     };
     const std::unique_ptr<GOptionContext, decltype(&g_option_context_free)> context(
         g_option_context_new("- rank what a device is used for"), g_option_context_free);
     g_option_context_add_main_entries(context.get(), entries, nullptr);
     g_option_context_set_summary(context.get(), "Stores usage histories and ranks the units that were used.");
-    g_option_context_set_description(context.get(), kDescription);
-
-    std::string problem;
+    g_option_context_set_description(context.get(),
+                                     (std::string(kDescription) + ContextDatabase::kDataDirectory).c_str());
     GError* error = nullptr;
-    if (g_option_context_parse(context.get(), &argc, &argv, &error) == FALSE) {
-        problem = error->message;
-        g_error_free(error);
+    if (g_option_context_parse(context.get(), &argc, &argv, &error) != FALSE) {
+        return "";
     }
-    options.weekly = weekly != FALSE;
-    options.json = json != FALSE;
-    options.evaluate = evaluate != FALSE;
-    options.trackMemory = trackMemory != FALSE;
-    if (database != nullptr) {
-        options.database = database;
+    std::string message = error->message;
+    g_error_free(error);
+    return message;
+}
+
+/// Copies what GLib has filled in, except the agent.
+void Copy(const Arguments& given, Options& options) {
+    options.weekly = given.weekly != FALSE;
+    options.json = given.json != FALSE;
+    options.evaluate = given.evaluate != FALSE;
+    options.trackMemory = given.trackMemory != FALSE;
+    if (given.port != Arguments::kNotGiven) {
+        options.port = given.port;
     }
-    if (page != nullptr) {
-        options.page = page;
+    if (given.page != nullptr) {
+        options.page = given.page;
     }
-    for (char** file = files; file != nullptr && *file != nullptr; ++file) {
+    if (given.database != nullptr) {
+        options.database = given.database;
+    }
+    for (char** file = given.files; file != nullptr && *file != nullptr; ++file) {
         options.files.emplace_back(*file);
     }
-    const std::string agentName = agent != nullptr ? agent : (options.weekly ? "date" : "mfu");
-    g_free(agent);
-    g_free(database);
-    const bool isPageNamed = page == nullptr || (!options.page.empty() && options.page != "-");
-    g_free(page);
-    g_strfreev(files);
+}
 
-    const std::optional<ECuratorAgentType> named = AgentNamed(agentName);
-    options.agent = named.value_or(CURATOR_AGENT_MFU);
+/// @return the first rule that the options break; empty if there is none.
+std::string Check(const Options& options) {
+    const std::pair<bool, const char*> rules[] = {
+        {options.weekly && options.agent != CURATOR_AGENT_DATE, "--weekly needs the agent date: drop one of the two"},
+        {options.evaluate && (options.weekly || options.json), "--evaluate cannot be combined with --weekly or --json"},
+        {options.port && (options.evaluate || options.weekly || options.json || options.page),
+         "--serve cannot be combined with --evaluate, --weekly, --json or --page"},
+        {options.port && (*options.port < 0 || *options.port > 65535), "--serve takes a port from 0 to 65535"},
+        {options.page && (options.page->empty() || *options.page == "-"),
+         "--page takes the name of the file to write, such as week.html"},
+        {options.max < 0 || options.minDuration < 0, "--max and --min-duration must not be negative"},
+        {options.database.empty() || options.database.find('/') != std::string::npos,
+         "--database takes a file name without a folder"},
+    };
+    for (const auto& [isBroken, message] : rules) {
+        if (isBroken) {
+            return message;
+        }
+    }
+    return "";
+}
+
+}  // namespace
+
+std::string ParseOptions(int argc, char** argv, Options& options) {
+    Arguments given;
+    std::string problem = Parse(argc, argv, given, options);
     if (!problem.empty()) {
         return problem;
     }
-    if (!named) {
-        return "There is no agent \"" + agentName + "\": choose mru, mfu or date";
+    Copy(given, options);
+    const std::string name = given.agent != nullptr ? given.agent : (options.weekly ? "date" : "mfu");
+    const std::optional<ECuratorAgentType> agent = AgentNamed(name);
+    if (!agent) {
+        return "there is no agent \"" + name + "\": choose mru, mfu or date";
     }
-    if (options.weekly && options.agent != CURATOR_AGENT_DATE) {
-        return "Only the agent date knows the hours of the week: drop --agent or --weekly";
-    }
-    if (options.evaluate && (options.weekly || options.json)) {
-        return "--evaluate prints a table of its own: drop --weekly and --json";
-    }
-    if (options.port != kNoPort && (options.evaluate || options.weekly || options.json || !options.page.empty())) {
-        return "--serve answers requests: drop --evaluate, --weekly, --json and --page";
-    }
-    if (options.port < kNoPort || options.port > 65535) {
-        return "--serve takes a port from 0 to 65535";
-    }
-    if (!isPageNamed) {
-        return "--page takes the name of the file to write, such as week.html";
-    }
-    if (options.max < 0 || options.minDuration < 0) {
-        return "--max and --min-duration take numbers from 0";
-    }
-    if (options.database.empty() || options.database.find('/') != std::string::npos) {
-        return "--database takes a plain file name";
-    }
-    return "";
+    options.agent = *agent;
+    return Check(options);
 }

@@ -4,28 +4,27 @@
 
 #include <Provider/CuratorAgent.h>
 
+#include <optional>
 #include <string>
 #include <vector>
-
-constexpr int kNoPort = -1;
 
 /// What the command line asks for.
 struct Options {
     ECuratorAgentType agent = CURATOR_AGENT_MFU;
     int max = 10;
-    int minDuration = 0;
+    int minDuration = 0;  ///< seconds
     bool weekly = false;
     bool json = false;
     bool evaluate = false;
     bool trackMemory = false;
-    int port = kNoPort;
-    std::string page;  ///< the file to write it to; empty for none
+    std::optional<int> port;          ///< to serve at
+    std::optional<std::string> page;  ///< the file to write the page to
     std::string database = "usage.db";
     std::vector<std::string> files;
 };
 
-/// Reads the command line; `--help` prints and ends the program.
-/// @return what is wrong with it; empty when nothing is.
+/// Reads the command line. `--help` prints the help text and ends the program.
+/// @return the error, for the user; empty if there is none.
 std::string ParseOptions(int argc, char** argv, Options& options);
 
 #endif  // CONTEXT_HOST_OPTIONS_H

@@ -13,33 +13,33 @@ namespace {
 
 constexpr int kEveryoneMayRead = 0644;
 
-/// JSON text that a script element can hold: no "<" begins a tag there, and the browser reads the same document.
+/// Escapes every "<", so that the JSON text cannot end its script element. The browser reads the same document.
 std::string InScript(const std::string& json) {
     std::string result;
     for (const char character : json) {
         if (character == '<') {
             result += "\\u003c";
-        } else if (character != '\n') {  // the one at the end
+        } else if (character != '\n') {  // ends the text
             result += character;
         }
     }
     return result;
 }
 
-/// Puts texts in the place of "@NAME@", in one pass: what a text holds is never taken for a place.
-std::string Fill(const std::string& form, const std::map<std::string, std::string>& texts) {
+/// Replaces each "@NAME@" of the template with its text, in one pass: the texts themselves are not searched.
+std::string Fill(const std::string& page, const std::map<std::string, std::string>& texts) {
     std::string result;
     std::size_t from = 0;
-    for (std::size_t at = form.find('@'); at != std::string::npos; at = form.find('@', at + 1)) {
-        const std::size_t end = form.find('@', at + 1);
-        const auto text = end == std::string::npos ? texts.end() : texts.find(form.substr(at + 1, end - at - 1));
+    for (std::size_t at = page.find('@'); at != std::string::npos; at = page.find('@', at + 1)) {
+        const std::size_t end = page.find('@', at + 1);
+        const auto text = end == std::string::npos ? texts.end() : texts.find(page.substr(at + 1, end - at - 1));
         if (text != texts.end()) {
-            result += form.substr(from, at - from) + text->second;
+            result += page.substr(from, at - from) + text->second;
             from = end + 1;
             at = end;
         }
     }
-    return result + form.substr(from);
+    return result + page.substr(from);
 }
 
 std::string RatesText(const std::vector<Evaluation::Result>& results) {
@@ -56,7 +56,7 @@ std::string RatesText(const std::vector<Evaluation::Result>& results) {
     return rates.MakeStr();
 }
 
-/// @return the local zone by its name, as browsers know it.
+/// @return the name of the local time zone; browsers know the usual names.
 std::string Zone() {
     const char* zone = g_getenv("TZ");
     if (zone != nullptr && *zone != '\0') {
@@ -68,49 +68,42 @@ std::string Zone() {
     return name;
 }
 
-/// What the rankings leave out: the names of their units, and where and from how much they were made.
-std::string AboutText(const Page::Content& content) {
-    ContextData names;
-    const auto name = [&names](const std::list<CuratorBaseData>& ranking) {
-        for (const CuratorBaseData& record : ranking) {
-            names.SetValue(record.GetUnitId().c_str(), record.m_strMetaData);
-        }
-    };
-    for (const auto& day : content.week.m_listData) {
-        for (const std::list<CuratorBaseData>& ranking : day) {
-            name(ranking);
-        }
-    }
-    name(content.recent);
-    name(content.total);
+std::string AboutText(int recordCount) {
     ContextData about;
-    about.SetValue("Records", content.recordCount);
+    about.SetValue("Records", recordCount);
     about.SetValue("Zone", Zone());
-    about.SetValueNoArry("Names", names);
     return about.MakeStr();
+}
+
+/// Writes a ranked unit as the library does, and its name.
+void WriteWithName(const CuratorBaseData& record, ContextData& out) {
+    CuratorData2ContextData(record, out);
+    if (!record.m_strMetaData.empty()) {
+        out.SetValue("Name", record.m_strMetaData);
+    }
 }
 
 }  // namespace
 
 std::string Page::Make(const Content& content) {
     return Fill(kPage, {
-                           {"WEEK", InScript(CurationResult2JsonData(content.week, CuratorData2ContextData))},
-                           {"RECENT", InScript(CurationResult2JsonData(content.recent, CuratorData2ContextData))},
-                           {"TOTAL", InScript(CurationResult2JsonData(content.total, CuratorData2ContextData))},
+                           {"WEEK", InScript(CurationResult2JsonData(content.week, WriteWithName))},
+                           {"RECENT", InScript(CurationResult2JsonData(content.recent, WriteWithName))},
+                           {"TOTAL", InScript(CurationResult2JsonData(content.total, WriteWithName))},
                            {"RATES", InScript(RatesText(content.evaluation))},
-                           {"ABOUT", InScript(AboutText(content))},
+                           {"ABOUT", InScript(AboutText(content.recordCount))},
                        });
 }
 
 std::string Page::Write(const std::string& path, const std::string& page) {
-    // Renaming over a device or a folder would not end well.
+    // The rename below would replace a device or a pipe.
     if (g_file_test(path.c_str(), G_FILE_TEST_EXISTS) && !g_file_test(path.c_str(), G_FILE_TEST_IS_REGULAR)) {
-        return path + " is no ordinary file: choose another name";
+        return path + " is not a regular file: choose another name";
     }
     std::error_code ignored;
     const std::filesystem::path folder = std::filesystem::path(path).parent_path();
     if (!folder.empty() && !std::filesystem::is_directory(folder, ignored)) {
-        return "there is no folder " + folder.string() + ": make it, or choose another folder";
+        return "the folder " + folder.string() + " does not exist: create it or choose another folder";
     }
     GError* error = nullptr;
     if (g_file_set_contents_full(
@@ -119,7 +112,7 @@ std::string Page::Write(const std::string& path, const std::string& page) {
             kEveryoneMayRead, &error) == FALSE) {
         const std::string message = error->message;
         g_error_free(error);
-        return message + "; make room there, or choose another folder";
+        return message + "; free some space or choose another folder";
     }
     return "";
 }

@@ -10,7 +10,7 @@
 
 #include "Evaluation.h"
 
-/// A page for a browser: one file that needs no network, with the library's own JSON texts inside.
+/// A page for a browser: one HTML file that needs no network and carries the rankings as JSON texts.
 namespace Page {
 
 struct Content {
@@ -21,11 +21,11 @@ struct Content {
     int recordCount = 0;
 };
 
-/// @return the whole page; no name, whatever it holds, becomes markup in it.
+/// @return the whole page. Names are escaped: no name can become markup.
 std::string Make(const Content& content);
 
-/// Writes a file as a whole or, when it fails, not at all: what was there before stays.
-/// @return what went wrong, for a person; empty when nothing did.
+/// Writes the page under a temporary name and renames it. If that fails, an existing file stays unchanged.
+/// @return the error, for the user; empty if there is none.
 std::string Write(const std::string& path, const std::string& page);
 
 }  // namespace Page

@@ -3,7 +3,6 @@
 
 #include <ContextAutoLock.h>
 #include <ContextData.h>
-#include <ContextString.h>
 #include <NetUtil.h>
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -11,9 +10,11 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <charconv>
+#include <optional>
+#include <sstream>
 #include <vector>
 
-#include "ContextHost.h"
 #include "HostMemory.h"
 
 namespace {
@@ -21,12 +22,11 @@ namespace {
 using Network::NetUtil;
 
 constexpr int kAcceptSeconds = 1;
-constexpr int kLearnSeconds = 1;
-constexpr std::chrono::seconds kConversation{5};
-constexpr std::size_t kLongestRequest = 256;
-constexpr std::size_t kLongestAnswer = 204799;  // what GetReply() takes, zero included
+constexpr int kTimerSeconds = 1;
+constexpr std::chrono::seconds kLongestConnection{5};
+constexpr std::size_t kRequestBuffer = 256;  // bytes; a request and its zero must be shorter
 
-const char* const kAgentNames[] = {"mru", "mfu", "date"};
+constexpr const char* kUsage = "use: rank mru|mfu|date [N], weekly, or quit";
 
 std::string Error(const char* text) {
     ContextData answer;
@@ -34,10 +34,18 @@ std::string Error(const char* text) {
     return answer.MakeStr();
 }
 
+/// @return the value of a text that is a whole number from 0, else nothing.
+std::optional<int> NumberIn(const std::string& text) {
+    int number = 0;
+    const char* end = text.data() + text.size();
+    const auto [stop, fault] = std::from_chars(text.data(), end, number);
+    return fault == std::errc() && stop == end && number >= 0 ? std::optional<int>(number) : std::nullopt;
+}
+
 }  // namespace
 
-RankingServer::RankingServer(ContextHost& host, int limit, int minDuration)
-    : m_host(host), m_limit(limit), m_minDuration(minDuration) {
+RankingServer::RankingServer(UsageStore& store, int limit, int minDuration)
+    : m_store(store), m_limit(limit), m_minDuration(minDuration) {
     g_mutex_init(&m_mutex);
 }
 
@@ -50,17 +58,17 @@ int RankingServer::Open(int port) {
     m_listener = NetUtil::BindPort(port);
     sockaddr_in address{};
     socklen_t size = sizeof(address);
-    if (m_listener < 0 || listen(m_listener, SOMAXCONN) != 0 ||  // now, so that nobody who knows the port is refused
+    if (m_listener < 0 || listen(m_listener, SOMAXCONN) != 0 ||  // a client may connect as soon as Open() returns
         getsockname(m_listener, reinterpret_cast<sockaddr*>(&address), &size) != 0) {
         return -1;
     }
-    LearnAnew_();
+    Relearn_();
     m_timer.Start();
-    m_learnTimer = m_timer.SetTimer(
-        kLearnSeconds,
+    m_timerId = m_timer.SetTimer(
+        kTimerSeconds,
         [](int, void* server) {
-            static_cast<RankingServer*>(server)->CutOffLateClient_();
-            static_cast<RankingServer*>(server)->LearnAnew_();
+            static_cast<RankingServer*>(server)->DisconnectSlowClient_();
+            static_cast<RankingServer*>(server)->Relearn_();
         },
         this);
     Start();
@@ -70,7 +78,7 @@ int RankingServer::Open(int port) {
 void RankingServer::Close() {
     if (IsRuning()) {
         Stop();
-        m_timer.KillTimer(m_learnTimer);
+        m_timer.KillTimer(m_timerId);
         m_timer.Stop();
     }
     if (m_listener >= 0) {
@@ -88,23 +96,23 @@ void RankingServer::OnThread() {
         {
             ContextAutoLock lock(&m_mutex);
             m_client = client;
-            m_clientEnd = std::chrono::steady_clock::now() + kConversation;
+            m_clientDeadline = std::chrono::steady_clock::now() + kLongestConnection;
         }
-        Converse_(client);
+        Serve_(client);
         ContextAutoLock lock(&m_mutex);
         m_client = -1;
         close(client);
     }
 }
 
-void RankingServer::Converse_(int client) {
-    HostBuffer buffer(kLongestRequest);
+void RankingServer::Serve_(int client) {
+    HostBuffer buffer(kRequestBuffer);
     int length = 0;
     while (NetUtil::getMessage(client, buffer.Data(), static_cast<int>(buffer.Size()), length) == 0) {
         const std::string request(buffer.Data(), static_cast<std::size_t>(length < 0 ? 0 : length));
         std::string answer = Answer_(request);
-        if (answer.size() >= kLongestAnswer) {
-            answer = Error("the answer is too long: start the host with a lower --max");
+        if (answer.size() >= std::size_t{NetUtil::kMaxReplySize}) {
+            answer = Error("the answer is too long: start context-host with a lower --max");
         }
         if (NetUtil::sendMessage(client, answer.data(), static_cast<int>(answer.size())) != 0 || request == "quit") {
             return;
@@ -113,11 +121,6 @@ void RankingServer::Converse_(int client) {
 }
 
 std::string RankingServer::Answer_(const std::string& request) {
-    std::vector<std::string> words = ContextString::to_word_vector(request, " ");
-    words.resize(3);
-    if (words[0] == "rank") {
-        return Rank_(words[1], words[2]);
-    }
     if (request == "weekly") {
         ContextAutoLock lock(&m_mutex);
         return CurationResult2JsonData(m_agents[CURATOR_AGENT_DATE]->RunCurate7x24(), CuratorData2ContextData);
@@ -125,34 +128,36 @@ std::string RankingServer::Answer_(const std::string& request) {
     if (request == "quit") {
         return "{\"bye\":true}\n";
     }
-    return Error("ask: rank mru|mfu|date [N], weekly, or quit");
+    std::istringstream words(request);
+    std::string command;
+    std::string agentName;
+    std::string count;
+    std::string rest;
+    words >> command >> agentName >> count >> rest;
+    const std::optional<ECuratorAgentType> agent = AgentNamed(agentName);
+    const std::optional<int> limit = count.empty() ? m_limit : NumberIn(count);
+    return command == "rank" && agent && limit && rest.empty() ? Rank_(*agent, *limit) : Error(kUsage);
 }
 
-std::string RankingServer::Rank_(const std::string& agentName, const std::string& count) {
-    const int wanted = count.empty() ? m_limit : ContextString::string2int(count);
-    for (std::size_t type = 0; type < kAgents; ++type) {
-        if (agentName == kAgentNames[type] && wanted >= 0) {
-            ContextAutoLock lock(&m_mutex);
-            std::list<CuratorBaseData> ranking = m_agents[type]->RunCurate();
-            ranking.resize(std::min(ranking.size(), static_cast<std::size_t>(wanted)));
-            return CurationResult2JsonData(ranking, CuratorData2ContextData);
-        }
-    }
-    return Error("ask: rank mru|mfu|date [N]");
+std::string RankingServer::Rank_(ECuratorAgentType type, int count) {
+    ContextAutoLock lock(&m_mutex);
+    std::list<CuratorBaseData> ranking = m_agents[static_cast<std::size_t>(type)]->RunCurate();
+    ranking.resize(std::min(ranking.size(), static_cast<std::size_t>(count)));
+    return CurationResult2JsonData(ranking, CuratorData2ContextData);
 }
 
-void RankingServer::LearnAnew_() {
-    const int records = m_host.CountRecords();
+void RankingServer::Relearn_() {
+    const int records = m_store.CountRecords();
     if (records == m_learntRecords) {
         return;
     }
     Agents agents;
-    for (std::size_t type = 0; type < kAgents; ++type) {
+    for (std::size_t type = 0; type < kAgentCount; ++type) {
         agents[type] = std::make_unique<CCuratorAgent>(static_cast<ECuratorAgentType>(type), m_limit, m_minDuration);
     }
-    m_host.ForEachPage([&](const std::vector<CuratorBaseData>& page) {
+    m_store.ForEachBlock([&](const std::vector<CuratorBaseData>& block) {
         for (auto& agent : agents) {
-            agent->LearnHistorys(page);
+            agent->LearnHistorys(block);
         }
     });
     ContextAutoLock lock(&m_mutex);
@@ -160,9 +165,9 @@ void RankingServer::LearnAnew_() {
     m_learntRecords = records;
 }
 
-void RankingServer::CutOffLateClient_() {
+void RankingServer::DisconnectSlowClient_() {
     ContextAutoLock lock(&m_mutex);
-    if (m_client >= 0 && std::chrono::steady_clock::now() > m_clientEnd) {
-        shutdown(m_client, SHUT_RDWR);  // ends the blocking call of the server's thread
+    if (m_client >= 0 && std::chrono::steady_clock::now() > m_clientDeadline) {
+        shutdown(m_client, SHUT_RDWR);  // unblocks the server's thread
     }
 }

@@ -7,60 +7,63 @@
 #include <Provider/CuratorAgent.h>
 
 #include <array>
-#include <atomic>
 #include <chrono>
 #include <memory>
 #include <string>
 
-class ContextHost;
+#include "AgentName.h"
+#include "UsageStore.h"
 
-/// Answers requests about the store, one client after the other, on a thread of its own; learns anew, on a timer, when
-/// records have been added.
+/// Answers requests for rankings, one client after the other.
 ///
-/// A request and its answer are one frame each. Requests: "rank mru", "rank mfu", "rank date", each with a number of
-/// units behind it if less than the limit is wanted; "weekly"; "quit", which ends the conversation. Answers are JSON
-/// text; a request that is not understood is answered with {"error": ...}.
+/// A request and its answer are one frame each. The requests are "rank mru", "rank mfu" and "rank date", each with an
+/// optional number of units; "weekly"; and "quit", which ends the connection. Answers are JSON text. The answer to an
+/// unknown request is {"error": ...}.
 ///
-/// A conversation that lasts longer than five seconds, or a frame that is too long, is cut off; the next client waits
-/// for no longer than that.
+/// A client is disconnected at once if it sends a frame that is too long, and at the next tick of the timer if it stays
+/// connected for more than five seconds. So the next client does not wait for long.
+///
+/// **Threads.** Clients are served on a thread of the server. A timer thread checks once a second for new records and
+/// learns the whole store again if there are any.
 class RankingServer : public ContextThread {
 public:
-    /// @param host   outlives the server.
-    /// @param limit  the largest number of units in one ranking.
-    RankingServer(ContextHost& host, int limit, int minDuration);
+    /// @param store        outlives the server.
+    /// @param limit        the largest number of units in one ranking.
+    /// @param minDuration  seconds; shorter uses are ignored.
+    RankingServer(UsageStore& store, int limit, int minDuration);
     ~RankingServer() override;
 
-    /// Opens the port, on all interfaces, and starts to serve.
+    /// Listens at the port, on all interfaces, and starts the threads.
     /// @param port  0 lets the system choose one.
     /// @return the port, or -1.
     int Open(int port);
 
-    /// Ends the service, which takes up to a second, or up to five with a client who keeps silent.
+    /// Stops the threads and closes the port. Blocks until the connected client is gone or, if there is none, for up to
+    /// a second.
     void Close();
 
 private:
     void OnThread() override;
-    void Converse_(int client);
+    void Serve_(int client);
     std::string Answer_(const std::string& request);
-    std::string Rank_(const std::string& agentName, const std::string& count);
-    void LearnAnew_();
-    void CutOffLateClient_();
+    std::string Rank_(ECuratorAgentType type, int count);
+    void Relearn_();
+    void DisconnectSlowClient_();
 
-    static constexpr int kAgents = 3;
-    using Agents = std::array<std::unique_ptr<CCuratorAgent>, kAgents>;
+    using Agents = std::array<std::unique_ptr<CCuratorAgent>, kAgentCount>;
 
-    ContextHost& m_host;
+    UsageStore& m_store;
     int m_limit;
     int m_minDuration;
     int m_listener = -1;
     ContextTimer m_timer;
-    TimerId m_learnTimer = 0;
+    TimerId m_timerId = 0;
 
     GMutex m_mutex;
-    Agents m_agents;                                    ///< guarded by m_mutex
-    int m_client = -1;                                  ///< whom the server talks to; guarded by m_mutex
-    std::chrono::steady_clock::time_point m_clientEnd;  ///< of that conversation; guarded by m_mutex
-    int m_learntRecords = -1;                           ///< touched where LearnAnew_() runs only
+    Agents m_agents;                                         ///< by type; guarded by m_mutex
+    int m_client = -1;                                       ///< the connected client; guarded by m_mutex
+    std::chrono::steady_clock::time_point m_clientDeadline;  ///< guarded by m_mutex
+    int m_learntRecords = -1;                                ///< used by Relearn_() only
 };
 
 #endif  // CONTEXT_HOST_RANKING_SERVER_H

@@ -19,7 +19,7 @@ using Terminal::Heading;
 using Terminal::Printable;
 
 constexpr std::size_t kFewestForName = 4;
-constexpr std::size_t kFewestForDevice = 10;  // with less room than that, the column is left out
+constexpr std::size_t kFewestForDevice = 10;  // with less room, the column is left out
 constexpr double kSecondsPerHour = 3600.0;
 constexpr const char* kDays[] = {"Sun", "Mon", "Tue", "Wed", "Thu", "Fri", "Sat"};
 
@@ -83,47 +83,71 @@ struct Row {
     std::string device;
 };
 
+/// @return the heading and a row for each unit.
+std::vector<Row> RowsOf(const std::list<CuratorBaseData>& ranking, ECuratorAgentType type, const std::string& score) {
+    std::vector<Row> rows = {{"#", "Name", score, "Latest device"}};
+    for (const CuratorBaseData& record : ranking) {
+        rows.push_back({std::to_string(rows.size()), NameOf(record),
+                        type == CURATOR_AGENT_MRU ? LocalTime(record.m_dScore) : Hours(record.m_dScore),
+                        Printable(record.m_strMetaDataSrc)});
+    }
+    return rows;
+}
+
+/// The columns of a table, in characters.
+struct Widths {
+    std::size_t rank = 2;
+    std::size_t name = 0;
+    std::size_t score = 0;
+    std::size_t device = 0;  ///< 0 leaves the column out
+};
+
+Widths WidthsOf(const std::vector<Row>& rows) {
+    Widths widths;
+    for (const Row& row : rows) {
+        widths.rank = std::max(widths.rank, row.rank.size());
+        widths.name = std::max(widths.name, Columns(row.name));
+        widths.score = std::max(widths.score, row.score.size());
+        widths.device = std::max(widths.device, Columns(row.device));
+    }
+    return widths;
+}
+
+/// Narrows the names and the devices until a line fits. Numbers are never cut.
+Widths Narrowed(Widths widths, std::size_t lineWidth) {
+    const std::size_t fixed = 1 + widths.rank + 2 + 2 + widths.score;
+    const std::size_t room = std::max(fixed + kFewestForName, lineWidth) - fixed;
+    const bool hasDevice = room >= kFewestForName + 2 + kFewestForDevice;
+    widths.name = std::min(widths.name, hasDevice ? room - 2 - kFewestForDevice : room);
+    widths.device = hasDevice ? std::min(widths.device, room - 2 - widths.name) : 0;
+    return widths;
+}
+
+std::string LineOf(const Row& row, const Widths& widths) {
+    std::string line = " " + FitRight(row.rank, widths.rank) + "  " + Fit(row.name, widths.name) + "  " +
+                       FitRight(row.score, widths.score);
+    if (widths.device > 0) {
+        line += "  ";
+        line += Fit(row.device, widths.device);
+    }
+    return Trimmed(line);
+}
+
 }  // namespace
 
 void Report::PrintRanking(const std::list<CuratorBaseData>& ranking, ECuratorAgentType type, int recordCount) {
     const Wording wording = WordingOf(type);
     PrintTitle(wording.title + ", of " + std::to_string(recordCount) + " records");
     if (ranking.empty()) {
-        std::puts(recordCount > 0 ? "Nothing to rank."
-                                  : "Nothing to rank. Add a history: context-host FILE (--help shows its form)");
+        std::puts(recordCount > 0
+                      ? "Nothing to rank."
+                      : "Nothing to rank. Import a history: context-host FILE (--help describes the format)");
         return;
     }
-    std::vector<Row> rows = {{"#", "Name", wording.score, "Latest device"}};
-    for (const CuratorBaseData& record : ranking) {
-        rows.push_back({std::to_string(rows.size()), NameOf(record),
-                        type == CURATOR_AGENT_MRU ? LocalTime(record.m_dScore) : Hours(record.m_dScore),
-                        Printable(record.m_strMetaDataSrc)});
-    }
-    std::size_t rankWidth = 2;
-    std::size_t nameWidth = 0;
-    std::size_t scoreWidth = 0;
-    std::size_t deviceWidth = 0;
+    const std::vector<Row> rows = RowsOf(ranking, type, wording.score);
+    const Widths widths = Narrowed(WidthsOf(rows), Terminal::WidthOf(STDOUT_FILENO));
     for (const Row& row : rows) {
-        rankWidth = std::max(rankWidth, row.rank.size());
-        nameWidth = std::max(nameWidth, Columns(row.name));
-        scoreWidth = std::max(scoreWidth, row.score.size());
-        deviceWidth = std::max(deviceWidth, Columns(row.device));
-    }
-    // The numbers are never cut: the names share what is left, and the device goes first.
-    const std::size_t fixed = 1 + rankWidth + 2 + 2 + scoreWidth;
-    const std::size_t width = Terminal::WidthOf(STDOUT_FILENO);
-    const std::size_t room = std::max(fixed + kFewestForName, width) - fixed;
-    const bool hasDevice = room >= kFewestForName + 2 + kFewestForDevice;
-    nameWidth = std::min(nameWidth, hasDevice ? room - 2 - kFewestForDevice : room);
-    deviceWidth = hasDevice ? std::min(deviceWidth, room - 2 - nameWidth) : 0;
-    for (const Row& row : rows) {
-        std::string line = " " + FitRight(row.rank, rankWidth) + "  " + Fit(row.name, nameWidth) + "  " +
-                           FitRight(row.score, scoreWidth);
-        if (deviceWidth > 0) {
-            line += "  ";
-            line += Fit(row.device, deviceWidth);
-        }
-        line = Trimmed(line);
+        const std::string line = LineOf(row, widths);
         std::puts((&row == &rows.front() ? Heading(line) : line).c_str());
     }
 }
@@ -131,7 +155,7 @@ void Report::PrintRanking(const std::list<CuratorBaseData>& ranking, ECuratorAge
 void Report::PrintWeek(const CuratorBaseData7x24& grid, int recordCount) {
     constexpr std::size_t kHourWidth = 5;
     constexpr std::size_t kFewestForCell = 3;
-    PrintTitle("Usual in each hour of the week, of " + std::to_string(recordCount) + " records");
+    PrintTitle("Top unit of each hour of the week, of " + std::to_string(recordCount) + " records");
     std::size_t cellWidth = kFewestForCell;
     for (const auto& day : grid.m_listData) {
         for (const std::list<CuratorBaseData>& ranking : day) {
@@ -162,10 +186,11 @@ void Report::PrintEvaluation(const std::vector<Evaluation::Result>& results, int
     constexpr const char* kColumns = "  Top 1   Top 3   Top 5    MRR";
     constexpr std::size_t kColumnsWidth = 32;
     const int tries = results.front().tries;
-    PrintTitle("How often the next use was foreseen: " + std::to_string(tries) + " uses, the last fifth of " +
+    PrintTitle("How often the next use was predicted: " + std::to_string(tries) + " uses, the last fifth of " +
                std::to_string(recordCount) + " records");
     if (tries == 0) {
-        std::puts("Nothing to foresee: it takes five records or more. Add a history: context-host --evaluate FILE");
+        std::puts(
+            "Nothing to predict: at least five records are needed. Import a history: context-host --evaluate FILE");
         return;
     }
     const std::size_t width = Terminal::WidthOf(STDOUT_FILENO);
@@ -185,10 +210,10 @@ void Report::PrintEvaluation(const std::vector<Evaluation::Result>& results, int
     }
 }
 
-Report::ProgressBar::ProgressBar() : m_isDrawn(Terminal::IsSmart(STDERR_FILENO)) {}
+Report::ProgressBar::ProgressBar() : m_isEnabled(Terminal::IsSmart(STDERR_FILENO)) {}
 
 Report::ProgressBar::~ProgressBar() {
-    if (m_drawn >= 0) {
+    if (m_drawnSteps >= 0) {
         std::fputs("\r\033[K", stderr);
     }
 }
@@ -196,10 +221,10 @@ Report::ProgressBar::~ProgressBar() {
 void Report::ProgressBar::Draw(const char* what, std::size_t done, std::size_t all) {
     constexpr int kSteps = 40;
     const int steps = all == 0 ? kSteps : static_cast<int>(done * kSteps / all);
-    if (!m_isDrawn || steps == m_drawn) {
+    if (!m_isEnabled || steps == m_drawnSteps) {
         return;
     }
-    m_drawn = steps;
+    m_drawnSteps = steps;
     std::string line = std::string(what) + ": " + std::to_string(done) + " of " + std::to_string(all) + " records";
     if (Terminal::WidthOf(STDERR_FILENO) > kSteps + 3 + line.size()) {
         const auto drawn = static_cast<std::size_t>(steps);

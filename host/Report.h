@@ -11,22 +11,24 @@
 
 #include "Evaluation.h"
 
-/// What a person reads: tables on standard output, a progress bar on standard error.
+/// Prints tables on standard output and a progress bar on standard error.
 ///
-/// On a terminal the headings are bold and the names are cut to its width; elsewhere the tables are plain and whole.
+/// On a terminal, headings are bold and names are cut to fit its width. Other output is plain and complete.
 namespace Report {
 
-/// Prints a ranking as a table: rank, name, score and the device of the latest use.
+/// Prints a ranking as a table: rank, name, score and latest device.
 void PrintRanking(const std::list<CuratorBaseData>& ranking, ECuratorAgentType type, int recordCount);
 
-/// Prints the first unit of every hour of the week: a row for each hour, a column for each day.
+/// Prints the top unit of every hour of the week: a row for each hour, a column for each day.
 void PrintWeek(const CuratorBaseData7x24& grid, int recordCount);
 
-/// Prints how well the rankings, and the bandit agents that choose among them, foresaw the next use.
+/// Prints how well the rankings, and the bandit agents that choose among them, predicted the next use.
 void PrintEvaluation(const std::vector<Evaluation::Result>& results, int recordCount);
 
-/// A bar that is drawn only where standard error is a terminal that can wipe it, which happens when it goes. A narrow
-/// terminal shows the numbers alone.
+/// A progress bar on standard error.
+///
+/// It is drawn only on a terminal that understands control sequences; on a narrow one, only the numbers. The destructor
+/// erases it.
 class ProgressBar {
 public:
     ProgressBar();
@@ -37,8 +39,8 @@ public:
     void Draw(const char* what, std::size_t done, std::size_t all);
 
 private:
-    bool m_isDrawn;
-    int m_drawn = -1;  ///< what is on the screen, in steps of the bar; -1 for nothing
+    bool m_isEnabled;
+    int m_drawnSteps = -1;  ///< on the screen; -1 before the first
 };
 
 }  // namespace Report

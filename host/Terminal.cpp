@@ -13,9 +13,9 @@
 
 namespace {
 
-constexpr std::size_t kUsualWidth = 80;  // of a terminal that does not tell
+constexpr std::size_t kDefaultWidth = 80;  // of a terminal that does not report its width
 
-/// @return its value; empty when it is not set.
+/// @return the value; empty if it is not set.
 std::string Environment(const char* variable) {
     const char* value = std::getenv(variable);
     return value != nullptr ? value : "";
@@ -42,7 +42,7 @@ std::size_t Terminal::WidthOf(int file) {
         return static_cast<std::size_t>(wanted);
     }
     winsize size{};
-    return ioctl(file, TIOCGWINSZ, &size) == 0 && size.ws_col > 0 ? size.ws_col : kUsualWidth;
+    return ioctl(file, TIOCGWINSZ, &size) == 0 && size.ws_col > 0 ? size.ws_col : kDefaultWidth;
 }
 
 bool Terminal::IsSmart(int file) {
@@ -95,7 +95,7 @@ std::string Terminal::Fit(const std::string& text, std::size_t width) {
 void Terminal::GuardStandardFiles() {
     for (const int file : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
         if (fcntl(file, F_GETFD) < 0) {
-            open("/dev/null", O_RDONLY);  // takes the lowest number that is free: this one
+            open("/dev/null", O_RDONLY);  // takes the lowest free descriptor, which is this one
         }
     }
 }
@@ -106,5 +106,5 @@ std::string Terminal::FinishOutput() {
     }
     pollfd reader{STDOUT_FILENO, POLLOUT, 0};
     const bool isGone = poll(&reader, 1, /*timeout=*/0) == 1 && (reader.revents & POLLERR) != 0;
-    return isGone ? "" : "standard output takes no more: make room there, or send it elsewhere";
+    return isGone ? "" : "cannot write to standard output: free some space or redirect it elsewhere";
 }

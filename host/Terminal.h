@@ -5,35 +5,35 @@
 #include <cstddef>
 #include <string>
 
-/// How text comes out in columns: on a terminal, which has a width and can show bold, or in a pipe, which has neither.
+/// Formats text for a terminal, which has a width and may show bold text, or for a pipe or file, which has neither.
 namespace Terminal {
 
-/// @return the columns of a terminal: COLUMNS if it is set, else what the terminal says; without a terminal, so many
-///         that nothing is cut.
+/// @return the width of a terminal in columns: COLUMNS if it is set, else what the terminal reports, else 80. For other
+///         files, the largest number, so that nothing is cut.
 std::size_t WidthOf(int file);
 
-/// @return whether a file is a terminal that understands control sequences (not TERM=dumb).
+/// @return true if the file is a terminal that understands control sequences: TERM is set and not "dumb".
 bool IsSmart(int file);
 
-/// @return the text in bold where standard output is such a terminal and NO_COLOR does not forbid it, else as it is.
+/// @return the text, in bold if standard output is such a terminal and NO_COLOR is empty or not set.
 std::string Heading(const std::string& text);
 
 /// @return the columns that UTF-8 text takes: two for a wide character, none for a combining one.
 std::size_t Columns(const std::string& text);
 
-/// @return a name that cannot disturb its surroundings: U+FFFD for what controls a terminal, a line or a direction.
+/// @return the text with U+FFFD instead of each control character, line separator and change of direction.
 std::string Printable(const std::string& text);
 
-/// @return exactly `width` columns: cut with an ellipsis, or filled with blanks. The width is at least 1.
+/// @return the text, cut with an ellipsis or filled with blanks to exactly `width` columns.
+/// @param width  at least 1.
 std::string Fit(const std::string& text, std::size_t width);
 
-/// Opens what of the three standard files is closed, so that none of the files opened later takes its place; what is
-/// then written there fails.
+/// Reopens closed standard streams on /dev/null for reading, so that no file opened later takes their place. Writing to
+/// such a stream fails.
 void GuardStandardFiles();
 
-/// Writes what standard output still holds.
-/// @return what went wrong, for a person; empty when nothing did. A reader who has gone, such as `head`, wants no more:
-///         that is nothing wrong. Needs SIGPIPE ignored.
+/// Flushes standard output. SIGPIPE must be ignored.
+/// @return the error, for the user; empty if there is none. A reader that ends early, such as `head`, is no error.
 std::string FinishOutput();
 
 }  // namespace Terminal

@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
+#include <ContextDatabase.h>
 #include <fcntl.h>
 #include <glib.h>
 #include <pwd.h>
@@ -11,43 +12,27 @@
 #include <clocale>
 #include <csignal>
 #include <cstdio>
-#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "ContextHost.h"
-#include "Evaluation.h"
+#include "ExitStatus.h"
 #include "HistoryProvider.h"
 #include "HostMemory.h"
 #include "Options.h"
-#include "Page.h"
 #include "RankingServer.h"
 #include "Report.h"
+#include "Results.h"
 #include "Terminal.h"
 
 namespace {
 
-enum ExitStatus {
-    EXIT_OK = 0,
-    EXIT_NOT_STORED = 1,
-    EXIT_USAGE = 2,
-    EXIT_UNREADABLE = 3,
-    EXIT_MALFORMED = 4,
-    EXIT_NO_DATABASE = 5,
-    EXIT_NO_PORT = 6,
-    EXIT_NO_PAGE = 7,
-    EXIT_NO_OUTPUT = 8,
-    EXIT_INTERRUPTED = 130,
-};
-
-constexpr const char* kDataDirectory = "/opt/usr/apps/lumora-service/data/";
-
-// Bounds the memory of what waits for a flush: about 10 MB.
+// Records per transaction. It limits the memory of the deferred statements.
 constexpr std::size_t kBatchSize = 20000;
 
 volatile std::sig_atomic_t g_interrupted = 0;
-sem_t g_interrupt;  // posted once: what waits for the end sleeps until then
+sem_t g_interrupt;  // wakes the service that waits for an interrupt
 
 void CatchInterrupts() {
     sem_init(&g_interrupt, /*pshared=*/0, /*value=*/0);
@@ -56,13 +41,13 @@ void CatchInterrupts() {
         g_interrupted = 1;
         sem_post(&g_interrupt);
     };
-    action.sa_flags = static_cast<int>(SA_RESETHAND);  // the second time ends the program at once
+    action.sa_flags = static_cast<int>(SA_RESETHAND);  // a second signal ends the program at once
     sigaction(SIGINT, &action, nullptr);
     sigaction(SIGTERM, &action, nullptr);
-    signal(SIGPIPE, SIG_IGN);  // a client may go before its answer comes
+    signal(SIGPIPE, SIG_IGN);  // a client may disconnect before its answer is sent
 }
 
-/// @return what to say of a file or folder that refuses to be written, with errno as the refusal has left it.
+/// @return the error message for a file or folder that cannot be written. Reads errno.
 std::string CannotWrite(const std::string& path) {
     const int reason = errno;
     std::string message = "cannot write to " + path + ": " + g_strerror(reason);
@@ -75,18 +60,18 @@ std::string CannotWrite(const std::string& path) {
     return message;
 }
 
-/// Keeps the store to this process for as long as it runs: a write that meets another's lock would wipe the file, and
-/// so would one to a file that is not this user's.
-/// @return why that is not possible, or "".
-std::string TakeStore(const std::string& database) {
-    if (access(kDataDirectory, F_OK) != 0) {
-        return std::string("there is no folder ") + kDataDirectory +
-               "; make it with: sudo install -d -o \"$(id -un)\" " + kDataDirectory;
+/// Locks the store for the lifetime of the process, and checks that it is writable. A failed write, such as one that
+/// meets another process's lock, would wipe the file.
+/// @return the error, for the user; empty if there is none.
+std::string LockStore(const std::string& database) {
+    const std::string folder = ContextDatabase::kDataDirectory;
+    if (access(folder.c_str(), F_OK) != 0) {
+        return "the folder " + folder + " does not exist; create it with: sudo install -d -o \"$(id -un)\" " + folder;
     }
-    if (access(kDataDirectory, R_OK | W_OK | X_OK) != 0) {
-        return CannotWrite(kDataDirectory);
+    if (access(folder.c_str(), R_OK | W_OK | X_OK) != 0) {
+        return CannotWrite(folder);
     }
-    const std::string store = kDataDirectory + database;
+    const std::string store = folder + database;
     if (access(store.c_str(), R_OK | W_OK) != 0 && errno != ENOENT) {
         return CannotWrite(store);
     }
@@ -95,17 +80,12 @@ std::string TakeStore(const std::string& database) {
     if (file < 0) {
         return CannotWrite(path);
     }
-    return flock(file, LOCK_EX | LOCK_NB) == 0
-               ? ""
-               : "another context-host uses the store " + database + "; end it or choose --database";
+    return flock(file, LOCK_EX | LOCK_NB) == 0 ? ""
+                                               : "another context-host is using the store " + database +
+                                                     "; stop it or choose another store with --database";
 }
 
-ExitStatus Complain(ExitStatus status, const std::string& message) {
-    std::fprintf(stderr, "context-host: %s\n", message.c_str());
-    return status;
-}
-
-/// Publishes every history, in batches, and waits for each batch to reach the file.
+/// Publishes every history in batches, and waits until each batch is in the file.
 ExitStatus Import(ContextHost& host, std::vector<HistoryProvider>& providers) {
     std::size_t all = 0;
     for (HistoryProvider& provider : providers) {
@@ -142,92 +122,15 @@ ExitStatus Import(ContextHost& host, std::vector<HistoryProvider>& providers) {
     return host.HasEverythingArrived() ? EXIT_OK : EXIT_INTERRUPTED;
 }
 
-void Rank(ContextHost& host, const Options& options) {
-    CCuratorAgent agent(options.agent, options.max, options.minDuration);
-    host.ForEachPage([&](const std::vector<CuratorBaseData>& page) { agent.LearnHistorys(page); });
-    if (options.weekly) {
-        const CuratorBaseData7x24 grid = agent.RunCurate7x24();
-        if (options.json) {
-            std::fputs(CurationResult2JsonData(grid, CuratorData2ContextData).c_str(), stdout);
-        } else {
-            Report::PrintWeek(grid, host.CountRecords());
-        }
-        return;
-    }
-    const std::list<CuratorBaseData> ranking = agent.RunCurate();
-    if (options.json) {
-        std::fputs(CurationResult2JsonData(ranking, CuratorData2ContextData).c_str(), stdout);
-    } else {
-        Report::PrintRanking(ranking, options.agent, host.CountRecords());
-    }
-}
-
-/// Replays what is stored.
-std::vector<Evaluation::Result> Evaluate(ContextHost& host, const Options& options) {
-    Evaluation evaluation;
-    const int all = host.CountRecords();
-    int index = 0;
-    host.ForEachPage([&](const std::vector<CuratorBaseData>& page) {
-        for (const CuratorBaseData& record : page) {
-            const bool isLastFifth = index++ >= all - all / 5;
-            if (record.m_nDuration >= static_cast<unsigned int>(options.minDuration)) {
-                evaluation.Take(record, isLastFifth);
-            }
-        }
-    });
-    return evaluation.Results();
-}
-
-/// Writes all that is known about the store to a page.
-ExitStatus WritePage(ContextHost& host, const std::vector<Evaluation::Result>& evaluation, const Options& options) {
-    CCuratorAgent recent(CURATOR_AGENT_MRU, options.max, options.minDuration);
-    CCuratorAgent total(CURATOR_AGENT_MFU, options.max, options.minDuration);
-    CCuratorAgent date(CURATOR_AGENT_DATE, options.max, options.minDuration);
-    host.ForEachPage([&](const std::vector<CuratorBaseData>& page) {
-        for (CCuratorAgent* agent : {&recent, &total, &date}) {
-            agent->LearnHistorys(page);
-        }
-    });
-    const std::string page =
-        Page::Make({date.RunCurate7x24(), recent.RunCurate(), total.RunCurate(), evaluation, host.CountRecords()});
-    const std::string problem = Page::Write(options.page, page);
-    if (!problem.empty()) {
-        return Complain(EXIT_NO_PAGE, "the page is not written: " + problem);
-    }
-    std::fprintf(stderr, "%s written; open it with a browser\n", options.page.c_str());
-    return EXIT_OK;
-}
-
-/// Prints what the command line asks for, behind the page, if it asks for one.
-ExitStatus Tell(ContextHost& host, const Options& options) {
-    std::vector<Evaluation::Result> evaluation;
-    if (options.evaluate || !options.page.empty()) {
-        evaluation = Evaluate(host, options);
-    }
-    if (!options.page.empty()) {
-        const ExitStatus status = WritePage(host, evaluation, options);
-        if (status != EXIT_OK) {
-            return status;
-        }
-    }
-    if (options.evaluate) {
-        Report::PrintEvaluation(evaluation, host.CountRecords());
-    } else {
-        Rank(host, options);
-    }
-    const std::string problem = Terminal::FinishOutput();
-    return problem.empty() ? EXIT_OK : Complain(EXIT_NO_OUTPUT, problem);
-}
-
-/// Imports what the command line names, then prints or serves.
+/// Imports the files of the command line, then shows results or serves until interrupted.
 int Run(ContextHost& host, std::vector<HistoryProvider>& providers, const Options& options) {
     RankingServer server(host, options.max, options.minDuration);
-    if (options.port != kNoPort) {
-        const int port = server.Open(options.port);
+    if (options.port) {
+        const int port = server.Open(*options.port);
         if (port < 0) {
-            return Complain(EXIT_NO_PORT, "cannot open port " + std::to_string(options.port) +
-                                              ": it is taken, or not this user's to open; with --serve 0 the system "
-                                              "chooses one");
+            return Complain(EXIT_NO_PORT, "cannot open port " + std::to_string(*options.port) +
+                                              ": it is in use, or you may not open it; --serve 0 lets the system "
+                                              "choose a port");
         }
         std::fprintf(stderr, "serving at port %d; try: context-query %d rank mfu 3\n", port, port);
     }
@@ -241,17 +144,17 @@ int Run(ContextHost& host, std::vector<HistoryProvider>& providers, const Option
         const int added = host.CountRecords() - before;
         if (status == EXIT_INTERRUPTED) {
             return Complain(status, "interrupted: " + std::to_string(added) +
-                                        " new records are stored; run the command again for the rest");
+                                        " new records stored; run the command again to store the rest");
         }
         std::fprintf(stderr, "%d new records stored\n", added);
     }
-    if (options.port != kNoPort) {
+    if (options.port) {
         while (g_interrupted == 0) {
             sem_wait(&g_interrupt);
         }
         return EXIT_OK;
     }
-    return Tell(host, options);
+    return ShowResults(host, options);
 }
 
 }  // namespace
@@ -277,15 +180,15 @@ int main(int argc, char** argv) {
         return Complain(error.GetKind() == HistoryError::Kind::Unreadable ? EXIT_UNREADABLE : EXIT_MALFORMED,
                         error.what());
     }
-    const std::string refusal = TakeStore(options.database);
+    const std::string refusal = LockStore(options.database);
     if (!refusal.empty()) {
         return Complain(EXIT_NO_DATABASE, refusal);
     }
     CatchInterrupts();
     ContextHost host(options.database);
     if (!host.IsOpen()) {
-        return Complain(EXIT_NO_DATABASE,
-                        std::string("cannot open ") + kDataDirectory + options.database + "; the system log says why");
+        return Complain(EXIT_NO_DATABASE, std::string("cannot open ") + ContextDatabase::kDataDirectory +
+                                              options.database + "; the system log says why");
     }
     const int status = Run(host, providers, options);
     if (memory) {

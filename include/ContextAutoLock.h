@@ -6,19 +6,19 @@
 
 #include "LumoraApi.h"
 
-/// Holds a GLib mutex for one scope; the library's only way to lock.
+/// Holds a GLib mutex for one scope. The library takes every lock through this class.
 ///
-/// The lock cannot be released early, taken again or handed on: it lives exactly as long as the object, which
-/// stands on the stack of the method that it guards.
+/// The lock lasts exactly as long as this object, which belongs on the stack of the guarded method. It cannot be
+/// released early, taken again or moved.
 ///
-/// **Ownership.** The mutex stays the caller's and must outlive the lock.
-/// **Threads.** Any. A GMutex is not recursive: taking one that the same thread already holds blocks for ever.
-/// **Errors.** None. The pointer is not checked: it must be that of a valid mutex.
+/// **Ownership.** The caller owns the mutex, which must outlive the lock.
+/// **Threads.** Any. A `GMutex` is not recursive: a thread that locks a mutex it already holds blocks for ever.
+/// **Errors.** None. The pointer is not checked.
 /// @ingroup base
 class LUMORA_API ContextAutoLock {
 public:
     /// Locks the mutex; blocks until it is free.
-    /// @param mutex  an initialised (or static, zeroed) mutex, not null.
+    /// @param mutex  a mutex that is initialised, or static and zeroed; not null.
     explicit ContextAutoLock(GMutex* mutex) : m_pMutex(mutex) { g_mutex_lock(m_pMutex); }
 
     /// Unlocks the mutex.

@@ -8,25 +8,27 @@
 
 #include "LumoraApi.h"
 
-/// A JSON document, the common currency between modules and the form in which results reach the host.
+/// A JSON document, in which modules exchange data and the host receives results.
 ///
-/// A document either *owns* its value or is a *view* of a `Json::Value` that somebody else owns, and stays so for
-/// life. Every method works on that value, its *target*.
+/// A document either *owns* its value or is a *view* of a `Json::Value` owned elsewhere, for its whole life. Every
+/// method works on that value, called the *target*.
 ///
-/// A key is one plain member name: no path, no index syntax; a dot is a character like any other. Nested members are
-/// reached by taking a sub-document. **Every method that takes a key inserts a null member when there is none, the
-/// getters included**, and turns a null target into an object first; such members appear in MakeStr(). IsValid() alone
-/// takes the member away again. Reading a document therefore changes it.
+/// A key is one plain member name, without path or index syntax; a dot has no special meaning. To reach a nested
+/// member, take a sub-document. **Every method that takes a key, getters included, inserts a null member when the key
+/// is absent**, and first turns a null target into an object. Only IsValid() and RemoveMember() remove that member
+/// again. Reading an absent key therefore changes the document and its MakeStr().
 ///
-/// Kinds and conversions are jsoncpp's own, and differ between its series in places: whether a whole number counts as
-/// a double, and what misuse (a key used on an array or a scalar, an index on an object, a conversion that cannot be
-/// made, text nested too deeply) does: an assertion or an exception that passes through.
-///
-/// **Ownership.** A viewed value stays its owner's and must outlive the view. A copy of an owning document owns a deep
-/// copy; a copy of a view is another view of the same value. A view that GetValuePtr() hands out ends with the element
-/// that it points to: when that is removed, reassigned or cleared, or its document is destroyed.
-/// **Threads.** One at a time; a view counts as a use of the document that it looks into. No locking.
-/// **Errors.** MakeData() returns false and logs; nothing else fails on its own account.
+/// **Ownership.** The owner keeps a viewed value, which must outlive the view. A copy of an owning document owns a deep
+/// copy; a copy of a view is another view of the same value. A view from GetValuePtr() is valid until its element is
+/// removed, reassigned or cleared, or the document is destroyed.
+/// **Threads.** One thread at a time; using a view counts as using the document that it views. No locking.
+/// **Errors.** MakeData() returns false; nothing else reports a failure. Kinds and conversions are jsoncpp's and differ
+/// slightly between its versions, for example in whether a whole number is a double. Misuse fails as in jsoncpp, with
+/// an assertion or an exception that is not caught: a key on an array or a scalar, an index on an object, Clear() of a
+/// scalar, a conversion that is not possible. jsoncpp 1.9.5 throws `Json::LogicError` for all of these.
+/// **Limits.** jsoncpp 1.9.5 parses 1000 levels of nesting; one more and MakeData() throws `Json::RuntimeError`. Catch
+/// it if the text comes from outside. MakeStr() has no limit and recurses once per level: on a PC a document of 100 000
+/// levels, which only code can build, overflows the stack.
 /// @ingroup document
 class LUMORA_API ContextData {
 public:
@@ -36,89 +38,89 @@ public:
     /// Owns a copy of `value`.
     ContextData(Json::Value value);
 
-    /// Views `*value`, which stays the caller's. A null pointer gives a document that owns a JSON null.
+    /// Views `*value`, which the caller keeps. For a null pointer the document owns a JSON null.
     ContextData(Json::Value* value);
 
     /// @name Writing by key
-    /// Each returns true, always, and logs nothing.
+    /// Each always returns true and logs nothing.
     /// @{
 
     /// Writes a string.
     bool SetValue(const char* key, std::string value);
-    /// Writes a string; a null pointer writes the empty one.
+    /// Writes a string; a null pointer writes the empty string.
     bool SetValue(const char* key, const char* value);
-    /// Writes a signed number. There is no overload for `bool`: it is written as the number 0 or 1.
+    /// Writes a signed number. There is no overload for `bool`, which is written as the number 0 or 1.
     bool SetValue(const char* key, int value);
     /// Writes an unsigned number.
     bool SetValue(const char* key, unsigned int value);
-    /// Writes an unsigned number of 64 bits.
+    /// Writes an unsigned 64-bit number.
     bool SetValue(const char* key, unsigned long long value);
-    /// Writes the value, sign-extended to 64 bits, as an *unsigned* number: -1 becomes 18446744073709551615.
+    /// Sign-extends the value to 64 bits and writes it as an *unsigned* number: -1 becomes 18446744073709551615.
     bool SetValue(const char* key, long value);
     /// Writes a real number.
     bool SetValue(const char* key, double value);
-    /// *Appends* a copy of the target of `other` as a new last element; a null member becomes an array first. Called
-    /// repeatedly with one key it builds an array. To assign, use SetValueNoArry().
+    /// *Appends* a copy of the target of `other` to the array under `key`; a null member becomes an array first. Use
+    /// SetValueNoArry() to assign.
     bool SetValue(const char* key, ContextData& other);
-    /// Replaces the member by a copy of the target of `other`.
+    /// Replaces the member with a copy of the target of `other`.
     bool SetValueNoArry(const char* key, ContextData& other);
-    /// Appends a string as a new last element; a null member becomes an array first.
+    /// Appends a string to the array under `key`; a null member becomes an array first.
     bool SetValueInArray(const char* key, std::string value);
-    /// As above; a null pointer appends the empty string.
+    /// Appends a string in the same way; a null pointer appends the empty string.
     bool SetValueInArray(const char* key, const char* value);
-    /// Removes the member when there is one.
+    /// Removes the member if it exists.
     bool RemoveMember(const char* key);
     /// @}
 
-    /// Removes all members of an object or all elements of an array; the kind stays.
-    /// @return true, always.
+    /// Removes all members of an object or all elements of an array; the target keeps its kind.
+    /// @return always true.
     bool Clear();
 
-    /// Parses JSON text, comments included, into the target. After a failure the content is undefined.
+    /// Parses JSON text into the target. Comments are allowed, and text after the first value is ignored. After a
+    /// failure or an exception the content is unspecified.
     /// @param text  zero-terminated JSON text. Null logs the error "input is null" and changes nothing.
-    /// @return whether the text could be parsed. A failure is logged as "m_reader paring error: [%p]=> %s" by an
-    ///         owning document only; a view fails silently.
+    /// @return whether parsing succeeded. An owning document logs a failure as "m_reader paring error: [%p]=> %s"; a
+    ///         view does not log it.
     bool MakeData(const char* text);
 
-    /// Writes the target as compact JSON text of one line that ends in a line feed.
-    /// @return the text, which belongs to this document and is valid until its next MakeStr(), an assignment to it or
-    ///         its destruction.
+    /// Writes the target as compact JSON on one line that ends with a line feed.
+    /// @return the text, owned by this document and valid until its next MakeStr(), an assignment to it or its
+    ///         destruction.
     const char* MakeStr();
 
-    /// Gives the target itself.
+    /// Returns the target itself.
     /// @return never null.
     Json::Value* GetValue();
 
-    /// Tests a member, and takes it away when it is null or absent.
-    /// @return true when the member is there and not JSON null.
+    /// Tests a member, and removes it when it is JSON null or was absent.
+    /// @return true when the member exists and is not JSON null.
     bool IsValid(const char* key);
 
-    /// Counts what a member holds.
-    /// @return the number of elements of an array or of members of an object, else 0.
+    /// Returns the number of elements of an array member or of members of an object member, else 0.
     int GetSize(const char* key);
 
-    /// Takes a sub-document; an element of it, when this document is a view.
-    /// @return an owning copy: of the member itself when this document owns its value, but of the member's *element 0*
-    ///         when it is a view (a null member then becomes an array of one null).
+    /// Takes a sub-document. The result depends on whether this document owns its value.
+    /// @return an owning copy of the member when this document owns its value, but of the member's *element 0* when
+    ///         this document is a view (a null member then becomes an array of one null).
     ContextData GetValue(const char* key);
 
     /// Takes one element of an array as a sub-document.
     /// @param key    the member, an array or null.
-    /// @param index  0 or more; a shorter array grows with nulls up to it.
+    /// @param index  0 or more; a shorter array is extended with nulls.
     /// @return an owning copy of the element.
     ContextData GetValue(const char* key, int index);
 
-    /// As GetValue(const char*, int), but gives a view: what is written through it changes this document.
+    /// Like GetValue(const char*, int), but returns a view: writing through it changes this document.
     ContextData GetValuePtr(const char* key, int index);
 
     /// @name Typed reading by key
-    /// Each gives the zero value named when the member is absent or of another kind.
+    /// Each returns the stated default when the member is absent or of another kind.
     /// @{
     std::string GetValueStr(const char* key);    ///< else ""
     std::string GetValueStr2(const char* key);   ///< else "NULL", also for an empty string
     int GetValueInt(const char* key);            ///< else 0
     unsigned int GetValueUInt(const char* key);  ///< else 0
-    /// 0 when the member is null. Any other kind is converted by jsoncpp, which reports what it cannot convert.
+    /// 0 when the member is null. jsoncpp converts any other kind; an impossible conversion is misuse.
     unsigned long long GetValueUInt64(const char* key);
     double GetValueDouble(const char* key);  ///< else 0.0
     bool GetValueBool(const char* key);      ///< else false

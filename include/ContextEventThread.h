@@ -14,21 +14,23 @@ struct TEventMessage {
     int nEventId;   ///< passed to OnEvent(); -1 in the internal stop message
     void* pData;    ///< passed to OnEvent(); the queue never frees it
     bool bStop;     ///< true in the internal stop message only
-    bool bStatic;   ///< true when the message belongs to the caller, who must keep it until it is served
-    int nPriority;  ///< the lower value is served first
+    bool bStatic;   ///< true when the caller owns the message and keeps it until it is served
+    int nPriority;  ///< lower values are served first
 };
 
-/// Base of a worker that serves a priority queue of events on one thread of its own.
+/// Base class with one worker thread that serves a priority queue of events.
 ///
-/// Any thread pushes events; the worker hands them to OnEvent() one at a time: the smallest priority value first and,
-/// among equal ones, the event that was pushed first.
+/// Any thread pushes events. The worker passes them to OnEvent() one at a time, the smallest priority value first and,
+/// among equal priorities, in the order in which they were pushed.
 ///
-/// **Ownership.** The worker frees the message of PushEvent() after serving it; the message of PushStaticEvent() stays
-/// the caller's and must live until OnEvent() has been called for it. What `pData` points to is never freed here. The
-/// destructor does not stop the worker, and frees no message that is still queued: the owner calls Stop() first.
-/// **Threads.** PushEvent(), PushStaticEvent() and IsRuning() may be called from any thread, from OnEvent() too.
-/// Start() and Stop() belong to the owner's thread. OnEvent() runs on the worker only.
-/// **Errors.** Reported by return value and logged. A system that cannot create a thread aborts inside GLib.
+/// **Ownership.** The worker frees the message of PushEvent() after serving it. The caller owns the message of
+/// PushStaticEvent() and keeps it until OnEvent() has been called for it. `pData` is never freed. The destructor
+/// neither stops the worker nor frees queued messages. Call Stop() first, at the latest in the destructor of the class
+/// that implements OnEvent().
+/// **Threads.** PushEvent(), PushStaticEvent() and IsRuning() may be called from any thread and from OnEvent(). Start()
+/// and Stop() belong to the owner's thread. OnEvent() runs on the worker only.
+/// **Errors.** Reported by return value and logged. When the system refuses a thread, GLib ends the process:
+/// `g_thread_new` never returns null.
 /// @ingroup threads
 class LUMORA_API ContextEventThread {
 public:
@@ -40,48 +42,47 @@ public:
 
     /// Serves one event.
     ///
-    /// **Called by** the worker thread, one event at a time. It may block, which delays the events behind it, and may
-    /// push events; it must not call Stop() and must not throw.
+    /// **Called by** the worker thread, one event at a time. It may push events, and may block, which delays all later
+    /// events. It must not call Stop() and must not throw.
     virtual void OnEvent(int eventId, void* data) = 0;
 
-    /// Starts the worker, which first serves what was pushed before.
-    /// @return true when it runs; false when it ran already, which logs the error "Already Started", or could not be
-    ///         created.
+    /// Starts the worker, which begins with the events that are queued already.
+    /// @return true when it was started; false when it was running already, which logs the error "Already Started".
     bool Start();
 
-    /// Queues a stop message behind everything that waits and blocks until the worker has reached it.
+    /// Queues a stop message after all queued events and blocks until the worker has reached it.
     ///
-    /// Every event queued before is served. One that is pushed after the stop message is served only when its priority
-    /// is below 0, the priority of that message; else it stays queued, and a later Start() serves it.
-    /// @return true when the worker has stopped; false when it did not run ("Already Stopped" is logged) or the stop
-    ///         message could not be allocated ("Memory Allocation Fail" is logged; the worker runs on).
+    /// Every event queued before is served. An event pushed after the stop message is served only when its priority is
+    /// below 0, the priority of the stop message; otherwise it stays queued until a later Start().
+    /// @return true when the worker has stopped; false when it was not running ("Already Stopped" is logged) or no stop
+    ///         message could be allocated ("Memory Allocation Fail" is logged; the worker continues).
     bool Stop();
 
-    /// Tells whether the worker runs. Takes no lock.
+    /// Returns whether the worker is running. Takes no lock.
     /// @return true from a successful Start() until the worker takes the stop message.
     bool IsRuning() const { return m_bRunning; }
 
-    /// Queues an event in a message of its own.
+    /// Queues an event in a newly allocated message.
     ///
-    /// While the worker does not run, at most 16 events are taken; while it runs there is no limit.
-    /// @param eventId   handed to OnEvent().
-    /// @param data      handed to OnEvent(); on failure it stays the caller's.
-    /// @param priority  the lower value is served first.
-    /// @return false when the worker does not run and 16 events wait ("The Event Queue is overflow!!" is logged), or
-    ///         when no message could be allocated ("Memory Allocation Fail" is logged).
+    /// While the worker is stopped, at most 16 events are accepted; while it is running, there is no limit.
+    /// @param eventId   passed to OnEvent().
+    /// @param data      passed to OnEvent(); on failure the caller still owns it.
+    /// @param priority  lower values are served first.
+    /// @return false when the worker is stopped and has accepted 16 events ("The Event Queue is overflow!!" is logged),
+    ///         or when no message could be allocated ("Memory Allocation Fail" is logged).
     bool PushEvent(int eventId, void* data, int priority);
 
-    /// Queues a message that the caller owns; sets its `bStatic` and uses its other fields as they are.
+    /// Queues a message that the caller owns. Sets its `bStatic` and uses its other fields unchanged.
     ///
-    /// The same message may be pushed again while it is still queued: it is then served once for each push.
-    /// @return false when the worker does not run ("Not Started!" is logged): such an event never waits for Start().
+    /// The same message may be pushed again while it is queued; it is then served once for each push.
+    /// @return false when the worker is stopped ("Not Started!" is logged); a static event never waits for Start().
     bool PushStaticEvent(TEventMessage* message);
 
-    /// The order of the queue: compares the priorities of two `TEventMessage`.
-    /// @return 1 when `a` is to be served after `b` or either is null, 0 for equal priorities, else -1.
+    /// Compares the priorities of two `TEventMessage`; this is the order of the queue.
+    /// @return 1 when `a` is served after `b` or either is null, 0 for equal priorities, else -1.
     static int _ComparePriority(const void* a, const void* b, void* userData);
 
-    /// The event loop; returns after the stop message and leaves behind it what is queued.
+    /// The event loop. Returns after the stop message; later messages stay queued.
     void _Run();
 
     /// The entry that GLib calls on the new thread.
@@ -90,11 +91,11 @@ public:
     static void* _Thread(void* self);
 
 protected:
-    GThread* m_pThread;                          ///< null while no thread exists
+    GThread* m_pThread;                          ///< null before Start() and after Stop()
     std::atomic<bool> m_bRunning;                ///< set by Start(), cleared by the worker
     GMutex m_mutex;                              ///< serialises the two push operations
     GAsyncQueue* m_pQueue;                       ///< of `TEventMessage*`
-    std::atomic<unsigned int> m_nPreStartCount;  ///< events pushed while the worker did not run
+    std::atomic<unsigned int> m_nPreStartCount;  ///< events pushed while the worker was stopped
 };
 
 #endif  // LUMORA_COMMON_CONTEXT_EVENT_THREAD_H

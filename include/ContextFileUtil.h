@@ -4,27 +4,31 @@
 
 #include "LumoraApi.h"
 
-/// A test for symbolic links, a flush of the file systems, and a whole-file copy.
+/// A test for symbolic links, a flush of all file systems, and a whole-file copy.
 ///
 /// **Threads.** Static functions without state: any thread.
-/// **Errors.** None of them logs; what is not returned is not reported.
+/// **Errors.** Nothing is logged; a failure that is not returned is not reported.
 /// @ingroup base
 class LUMORA_API ContextFileUtil {
 public:
     ContextFileUtil() = delete;
 
-    /// Tells whether the path itself, not what it points to, is a symbolic link; a dangling one is.
-    /// @return false also when the status of the path cannot be read (null, empty, missing, no permission); `errno`
-    ///         is then as the status call set it.
+    /// Returns whether the path itself is a symbolic link, dangling or not. A final link is not followed.
+    ///
+    /// The answer may be out of date by the time you open the path. If someone else can write to the directory, open
+    /// with `O_NOFOLLOW` instead of testing first.
+    /// @return false also when the status of the path cannot be read (null, empty, missing, no permission); `errno` is
+    ///         then as `lstat(2)` sets it.
     static bool IsSymbolicLink(const char* path);
 
-    /// Asks the kernel to write everything it buffers for any file system to storage.
+    /// Asks the kernel to write all buffered file-system data to storage.
     static void Sync();
 
     /// Copies the bytes of one file into another, which is created or emptied first.
     ///
-    /// Reports nothing. The destination is opened even when the source cannot be: a missing source leaves an empty
-    /// destination behind. A null path is one that cannot be opened. Permissions and times are not carried over.
+    /// Failures are not reported. The destination is opened even when the source cannot be opened, so a missing source
+    /// leaves an empty destination. Copying a file onto itself empties it. A null path counts as one that cannot be
+    /// opened. Permissions and times are not copied.
     static void Copy(const char* source, const char* destination);
 };
 

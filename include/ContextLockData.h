@@ -6,20 +6,20 @@
 
 #include "LumoraApi.h"
 
-/// A string that several threads set, read and clear.
+/// A string that several threads may set, read and clear.
 ///
-/// It holds either nothing or a string of at least one character; an empty string cannot be stored.
+/// The object holds either nothing or a string of at least one character; it cannot hold an empty string.
 ///
-/// **Ownership.** Texts are copied in and copied out; a copy that GetData() hands out belongs to the caller, who
-/// releases it with `free`.
-/// **Threads.** Every operation may be called from any thread at any time, the constructor and the destructor
-/// excepted. Each holds the object's own mutex for its whole body.
-/// **Errors.** SetData() logs a rejected argument. Running out of memory leaves the object empty, or GetData()
-/// without a copy, and is not logged.
+/// **Ownership.** Strings are copied in and out. The caller owns the copy that GetData() returns and releases it with
+/// `free`.
+/// **Threads.** All operations except construction and destruction may be called from any thread at any time. Each
+/// holds the object's mutex for its whole body.
+/// **Errors.** SetData() logs a rejected argument. Without memory SetData() leaves the object empty and GetData()
+/// returns null; neither logs it.
 /// @ingroup base
 class LUMORA_API ContextLockData {
 public:
-    /// Holds nothing.
+    /// Creates an object that holds nothing.
     ContextLockData();
 
     /// Releases the held string.
@@ -28,22 +28,20 @@ public:
     ContextLockData(const ContextLockData&) = delete;
     ContextLockData& operator=(const ContextLockData&) = delete;
 
-    /// Replaces the held string by a copy of `str`.
+    /// Replaces the held string with a copy of `str`.
     ///
-    /// What was held is gone in every case: the old value is released before the argument is looked at, so a
-    /// rejected argument empties the object. Logs the error "ContextLockData --> SetData Error" when `str` is
-    /// null or empty.
+    /// A null or empty `str` is rejected and logs the error "ContextLockData --> SetData Error". The old string is
+    /// released before the argument is checked, so a rejected argument empties the object.
     void SetData(const char* str);
 
     /// Copies the held string.
-    /// @return a copy that the caller releases with `free`, or null when nothing is held (or
-    ///         no memory is left for a copy).
+    /// @return a copy that the caller releases with `free`; null when nothing is held or no memory is left.
     char* GetData();
 
     /// Releases the held string; does nothing when there is none.
     void ResetData();
 
-    /// Tells whether no string is held.
+    /// Returns whether the object holds no string.
     bool IsEmpty();
 
 private:

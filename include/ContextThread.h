@@ -8,15 +8,17 @@
 
 #include "LumoraApi.h"
 
-/// Base of a class that owns one worker thread whose body loops until it is told to stop.
+/// Base class with one worker thread, whose body loops until it is told to stop.
 ///
-/// A derived class supplies the body as OnThread(), which runs while IsRuning() is true and returns soon after it
-/// turns false. A stopped object may be started again and then runs a fresh thread.
+/// A derived class implements the body as OnThread(), which loops while IsRuning() is true and returns soon after it
+/// becomes false. A stopped object may be started again and then runs a new thread.
 ///
-/// **Ownership.** The destructor neither stops nor joins the thread: the owner calls Stop() first.
-/// **Threads.** Start() and Stop() belong to the owner's thread and do not race with each other; calling Stop() from
-/// inside OnThread() is not allowed. IsRuning() may be called from any thread.
-/// **Errors.** Reported by return value and logged. A system that cannot create a thread aborts inside GLib.
+/// **Ownership.** The destructor neither stops nor joins the thread. Call Stop() first, at the latest in the destructor
+/// of the class that implements OnThread().
+/// **Threads.** Start() and Stop() belong to the owner's thread and must not run at the same time. OnThread() must not
+/// call Stop(). IsRuning() may be called from any thread.
+/// **Errors.** Reported by return value and logged. When the system refuses a thread, GLib ends the process:
+/// `g_thread_new` never returns null.
 /// @ingroup threads
 class LUMORA_API ContextThread {
 public:
@@ -26,19 +28,18 @@ public:
     ContextThread(const ContextThread&) = delete;
     ContextThread& operator=(const ContextThread&) = delete;
 
-    /// The body, run once on the new thread for every Start(). It must not throw: GLib called the thread's entry.
+    /// The body, run once on the new thread for every Start(). It must not throw, because GLib's C code calls it.
     virtual void OnThread() = 0;
 
     /// Starts the worker.
-    /// @return true when it runs; false when it ran already, which logs the error "Already Started", or could not be
-    ///         created.
+    /// @return true when it was started; false when it was running already, which logs the error "Already Started".
     bool Start();
 
     /// Asks the worker to stop and blocks until OnThread() has returned.
-    /// @return true when it has stopped; false when it did not run, which logs the error "Already Stopped".
+    /// @return true when it has stopped; false when it was not running, which logs the error "Already Stopped".
     bool Stop();
 
-    /// Tells the body whether to go on. Takes no lock.
+    /// Returns whether the body is to continue. Takes no lock.
     /// @return true from a successful Start() until Stop().
     bool IsRuning() const { return m_bRunning; }
 
@@ -48,7 +49,7 @@ public:
     static void* _Thread(void* self);
 
 protected:
-    GThread* m_pThread;            ///< null while no thread exists
+    GThread* m_pThread;            ///< null before Start() and after Stop()
     std::atomic<bool> m_bRunning;  ///< written by the owner, read by the worker
 };
 

@@ -16,9 +16,9 @@
 /// Identifies a timer: 1 to 2147483647; 0 means no timer.
 using TimerId = std::int32_t;
 
-/// Called when a timer fires. It must not throw: GLib's code lies between it and the start of the thread.
+/// Called when a timer fires. It must not throw, because GLib's C code started the thread.
 /// @param timerId   the timer.
-/// @param userData  what was given to ContextTimer::SetTimer().
+/// @param userData  the pointer passed to ContextTimer::SetTimer().
 using timer_cb = void (*)(int timerId, void* userData);
 
 /// One timer.
@@ -26,34 +26,39 @@ struct CTimerData {
     TimerId timerId;          ///< what SetTimer() returned
     std::uint32_t interval;   ///< seconds; 0 fires on every tick
     std::int32_t expireTime;  ///< next deadline, seconds of `time()`
-    timer_cb callback;        ///< null runs silently
-    void* userData;           ///< handed to the callback; never freed
+    timer_cb callback;        ///< may be null: the timer then does nothing
+    void* userData;           ///< passed to the callback; never freed
 };
 
-/// What ContextTimer sends to its own event thread.
+/// The events that ContextTimer sends to its own event thread.
 enum ETimerEvent : int {
-    TIMER_EVENT_ADD = 0,     ///< data: the new `CTimerData*`, which the list takes over
-    TIMER_EVENT_REMOVE = 1,  ///< data: an `int*` with the id, which the handler frees
+    TIMER_EVENT_ADD = 0,     ///< data: the new `CTimerData*`; the list takes ownership
+    TIMER_EVENT_REMOVE = 1,  ///< data: an `int*` with the id; the handler frees it
     TIMER_EVENT_CHECK = 2,   ///< no data; a static message
 };
 
 /// Runs periodic timers with a resolution of one second.
 ///
-/// A tick thread wakes the event thread every 250 ms; the event thread alone owns the timer list, compares deadlines
+/// A tick thread wakes the event thread every 250 ms. The event thread alone owns the timer list, compares deadlines
 /// with the wall clock and calls every callback, one at a time. SetTimer() and KillTimer() only queue requests to it.
 ///
 /// **Units.** Intervals and deadlines are whole seconds of `time()`. The first deadline counts from the second of the
-/// last check, so a timer may first fire up to one second early; each further one counts from the check that found it
-/// due. When the clock jumps forward by more than 5 s between two checks, or the event thread was held up for that
-/// long, every deadline moves with it and the info line "add offset %d" is logged; a step back is not compensated.
-/// **Order.** Timers that are due at the same check fire in the order of the list: by their first deadlines, and among
-/// equal ones in the order in which they were set.
-/// **Ownership.** Callbacks and user data stay the caller's and must outlive the timer or its removal. The destructor
-/// neither stops the threads nor frees the records of the timers that still exist: kill them, then call Stop(), then
-/// destroy the object.
-/// **Threads.** SetTimer() and KillTimer() may be called from any thread, from a callback too. Start(), Stop()
-/// and the destructor belong to the owner's thread.
-/// **Errors.** Reported by return value and logged; running out of memory for a request aborts.
+/// last check, so the first firing may come up to one second early. Each later deadline counts from the check that
+/// found the timer due.
+/// **Clock changes.** When the clock moves forward by more than 5 s between two checks, every deadline moves by the
+/// same amount and the info line "add offset %d" is logged. A callback that blocks for so long has the same effect. So
+/// does a system suspend: a timer with 10 s left fires 10 s after the device wakes up, even from an hour of sleep. To
+/// act on the wall clock instead, set a short interval and compare `time()` in the callback. A suspend of up to 5 s
+/// counts as normal time. A step back is not compensated: every timer fires later by that amount.
+/// **Order.** Timers due at the same check fire in list order. A new timer is inserted before the first timer whose
+/// deadline is later at that moment, and never moves afterwards. Timers that are set with equal deadlines therefore
+/// fire in the order in which they were set.
+/// **Ownership.** The caller keeps callbacks and user data valid until the timer is removed. The destructor neither
+/// stops the threads nor frees the records of existing timers: kill the timers, call Stop(), then destroy the object.
+/// **Threads.** SetTimer() and KillTimer() may be called from any thread and from a callback. Start(), Stop() and the
+/// destructor belong to the owner's thread.
+/// **Errors.** Reported by return value and logged. Without memory a request aborts the process, or is lost after the
+/// error "Memory Allocation Fail".
 class LUMORA_API ContextTimer : public ContextThread, public ContextEventThread {
 public:
     ContextTimer();
@@ -61,26 +66,28 @@ public:
 
     /// Starts both threads and takes the present second as that of the last check.
     ///
-    /// Timers that were set before come into being now; at most 16 requests wait for it. Timers kept from an earlier
-    /// run keep their deadlines: those that passed meanwhile fire at the first tick.
-    /// @return false when either thread runs already; the error "Start Error" is logged behind that thread's own.
+    /// Requests made before Start(), at most 16, take effect now. Timers from an earlier run keep their deadlines;
+    /// those that passed in the meantime fire at the first tick.
+    /// @return false when either thread is running already; the error "Start Error" follows that thread's own error.
     bool Start();
 
     /// Stops the tick thread, which takes up to 250 ms, then the event thread, which serves all queued requests first.
-    /// @return false when either thread does not run; the error "Stop Error" is logged behind that thread's own.
+    /// @return false when either thread is not running; the error "Stop Error" follows that thread's own error.
     bool Stop();
 
     /// Sets a timer that fires every `interval` seconds until it is killed.
-    /// @param interval  seconds; 0 fires on every tick.
-    /// @param callback  called on the event thread, which it holds up; it may set and kill timers. May be null.
-    /// @param userData  handed to the callback.
-    /// @return the timer's id. The ids count up through the whole process and start again at 1 after 2147483647. An
-    ///         id is returned even for the 17th request before Start(), which is lost.
+    /// @param interval  seconds; 0 fires on every tick, and so does an interval that ends after January 2038, when
+    ///                  32-bit seconds overflow.
+    /// @param callback  called on the event thread; it delays all other timers, and may set and kill timers. May be
+    ///                  null.
+    /// @param userData  passed to the callback.
+    /// @return the timer's id. Ids count up through the whole process; after 2147483647 they start again at 1, even if
+    ///         1 is in use. An id is returned even for the 17th request before Start(), which is lost.
     TimerId SetTimer(unsigned int interval, timer_cb callback, void* userData);
 
-    /// Removes a timer once the event thread reaches the request: a callback may still run after the call, when its
-    /// check was queued before, and a callback that kills timers still sees the others of the same check fire.
-    /// @return true, also for an id that does not exist; false for 0, with the info line "invalid timer id".
+    /// Removes a timer when the event thread reaches the request. Until then its callback may still run, for example
+    /// later in the same check when a callback kills another timer.
+    /// @return true, even for an id that does not exist; false for 0, which logs the info line "invalid timer id".
     bool KillTimer(TimerId id);
 
 private:
@@ -94,7 +101,7 @@ private:
     void OnEvent(int eventId, void* data) override;
 
 protected:
-    std::list<CTimerData*> m_timerList;         ///< touched by the event thread only
+    std::list<CTimerData*> m_timerList;         ///< used by the event thread only
     std::atomic<std::int32_t> m_lastCheckTime;  ///< seconds of `time()`
     TEventMessage m_checkMessage;               ///< queued by the tick thread; outlives it
 };

@@ -12,31 +12,32 @@
 
 /// Priorities of the platform's log.
 enum ELumoraLogPriority : int {
-    LUMORA_LOG_DEBUG = 3,    ///< traces of socket traffic
-    LUMORA_LOG_INFO = 4,     ///< traces of normal work
-    LUMORA_LOG_WARNING = 5,  ///< something was left undone
-    LUMORA_LOG_ERROR = 6,    ///< every failure that the library reports
+    LUMORA_LOG_DEBUG = 3,    ///< socket traces
+    LUMORA_LOG_INFO = 4,     ///< normal work; also heap damage and a KillTimer() of timer 0
+    LUMORA_LOG_WARNING = 5,  ///< line breaks could not be removed from 16-bit text
+    LUMORA_LOG_ERROR = 6,    ///< every other failure that is logged
 };
 
 /// Writes one message to the platform's system log. All diagnostics of the library go through this call.
 ///
-/// The library carries a default definition that hands the text, with its tag in front, to `syslog(3)`: debug
-/// becomes `LOG_DEBUG`, info `LOG_INFO`, warning `LOG_WARNING`, and anything else `LOG_ERR`. The default neither
-/// opens nor closes the system log, so the host's own `openlog(3)` stays in force.
+/// The library's default definition passes the text, with the tag in front, to `syslog(3)`: debug becomes `LOG_DEBUG`,
+/// info `LOG_INFO`, warning `LOG_WARNING`, and anything else `LOG_ERR`. It neither opens nor closes the system log, so
+/// your own `openlog(3)` stays in force.
 ///
-/// A platform or a host that defines a function of this name itself replaces the default; that is also how a
-/// test captures the log. The library's own messages use the tag "LMR_COMMON" and begin with
-/// "<file>: <function>(<line>) > ".
+/// To replace the default, define a function of this name in the platform or in the host; a test captures the log in
+/// the same way. The library's own messages have the tag "LMR_COMMON" and begin with "<file>: <function>(<line>) > ".
 ///
-/// **Threads.** Called from any thread, also while the library holds its locks: a replacement must not call
-/// back into the object that logs.
+/// **Threads.** Called from any thread, often while the library holds a lock. **A replacement must not call this
+/// library at all**: some of those locks are process-wide and none is recursive. For example, a failing flush of one
+/// database logs while it holds the locks of all databases; a log call that then defers a write to another database
+/// never returns. Queue the message and process it on your own thread.
 ///
 /// @param buffer    the log buffer; the default definition ignores it.
 /// @param priority  one of ::ELumoraLogPriority.
-/// @param tag       names the module that logs; never null.
+/// @param tag       the name of the module that logs; never null.
 /// @param format    a printf format for the arguments that follow.
-/// @return the number of bytes of the formatted text, or a negative value when nothing could be written.
-///         The default definition leaves `errno` as it found it.
+/// @return the length of the formatted text in bytes, or a negative value when it could not be formatted; the library
+///         ignores it. The default definition leaves `errno` unchanged.
 extern "C" LUMORA_API int lumora_log_print(int buffer, int priority, const char* tag, const char* format, ...)
     __attribute__((format(printf, 4, 5)));
 

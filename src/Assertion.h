@@ -2,7 +2,7 @@
 #ifndef LUMORA_COMMON_SRC_ASSERTION_H
 #define LUMORA_COMMON_SRC_ASSERTION_H
 
-// <cassert> declares what the macro calls only where assertions are on.
+// <cassert> declares __assert_fail() only when assertions are enabled.
 #undef NDEBUG
 #include <cassert>
 

@@ -6,7 +6,7 @@
 
 #include "Log.h"
 
-// The reader and the writer that every series of jsoncpp has; newer ones mark them as deprecated.
+// Json::Reader and Json::FastWriter exist in every version of jsoncpp; newer versions mark them as deprecated.
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
 
 ContextData::ContextData(Json::Value value) : m_value(std::move(value)) {}
@@ -69,7 +69,7 @@ bool ContextData::SetValueInArray(const char* key, const char* value) {
 
 bool ContextData::RemoveMember(const char* key) {
     Json::Value& target = Target_();
-    target[key];  // makes a null target an object, as every access by key does
+    target[key];  // turns a null target into an object, as every access by key does
     target.removeMember(key);
     return true;
 }
@@ -84,7 +84,7 @@ bool ContextData::MakeData(const char* text) {
         LMR_LOG_ERROR("input is null");
         return false;
     }
-    const std::string document(text);  // the text may be part of the value that the parser replaces
+    const std::string document(text);  // the text may belong to the value that the parser replaces
     Json::Reader reader;
     if (reader.parse(document.data(), document.data() + document.size(), Target_(), /*collectComments=*/true)) {
         return true;

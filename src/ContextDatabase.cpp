@@ -18,11 +18,11 @@ constexpr const char* kJournalSuffix = "-journal";
 constexpr const char* QUERY_INTEGRITY_CHECK = "pragma integrity_check";
 
 constexpr std::size_t kUsualValueCount = 8;
-constexpr std::size_t kKeptQueryCapacity = 256;  ///< a longer deferred list gives its memory back after the flush
+constexpr std::size_t kKeptQueryCapacity = 256;  ///< a larger capacity is released after a flush
 
-// Shared by every database of the process. Where both are held, g_query_set_mutex is taken first.
-GMutex g_db_mutex;         ///< every use of a connection
-GMutex g_query_set_mutex;  ///< the lists of deferred statements
+// Shared by all databases of the process. Lock order: g_query_set_mutex, then g_db_mutex.
+GMutex g_db_mutex;         ///< guards every use of a connection
+GMutex g_query_set_mutex;  ///< guards the lists of deferred statements
 
 std::string DatabasePath(const std::string& name) {
     return std::string(ContextDatabase::kDataDirectory) + "/" + name;
@@ -36,7 +36,7 @@ bool IsOk(const char* text) {
     return text != nullptr && strcasecmp(text, "ok") == 0;
 }
 
-// Runs while the check holds g_db_mutex, so the reset must wait: the callback only notes that it is due.
+// Runs while g_db_mutex is held, and a reset takes that mutex: the callback only records the damage.
 int OnIntegrityCheckCallBack(void* data, int /*columnCount*/, char** values, char** /*names*/) {
     if (!IsOk(values[0])) {
         LMR_LOG_ERROR("integrity check failed");
@@ -77,7 +77,7 @@ std::string ColumnText(sqlite3_stmt* statement, int column) {
     }
 }
 
-/// From each name to the last column that has it: sorted, so that every row is built without a search.
+/// Maps each name to the last column that has it. Sorted, so that every row is built without a search.
 std::map<std::string, int> ColumnsByName(sqlite3_stmt* statement) {
     std::map<std::string, int> columns;
     const int count = sqlite3_column_count(statement);
@@ -88,7 +88,7 @@ std::map<std::string, int> ColumnsByName(sqlite3_stmt* statement) {
     return columns;
 }
 
-/// Appends a value whose member is still to be set; a list grows but once for a statement of usual length.
+/// Appends a value and returns it; the caller sets the member. One allocation covers a statement of usual length.
 struct_sql_value& Append(ContextDatabase::ValueList& values, enum_sql_type type) {
     if (values.capacity() == 0) {
         values.reserve(kUsualValueCount);
@@ -112,7 +112,7 @@ ContextDatabase::ContextDatabase(std::string name, std::string createTableQuery,
         m_pTimer->Start();
         m_timerId = m_pTimer->SetTimer(static_cast<unsigned int>(interval), _OnTimerCb, this);
     } else {
-        m_nInterval = 0;  // nothing would ever flush: write at once instead
+        m_nInterval = 0;  // nothing would flush: make every write immediate
     }
     OpenDatabase_();
 }
@@ -133,7 +133,7 @@ ContextDatabase::~ContextDatabase() {
         m_pTimer->KillTimer(m_timerId);
         m_timerId = 0;
         m_pTimer->Stop();
-        CloseDatabase_();  // a flush that failed meanwhile has opened it again
+        CloseDatabase_();  // a flush that failed in the meantime may have opened it again
     }
 }
 
@@ -185,7 +185,7 @@ bool ContextDatabase::SelectQuery(const char* query, const ValueList& values,
     }
     std::map<std::string, int> columns;
     while (sqlite3_step(statement.Get()) == SQLITE_ROW) {
-        if (columns.empty()) {  // not before the first step, which compiles anew when the schema has changed
+        if (columns.empty()) {  // after the first step, which recompiles the statement if the schema has changed
             columns = ColumnsByName(statement.Get());
         }
         std::map<std::string, std::string>& row = rows.emplace_back();
@@ -209,7 +209,7 @@ void ContextDatabase::ResetDatabase() {
     std::remove(path.c_str());
     LMR_LOG_INFO("remove %s file success", path.c_str());
     if (!OpenDatabase_()) {
-        CloseDatabase_();  // a damaged file that cannot be removed was opened all the same
+        CloseDatabase_();  // a damaged file that cannot be removed has been opened again
     }
     m_bResetting = false;
 }

@@ -49,7 +49,7 @@ bool ContextEventThread::Stop() {
         LMR_LOG_ERROR("Memory Allocation Fail");
         return false;
     }
-    g_async_queue_push(m_pQueue, message);  // unsorted: behind all that waits, whatever its priority
+    g_async_queue_push(m_pQueue, message);  // unsorted: after all queued events, whatever their priority
     g_thread_join(m_pThread);
     m_pThread = nullptr;
     return true;
@@ -99,7 +99,7 @@ void ContextEventThread::_Run() {
     m_nPreStartCount = 0;
     while (IsRuning()) {
         auto* message = static_cast<TEventMessage*>(g_async_queue_pop(m_pQueue));
-        const bool isStatic = message->bStatic;  // a static message may be gone once it has been served
+        const bool isStatic = message->bStatic;  // OnEvent() may end the lifetime of a static message
         if (message->bStop) {
             m_bRunning = false;
         } else {

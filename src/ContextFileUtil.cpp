@@ -9,7 +9,7 @@
 
 bool ContextFileUtil::IsSymbolicLink(const char* path) {
     if (path == nullptr) {
-        errno = EFAULT;  // what the kernel would answer; the C library declares the argument non-null
+        errno = EFAULT;  // the kernel's answer; the C library declares the argument non-null
         return false;
     }
     struct stat status {};

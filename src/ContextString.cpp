@@ -21,9 +21,9 @@ namespace {
 
 constexpr const char* kWhiteSpace = " \v\f\n\r\t";
 
-constexpr std::size_t kUtf8BytesPerUnit = 4;  ///< three at most for a unit, four for a pair of them, and a terminator
+constexpr std::size_t kUtf8BytesPerUnit = 4;  ///< at most three for a unit and four for a pair; leaves a terminator
 
-/// A field of the compact form but for the year, which is never padded.
+/// Formats a field of the compact form except the year, which is not padded.
 std::string PadToTwo(long long field) {
     std::string text = std::to_string(field);
     if (text.size() == 1) {
@@ -36,8 +36,8 @@ bool IsLineBreak(unsigned short unit) {
     return unit == htobe16(0x000A) || unit == htobe16(0x000D);
 }
 
-/// Looks at every unit, which takes less time than stopping at the first: names have no line breaks. The result is as
-/// wide as a unit, so that the compiler looks at many of them at a time.
+/// Examines every unit instead of stopping at the first line break: most texts have none. The result is as wide as a
+/// unit, so that the compiler can vectorise the loop.
 bool HasLineBreak(const std::basic_string<unsigned short>& text) {
     unsigned short hasLineBreak = 0;
     for (const unsigned short unit : text) {
@@ -59,7 +59,7 @@ public:
     Converter(const Converter&) = delete;
     Converter& operator=(const Converter&) = delete;
 
-    // The descriptor for "none" is a pointer of all ones.
+    // iconv_open() reports failure as (iconv_t)-1.
     bool IsOpen() const { return reinterpret_cast<std::intptr_t>(m_descriptor) != -1; }
 
     /// @return false with the reason in `errno`.
@@ -103,7 +103,7 @@ std::string ContextString::remove_chars(const std::string& text, const std::stri
     for (auto hit = text.find_first_of(characters); hit != std::string::npos;
          hit = text.find_first_of(characters, from + 1)) {
         result.append(text, from, hit - from);
-        from = hit + 1;  // what stands here slides into the gap and is kept unexamined
+        from = hit + 1;  // the character at `from` is kept without being examined
     }
     if (from < text.size()) {
         result.append(text, from, std::string::npos);
@@ -225,7 +225,7 @@ std::string ContextString::sqltime_cal(std::string text) {
     if (text.size() != 14) {
         return text;
     }
-    // Of 14 characters there is none at 17, where the seconds of the SQL form are: this throws.
+    // Always throws: the seconds of the SQL form start at position 17, past the end of 14 characters.
     const auto [year, month, day, hour, minute, second] = TimeText::Cut(text, TimeText::kSqlStarts);
     return year + month + day + hour + minute + second;
 }
@@ -250,7 +250,7 @@ void ContextString::TransStrExceptLF(unsigned short* text) {
         return;
     }
     const std::size_t length = std::char_traits<unsigned short>::length(text);
-    // Zeroed, so that no half of a surrogate pair lies between the new end of the text and the old one.
+    // Zeroed, so that no half of a surrogate pair is left between the new end of the text and the old one.
     const std::unique_ptr<unsigned short[]> kept(new (std::nothrow) unsigned short[length + 1]());
     if (kept == nullptr) {
         LMR_LOG_WARNING("new uint16_t[nLen] failed!");
@@ -278,7 +278,7 @@ std::string ContextString::Twstring2String(std::basic_string<unsigned short> tex
     if (HasLineBreak(text)) {
         TransStrExceptLF(units.get());
     }
-    // The size is that of before the removal, so the zeroed units behind the new end are converted as well.
+    // The size is the one before the removal, so the zeroed units after the new end are converted too.
     if (!Unicode2Utf8(utf8.get(), static_cast<unsigned int>(utf8Size), reinterpret_cast<char*>(units.get()),
                       static_cast<unsigned int>((length + 1) * sizeof(unsigned short)))) {
         LMR_LOG_ERROR("convert name failed");

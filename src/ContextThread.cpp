@@ -12,7 +12,7 @@ bool ContextThread::Start() {
         LMR_LOG_ERROR("Already Started");
         return false;
     }
-    m_bRunning = true;  // before the thread exists: its first look at the flag must see it
+    m_bRunning = true;  // before the thread exists, so that its first check sees true
     m_pThread = g_thread_new(nullptr, _Thread, this);
     if (m_pThread == nullptr) {
         m_bRunning = false;

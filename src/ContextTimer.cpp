@@ -14,7 +14,7 @@
 namespace {
 
 constexpr useconds_t kTickMicroseconds = 250000;
-constexpr std::int32_t kMaxClockStep = 5;  ///< seconds; more than this between two checks is a jump of the clock
+constexpr std::int32_t kMaxClockStep = 5;  ///< seconds; a longer time between two checks is a clock jump
 constexpr int kEventPriority = 10;
 
 std::int32_t Now() {
@@ -39,7 +39,7 @@ bool ContextTimer::Start() {
 }
 
 bool ContextTimer::Stop() {
-    // The ticks end first, so that nothing is queued behind the stop message of the event thread.
+    // The tick thread stops first, so that no check is queued after the stop message of the event thread.
     if (!ContextThread::Stop() || !ContextEventThread::Stop()) {
         LMR_LOG_ERROR("Stop Error");
         return false;
@@ -49,7 +49,7 @@ bool ContextTimer::Stop() {
 
 TimerId ContextTimer::SetTimer(unsigned int interval, timer_cb callback, void* userData) {
     CTimerData* timer = CreateTimer_(interval, callback, userData);
-    const TimerId id = timer->timerId;  // once it is queued the record belongs to the event thread
+    const TimerId id = timer->timerId;  // once queued, the record belongs to the event thread
     if (!PushEvent(TIMER_EVENT_ADD, timer, kEventPriority)) {
         delete timer;
     }

@@ -6,7 +6,7 @@
 #include <map>
 #include <string>
 
-/// What the subject filter and the provider filter have in common.
+/// The operations that the subject filter and the provider filter share.
 namespace FilterMap {
 
 using Map = std::map<std::string, bool>;

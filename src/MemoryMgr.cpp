@@ -41,7 +41,7 @@ bool IsDamaged(const TMemHeader& live, const TMemHeader& saved) {
            live.nSize != saved.nSize;
 }
 
-/// The file name of a header for the log, cut so that it ends.
+/// A copy of a header's file name for the log, cut to fit a terminator.
 class LoggedName {
 public:
     explicit LoggedName(const TMemHeader& header) {
@@ -94,7 +94,7 @@ void* CMemoryManager::Allocate(unsigned int size, const char* file, int line) {
     if (manager->AddMemory_(*header) == Added::Stored) {
         return block;
     }
-    // Release() will not find it and gives the pointer itself to free.
+    // Release() does not find this block in the table and passes the pointer itself to free().
     std::free(whole);
     return std::malloc(size);
 }
@@ -176,7 +176,7 @@ CMemoryManager::Added CMemoryManager::AddMemory_(const TMemHeader& header) {
     return Added::Stored;
 }
 
-// The lowest slot of a block; that of no block, null, is a free one.
+// First slot holding `block`; pass null to find a free slot.
 TMemHeader* CMemoryManager::FindSlot_(const void* block) {
     const auto found = std::find_if(std::begin(m_table), std::end(m_table),
                                     [block](const TMemHeader& slot) { return BlockOf(slot) == block; });

@@ -24,7 +24,7 @@ namespace {
 constexpr int kBacklog = 128;
 constexpr const char* kSilentLabel = "Return Code";
 
-/// @return 0, or -1 when the stream ends or fails before all bytes have come.
+/// @return 0, or -1 when the stream ends or fails before all bytes are read.
 int readn(int fd, char* buf, unsigned int n) {
     while (n > 0) {
         const ssize_t count = read(fd, buf, n);
@@ -37,9 +37,9 @@ int readn(int fd, char* buf, unsigned int n) {
     return 0;
 }
 
-/// Writes all parts, which it changes. Together they are one system call and one segment: a header that went out alone
-/// would hold the payload back until the peer's delayed acknowledgement.
-/// @return 0, or -1 when a write takes nothing or fails.
+/// Writes all parts and modifies them. One system call sends header and payload together: a header sent alone would
+/// delay the payload until the peer's delayed acknowledgement.
+/// @return 0, or -1 when a write accepts nothing or fails.
 int WriteParts(int fd, iovec* part, int count) {
     while (count > 0) {
         const ssize_t result = writev(fd, part, count);
@@ -67,7 +67,7 @@ sockaddr_in Address(in_addr_t ip, int port) {
     return address;
 }
 
-/// @return what select() does; -1 also for a descriptor that has no place in its set.
+/// @return the result of select(); -1 also for a descriptor that does not fit into an `fd_set`.
 int WaitUntilReadable(int fd, int seconds) {
     if (fd < 0 || fd >= FD_SETSIZE) {
         return -1;
@@ -121,7 +121,7 @@ void NetUtil::GetReply(int fd) {
 }
 
 void NetUtil::GetReply(int fd, const char* label) {
-    constexpr int kBufferSize = kMaxReplySize + 1;  // getMessage() wants the payload smaller than its buffer
+    constexpr int kBufferSize = kMaxReplySize + 1;  // getMessage() requires a payload smaller than its buffer
     const std::unique_ptr<char[]> reply(new (std::nothrow) char[kBufferSize]());
     int length = 0;
     if (reply == nullptr || getMessage(fd, reply.get(), kBufferSize, length) != 0) {

@@ -25,7 +25,7 @@ int SyslogLevel(int priority) {
 
 }  // namespace
 
-// Weak, so that a host that links the objects statically may define the call as well.
+// Weak, so that a host that links the objects statically can also define the function.
 __attribute__((weak)) int lumora_log_print(int /*buffer*/, int priority, const char* tag, const char* format, ...) {
     const int savedErrno = errno;
     va_list arguments;

@@ -9,13 +9,13 @@
 #include <ctime>
 #include <string>
 
-/// What time texts are put together from and cut into.
+/// Helpers that format time texts and cut them into pieces.
 namespace TimeText {
 
 constexpr const char* kCompactForm = "%Y%m%d%H%M%S";
 constexpr const char* kDisplayForm = "%Y-%m-%d %H:%M:%S%z";
 
-constexpr std::size_t kCompactSize = 15;  ///< with the terminator
+constexpr std::size_t kCompactSize = 15;  ///< includes the terminator
 constexpr std::size_t kDisplaySize = 25;
 
 /// Year, month, day, hour, minute and second.
@@ -25,7 +25,7 @@ using Starts = std::array<std::size_t, 6>;
 constexpr Starts kCompactStarts{0, 4, 6, 8, 10, 12};
 constexpr Starts kSqlStarts{0, 5, 8, 11, 14, 17};
 
-/// @throws std::out_of_range when a piece starts behind the end of the text.
+/// @throws std::out_of_range when a piece starts after the end of the text.
 inline Pieces Cut(const std::string& text, const Starts& starts) {
     Pieces pieces;
     for (std::size_t piece = 0; piece < pieces.size(); ++piece) {
@@ -34,13 +34,13 @@ inline Pieces Cut(const std::string& text, const Starts& starts) {
     return pieces;
 }
 
-/// @return local time; all zero for a time whose year no `int` holds.
+/// @return local time; all fields zero when the year does not fit into an `int`.
 inline std::tm Local(std::time_t seconds) {
     std::tm time{};
     return localtime_r(&seconds, &time) != nullptr ? time : std::tm{};
 }
 
-/// @return what strftime() leaves in a buffer of this size, also when it does not fit.
+/// @return what strftime() leaves in a buffer of this size, even when the text does not fit.
 template <std::size_t Size>
 std::string Format(const char* form, const std::tm& time) {
     char buffer[Size] = {};
@@ -48,7 +48,7 @@ std::string Format(const char* form, const std::tm& time) {
     return {buffer, strnlen(buffer, Size)};
 }
 
-/// @return the present moment, except for the six fields of a compact text. Year and month are as they are read.
+/// @return the present moment, with the six fields of a compact text replaced. Year and month are stored unadjusted.
 inline std::tm CutUnadjusted(const std::string& text) {
     std::tm time = Local(std::time(nullptr));
     const Pieces pieces = Cut(text, kCompactStarts);
@@ -59,7 +59,7 @@ inline std::tm CutUnadjusted(const std::string& text) {
     return time;
 }
 
-/// The same with year and month as `std::tm` counts them.
+/// The same, with year and month adjusted to `std::tm`.
 inline std::tm CutTime(const std::string& text) {
     std::tm time = CutUnadjusted(text);
     time.tm_year -= 1900;

@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <limits>
 
-/// The arithmetic of the timer service: seconds in 32 bits that wrap around instead of overflowing.
+/// The arithmetic of the timer service: 32-bit seconds that wrap around without undefined behaviour.
 namespace TimerMath {
 
 constexpr std::int32_t NextTimerId(std::int32_t last) {

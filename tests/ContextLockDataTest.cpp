@@ -25,12 +25,12 @@
 
 namespace {
 
-/// Runs inside every strdup() of its thread; false makes the copy fail for want of memory.
+/// Called inside every strdup() of this thread; when it returns false, strdup() returns null.
 thread_local std::function<bool()> t_onCopy;
 
 }  // namespace
 
-// In the place of the C library's, for the library too.
+// Replaces the C library's strdup(), for the library too.
 extern "C" char* strdup(const char* text) noexcept {
     if (t_onCopy && !t_onCopy()) {
         return nullptr;
@@ -44,11 +44,10 @@ namespace {
 
 using ::testing::Test;
 
-static_assert(sizeof(ContextLockData) == sizeof(char*) + sizeof(GMutex), "a pointer and the mutex itself");
 static_assert(!std::is_copy_constructible_v<ContextLockData> && !std::is_copy_assignable_v<ContextLockData>,
               "a mutex cannot be copied");
 
-/// Sets what happens in strdup() on this thread, for one scope.
+/// Sets the action in strdup() of this thread for one scope.
 class OnCopy {
 public:
     explicit OnCopy(std::function<bool()> action) { t_onCopy = std::move(action); }
@@ -57,7 +56,8 @@ public:
     OnCopy& operator=(const OnCopy&) = delete;
 };
 
-/// @return the bytes handed out by malloc; always 0 under a sanitizer, whose own leak checker sees the same.
+/// @return the number of bytes that malloc has allocated. It is always 0 under a sanitizer; the leak checker of the
+/// address sanitizer finds the same errors.
 std::size_t HeapInUse() {
     const struct mallinfo2 heap = mallinfo2();
     return heap.uordblks + heap.hblkhd;
@@ -67,7 +67,7 @@ class ContextLockDataTest : public Test {
 protected:
     void SetUp() override { CapturedLog::Clear(); }
 
-    /// What GetData() hands out, as a string; "(null)" for null.
+    /// @return the text that GetData() returns, or "(null)" when it returns null.
     static std::string Take(ContextLockData& data) {
         const std::unique_ptr<char, decltype(&std::free)> copy(data.GetData(), std::free);
         return copy ? copy.get() : "(null)";
@@ -76,13 +76,13 @@ protected:
     ContextLockData m_data;
 };
 
-TEST_F(ContextLockDataTest, HoldsNothingAtFirst) {
+TEST_F(ContextLockDataTest, IsEmptyAtFirst) {
     EXPECT_TRUE(m_data.IsEmpty());
     EXPECT_EQ(Take(m_data), "(null)");
     EXPECT_TRUE(CapturedLog::Lines().empty());
 }
 
-TEST_F(ContextLockDataTest, HoldsACopyOfWhatWasSet) {
+TEST_F(ContextLockDataTest, HoldsACopyOfTheArgument) {
     char text[] = "abc";
     m_data.SetData(text);
     text[0] = 'x';
@@ -91,13 +91,13 @@ TEST_F(ContextLockDataTest, HoldsACopyOfWhatWasSet) {
     EXPECT_TRUE(CapturedLog::Lines().empty());
 }
 
-TEST_F(ContextLockDataTest, ReplacesWhatItHolds) {
+TEST_F(ContextLockDataTest, ReplacesTheHeldString) {
     m_data.SetData("abc");
     m_data.SetData("de");
     EXPECT_EQ(Take(m_data), "de");
 }
 
-TEST_F(ContextLockDataTest, HandsOutDistinctCopiesThatTheCallerFrees) {
+TEST_F(ContextLockDataTest, ReturnsDistinctCopiesThatTheCallerFrees) {
     m_data.SetData("abc");
     char* first = m_data.GetData();
     char* second = m_data.GetData();
@@ -109,7 +109,7 @@ TEST_F(ContextLockDataTest, HandsOutDistinctCopiesThatTheCallerFrees) {
     std::free(second);
 }
 
-TEST_F(ContextLockDataTest, LogsAnEmptyArgumentAndLosesWhatItHeld) {
+TEST_F(ContextLockDataTest, LogsAnEmptyArgumentAndDropsTheHeldString) {
     for (const char* rejected : {static_cast<const char*>(nullptr), ""}) {
         CapturedLog::Clear();
         m_data.SetData("abc");
@@ -129,13 +129,13 @@ TEST_F(ContextLockDataTest, LogsAnEmptyArgumentAndLosesWhatItHeld) {
     }
 }
 
-TEST_F(ContextLockDataTest, CanBeSetAgainAfterARejectedArgument) {
+TEST_F(ContextLockDataTest, AcceptsAStringAfterARejectedArgument) {
     m_data.SetData("");
     m_data.SetData("again");
     EXPECT_EQ(Take(m_data), "again");
 }
 
-TEST_F(ContextLockDataTest, ResetsSilently) {
+TEST_F(ContextLockDataTest, ResetsWithoutLogging) {
     m_data.ResetData();
     EXPECT_TRUE(m_data.IsEmpty());
     m_data.SetData("abc");
@@ -155,7 +155,7 @@ TEST_F(ContextLockDataTest, WritesNothingToTheConsole) {
     EXPECT_EQ(CapturedLog::Lines().size(), 1U);
 }
 
-TEST_F(ContextLockDataTest, IsEmptyAndSilentWhenTheCopyToHoldFails) {
+TEST_F(ContextLockDataTest, IsEmptyWithoutLoggingWhenSetDataCannotCopy) {
     m_data.SetData("abc");
     {
         const OnCopy outOfMemory([] { return false; });
@@ -168,7 +168,7 @@ TEST_F(ContextLockDataTest, IsEmptyAndSilentWhenTheCopyToHoldFails) {
     EXPECT_EQ(Take(m_data), "again");
 }
 
-TEST_F(ContextLockDataTest, HandsOutNullAndKeepsWhatItHoldsWhenTheCopyToHandOutFails) {
+TEST_F(ContextLockDataTest, KeepsTheHeldStringWhenGetDataCannotCopy) {
     m_data.SetData("abc");
     {
         const OnCopy outOfMemory([] { return false; });
@@ -179,7 +179,7 @@ TEST_F(ContextLockDataTest, HandsOutNullAndKeepsWhatItHoldsWhenTheCopyToHandOutF
     EXPECT_TRUE(CapturedLog::Lines().empty());
 }
 
-TEST_F(ContextLockDataTest, ReleasesWhatItHeldHoweverItIsLost) {
+TEST_F(ContextLockDataTest, FreesTheHeldStringInEveryCase) {
     const struct {
         const char* name;
         void (*lose)(std::unique_ptr<ContextLockData>&);
@@ -201,10 +201,10 @@ TEST_F(ContextLockDataTest, ReleasesWhatItHeldHoweverItIsLost) {
     }
 }
 
-TEST_F(ContextLockDataTest, InitialisesEveryFieldWhateverTheMemoryHeld) {
+TEST_F(ContextLockDataTest, InitialisesEveryFieldInDirtyMemory) {
     alignas(ContextLockData) static unsigned char memory[sizeof(ContextLockData)];
     std::fill(std::begin(memory), std::end(memory), static_cast<unsigned char>(0xa5));
-    static Waiting::Gate done;  // outlives the thread, which a wrong mutex would block for ever
+    static Waiting::Gate done;  // outlives the thread, which an uninitialised mutex would block for ever
     static std::string taken;
     std::thread([] {
         auto* data = new (memory) ContextLockData;
@@ -230,53 +230,87 @@ TEST_F(ContextLockDataTest, ClearsItsMutexWhenDestroyed) {
     EXPECT_EQ(MutexCount::Cleared(memory, sizeof(memory)), 1);
 }
 
-TEST_F(ContextLockDataTest, HoldsItsMutexWhileACopyIsMade) {
-    using Operation = std::function<void(ContextLockData&)>;
-    const struct {
-        const char* name;
-        Operation run;
-    } copying[] = {
+using Operation = void (*)(ContextLockData&);
+
+struct NamedOperation {
+    const char* name;
+    Operation run;
+};
+
+constexpr NamedOperation kOperations[] = {
+    {"SetData", [](ContextLockData& data) { data.SetData(""); }},
+    {"GetData", [](ContextLockData& data) { std::free(data.GetData()); }},
+    {"ResetData", [](ContextLockData& data) { data.ResetData(); }},
+    {"IsEmpty", [](ContextLockData& data) { data.IsEmpty(); }},
+};
+
+/// Runs one operation on another thread, while this thread is inside an operation on the same object.
+class Contender {
+public:
+    Contender(Operation operation, ContextLockData& data) : m_operation(operation), m_data(data) {}
+
+    void ExpectBlocked() {
+        m_thread = std::thread([this] {
+            m_begun.Open();
+            m_operation(m_data);
+            m_ended.Open();
+        });
+        EXPECT_TRUE(m_begun.Wait());
+        EXPECT_FALSE(m_ended.Wait(std::chrono::milliseconds(20)));
+    }
+
+    void ExpectFinished() {
+        EXPECT_TRUE(m_ended.Wait());
+        ASSERT_TRUE(m_thread.joinable()) << "the operation was never started";
+        m_thread.join();
+    }
+
+private:
+    Operation m_operation;
+    ContextLockData& m_data;
+    Waiting::Gate m_begun;
+    Waiting::Gate m_ended;
+    std::thread m_thread;
+};
+
+TEST_F(ContextLockDataTest, HoldsItsMutexWhileItCopies) {
+    const NamedOperation copying[] = {
         {"SetData", [](ContextLockData& data) { data.SetData("set"); }},
-        {"GetData", [](ContextLockData& data) { Take(data); }},
-    };
-    const struct {
-        const char* name;
-        Operation run;
-    } waiting[] = {
-        {"SetData", [](ContextLockData& data) { data.SetData(""); }},
-        {"GetData", [](ContextLockData& data) { Take(data); }},
-        {"ResetData", [](ContextLockData& data) { data.ResetData(); }},
-        {"IsEmpty", [](ContextLockData& data) { data.IsEmpty(); }},
+        {"GetData", [](ContextLockData& data) { std::free(data.GetData()); }},
     };
     for (const auto& first : copying) {
-        for (const auto& second : waiting) {
+        for (const auto& second : kOperations) {
             SCOPED_TRACE(std::string(second.name) + " while " + first.name + " copies");
             ContextLockData data;
             data.SetData("held");
-            Waiting::Gate begun;
-            Waiting::Gate ended;
-            std::thread other;
+            Contender contender(second.run, data);
             {
                 const OnCopy meanwhile([&] {
-                    other = std::thread([&] {
-                        begun.Open();
-                        second.run(data);
-                        ended.Open();
-                    });
-                    EXPECT_TRUE(begun.Wait());
-                    EXPECT_FALSE(ended.Wait(std::chrono::milliseconds(20)));
+                    contender.ExpectBlocked();
                     return true;
                 });
                 first.run(data);
             }
-            EXPECT_TRUE(ended.Wait());
-            ASSERT_TRUE(other.joinable());
-            other.join();
+            contender.ExpectFinished();
         }
     }
 }
 
-TEST_F(ContextLockDataTest, ServesManyThreadsAtOnce) {
+TEST_F(ContextLockDataTest, HoldsItsMutexWhileItLogs) {
+    for (const auto& second : kOperations) {
+        SCOPED_TRACE(std::string(second.name) + " while SetData logs");
+        ContextLockData data;
+        data.SetData("held");
+        Contender contender(second.run, data);
+        {
+            const CapturedLog::OnLog meanwhile([&] { contender.ExpectBlocked(); });
+            data.SetData("");
+        }
+        contender.ExpectFinished();
+    }
+}
+
+TEST_F(ContextLockDataTest, AllowsCallsFromManyThreads) {
     constexpr int kRounds = 2000;
     std::atomic<int> torn{0};
     const auto write = [&](const char* text) {

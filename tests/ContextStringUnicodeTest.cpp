@@ -15,7 +15,8 @@
 #include "ContextString.h"
 #include "FailingAllocation.h"
 
-// Converters are counted, and refused on demand, by standing in front of the C library.
+// Replaces the C library's iconv_open() and iconv_close(), for the library too: counts the converters, and makes
+// opening fail on demand.
 
 namespace {
 
@@ -52,7 +53,7 @@ using namespace std::string_literals;
 using Messages = std::vector<std::string>;
 using Units = std::basic_string<unsigned short>;
 
-/// Units from their bytes in memory.
+/// @return the units that have these bytes in memory.
 Units FromBytes(const std::string& bytes) {
     Units units(bytes.size() / 2, 0);
     std::memcpy(units.data(), bytes.data(), units.size() * 2);
@@ -68,7 +69,7 @@ void AppendUnit(std::string& bytes, unsigned int unit) {
     bytes += static_cast<char>(unit & 0xFF);
 }
 
-/// UTF-16 in big-endian byte order.
+/// Appends a character as UTF-16 in big-endian byte order.
 void AppendUtf16(std::string& bytes, unsigned int character) {
     if (character < 0x10000) {
         AppendUnit(bytes, character);
@@ -111,7 +112,8 @@ protected:
         g_isRefusing = false;
     }
 
-    /// Converts into the first `size` bytes of a buffer full of '#'. @return the result and the whole buffer.
+    /// Converts `source` into the first `size` bytes of a buffer full of '#'.
+    /// @return the result and the whole buffer.
     static std::pair<bool, std::string> Convert(std::string source, unsigned int size, std::size_t bufferSize = 12) {
         const std::string before = source;
         std::string buffer(bufferSize, '#');
@@ -121,7 +123,8 @@ protected:
         return {result, buffer};
     }
 
-    /// @return the bytes of a text, its terminator and some more units after line breaks were removed.
+    /// Removes the line breaks from the text at the start of `bytes`.
+    /// @return all the bytes: of the text, of its terminator and of any units after it.
     static std::string WithoutLineBreaks(const std::string& bytes) {
         Units units = FromBytes(bytes);
         ContextString::TransStrExceptLF(units.data());
@@ -137,20 +140,20 @@ TEST_F(ContextStringUnicodeTest, ConvertsUtf16InBigEndianByteOrder) {
     const struct {
         const char* name;
         std::string source;
-        const char* destination;  ///< all of it
+        const char* destination;  ///< the whole buffer
     } rows[] = {
         {"one byte", "\0A\0~"s, "A~##########"},
         {"two bytes", "\0\xE4\x07\xFF"s, "\xC3\xA4\xDF\xBF########"},
         {"three bytes", "\x08\0\xD5\x5C\xFF\xFD"s, "\xE0\xA0\x80\xED\x95\x9C\xEF\xBF\xBD###"},
         {"a surrogate pair", "\xD8\x3D\xDE\0"s, "\xF0\x9F\x98\x80########"},
-        {"little-endian bytes are other characters", "A\0B\0"s, "\xE4\x84\x80\xE4\x88\x80######"},
-        {"a byte order mark is a character", "\xFE\xFF\0A"s,
+        {"little-endian bytes", "A\0B\0"s, "\xE4\x84\x80\xE4\x88\x80######"},
+        {"a byte order mark", "\xFE\xFF\0A"s,
          "\xEF\xBB\xBF"
          "A########"},
-        {"a swapped one is another", "\xFF\xFE\0A"s,
+        {"a swapped byte order mark", "\xFF\xFE\0A"s,
          "\xEF\xBF\xBE"
          "A########"},
-        {"line breaks stay", "\0\r\0\n"s, "\r\n##########"},
+        {"line breaks", "\0\r\0\n"s, "\r\n##########"},
         {"no source", "", "############"},
     };
     for (const auto& row : rows) {
@@ -161,16 +164,16 @@ TEST_F(ContextStringUnicodeTest, ConvertsUtf16InBigEndianByteOrder) {
     EXPECT_TRUE(CapturedLog::Lines().empty());
 }
 
-TEST_F(ContextStringUnicodeTest, ConvertsZeroUnitsLikeAnyOtherAndAddsNone) {
+TEST_F(ContextStringUnicodeTest, ConvertsZeroUnitsAndAddsNoTerminator) {
     EXPECT_EQ(Convert("\0A\0\0\0B"s, 12), std::make_pair(true, "A\0B#########"s));
 }
 
-TEST_F(ContextStringUnicodeTest, FillsADestinationToItsLastByte) {
+TEST_F(ContextStringUnicodeTest, FillsTheDestinationToItsLastByte) {
     EXPECT_EQ(Convert("\0A\xD5\x5C"s, 4, 4), std::make_pair(true, "A\xED\x95\x9C"s));
     EXPECT_TRUE(CapturedLog::Lines().empty());
 }
 
-TEST_F(ContextStringUnicodeTest, LogsTheErrorNumberOfAFailureAndKeepsWhatWasConverted) {
+TEST_F(ContextStringUnicodeTest, LogsTheErrorAndKeepsThePartialConversion) {
     const struct {
         const char* name;
         std::string source;
@@ -180,10 +183,10 @@ TEST_F(ContextStringUnicodeTest, LogsTheErrorNumberOfAFailureAndKeepsWhatWasConv
     } rows[] = {
         {"a full destination", "\0A\xD5\x5C\0B"s, 3, E2BIG, "A###########"},
         {"no destination", "\0A"s, 0, E2BIG, "############"},
-        {"half a pair at the end", "\0A\xD8\x3D"s, 12, EINVAL, "A###########"},
-        {"half a unit at the end", "\0A\0"s, 12, EINVAL, "A###########"},
-        {"half a pair before another character", "\0A\xD8\x3D\0B"s, 12, EILSEQ, "A###########"},
-        {"the second half first", "\0A\xDE\0\0B"s, 12, EILSEQ, "A###########"},
+        {"a high surrogate at the end", "\0A\xD8\x3D"s, 12, EINVAL, "A###########"},
+        {"an odd byte at the end", "\0A\0"s, 12, EINVAL, "A###########"},
+        {"a high surrogate before another character", "\0A\xD8\x3D\0B"s, 12, EILSEQ, "A###########"},
+        {"a low surrogate alone", "\0A\xDE\0\0B"s, 12, EILSEQ, "A###########"},
     };
     for (const auto& row : rows) {
         CapturedLog::Clear();
@@ -199,7 +202,7 @@ TEST_F(ContextStringUnicodeTest, LogsTheErrorNumberOfAFailureAndKeepsWhatWasConv
     EXPECT_EQ(g_opened, static_cast<int>(std::size(rows)));
 }
 
-TEST_F(ContextStringUnicodeTest, ReportsASystemWithoutTheConverter) {
+TEST_F(ContextStringUnicodeTest, LogsAConverterThatCannotBeOpened) {
     g_isRefusing = true;
     EXPECT_EQ(Convert("\0A"s, 12), std::make_pair(false, "############"s));
     const std::vector<CapturedLog::Line> lines = CapturedLog::Lines();
@@ -212,7 +215,7 @@ TEST_F(ContextStringUnicodeTest, ReportsASystemWithoutTheConverter) {
 
 // TransStrExceptLF
 
-TEST_F(ContextStringUnicodeTest, RemovesLineBreaksInPlaceAndZeroesTheUnitsBehind) {
+TEST_F(ContextStringUnicodeTest, RemovesLineBreaksAndFillsTheEndWithZeros) {
     const struct {
         const char* name;
         std::string before;
@@ -221,15 +224,15 @@ TEST_F(ContextStringUnicodeTest, RemovesLineBreaksInPlaceAndZeroesTheUnitsBehind
         {"line feed", "\0A\0\n\0B\0\0"s, "\0A\0B\0\0\0\0"s},
         {"carriage return", "\0A\0\r\0B\0\0"s, "\0A\0B\0\0\0\0"s},
         {"both, adjacent", "\0\r\0\n\0A\0\n\0\n\0\0"s, "\0A\0\0\0\0\0\0\0\0\0\0"s},
-        {"nothing else", "\0\r\0\n\0\n\0\0"s, "\0\0\0\0\0\0\0\0"s},
-        {"none", "\0A\0B\0\0"s, "\0A\0B\0\0"s},
+        {"line breaks only", "\0\r\0\n\0\n\0\0"s, "\0\0\0\0\0\0\0\0"s},
+        {"no line break", "\0A\0B\0\0"s, "\0A\0B\0\0"s},
         {"empty", "\0\0"s, "\0\0"s},
-        {"other controls", "\0\t\0\v\0\f\0\x1F\0\x85\x20\x28\0\0"s, "\0\t\0\v\0\f\0\x1F\0\x85\x20\x28\0\0"s},
+        {"other control characters", "\0\t\0\v\0\f\0\x1F\0\x85\x20\x28\0\0"s, "\0\t\0\v\0\f\0\x1F\0\x85\x20\x28\0\0"s},
         {"little-endian line breaks", "A\0\n\0\r\0\0\0"s, "A\0\n\0\r\0\0\0"s},
-        {"other units with their bytes", "\x0A\x0A\x0D\x0D\x01\x0A\x0D\x0A\0\0"s,
+        {"line break bytes in other units", "\x0A\x0A\x0D\x0D\x01\x0A\x0D\x0A\0\0"s,
          "\x0A\x0A\x0D\x0D\x01\x0A\x0D\x0A\0\0"s},
         {"the text ends at its zero unit", "\0A\0\0\0\n\0B"s, "\0A\0\0\0\n\0B"s},
-        {"units behind it stay", "\0\n\0A\0\0\0\n\0B"s, "\0A\0\0\0\0\0\n\0B"s},
+        {"units after the terminator stay", "\0\n\0A\0\0\0\n\0B"s, "\0A\0\0\0\0\0\n\0B"s},
     };
     for (const auto& row : rows) {
         EXPECT_EQ(WithoutLineBreaks(row.before), row.after) << row.name;
@@ -237,7 +240,7 @@ TEST_F(ContextStringUnicodeTest, RemovesLineBreaksInPlaceAndZeroesTheUnitsBehind
     EXPECT_TRUE(CapturedLog::Lines().empty());
 }
 
-TEST_F(ContextStringUnicodeTest, ZeroesTheUnitsBehindWhateverTheHeapHeld) {
+TEST_F(ContextStringUnicodeTest, FillsTheEndWithZerosOnADirtyHeap) {
     constexpr std::size_t kLength = 100;
     std::string bytes;
     for (std::size_t unit = 0; unit < kLength; ++unit) {
@@ -245,7 +248,7 @@ TEST_F(ContextStringUnicodeTest, ZeroesTheUnitsBehindWhateverTheHeapHeld) {
     }
     bytes += "\0\0"s;
     {
-        // Leaves a block of the size of the scratch array behind that holds no zeros.
+        // Frees a block that has the size of the scratch array and contains no zeros.
         const std::unique_ptr<unsigned char[]> used(new (std::nothrow) unsigned char[bytes.size()]);
         std::memset(used.get(), 0xFF, bytes.size());
     }
@@ -257,7 +260,7 @@ TEST_F(ContextStringUnicodeTest, ZeroesTheUnitsBehindWhateverTheHeapHeld) {
     EXPECT_EQ(WithoutLineBreaks(bytes), expected);
 }
 
-TEST_F(ContextStringUnicodeTest, WarnsOfANullText) {
+TEST_F(ContextStringUnicodeTest, WarnsAboutANullText) {
     ContextString::TransStrExceptLF(nullptr);
     const std::vector<CapturedLog::Line> lines = CapturedLog::Lines();
     ASSERT_EQ(lines.size(), 1U);
@@ -267,7 +270,7 @@ TEST_F(ContextStringUnicodeTest, WarnsOfANullText) {
     EXPECT_EQ(lines[0].format, "srv Is NUll");
 }
 
-TEST_F(ContextStringUnicodeTest, WarnsAndLeavesTheTextWhenMemoryRunsOut) {
+TEST_F(ContextStringUnicodeTest, WarnsAndKeepsLineBreaksWhenOutOfMemory) {
     const std::string bytes = "\0A\0\n\0B\0\0"s;
     {
         const FailingAllocation failing;
@@ -282,7 +285,7 @@ TEST_F(ContextStringUnicodeTest, WarnsAndLeavesTheTextWhenMemoryRunsOut) {
 
 // Twstring2String
 
-TEST_F(ContextStringUnicodeTest, GivesUtf8WithoutLineBreaks) {
+TEST_F(ContextStringUnicodeTest, ReturnsUtf8WithoutLineBreaks) {
     const struct {
         const char* name;
         std::string bytes;
@@ -293,11 +296,12 @@ TEST_F(ContextStringUnicodeTest, GivesUtf8WithoutLineBreaks) {
         {"a tab stays", "\0A\0\t\0B"s, "A\tB"},
         {"line breaks only", "\0\n\0\r\0\n"s, ""},
         {"one character of three bytes", "\xD5\x5C"s, "\xED\x95\x9C"},
-        {"a pair", "\xD8\x3D\xDE\0"s, "\xF0\x9F\x98\x80"},
-        {"a pair behind line breaks", "\0\n\0\n\0\n\xD8\x3D\xDE\0"s, "\xF0\x9F\x98\x80"},
-        {"pairs among line breaks", "\0\n\xD8\x3D\xDE\0\0\r\xD8\x3D\xDE\x01"s, "\xF0\x9F\x98\x80\xF0\x9F\x98\x81"},
+        {"a surrogate pair", "\xD8\x3D\xDE\0"s, "\xF0\x9F\x98\x80"},
+        {"a surrogate pair after line breaks", "\0\n\0\n\0\n\xD8\x3D\xDE\0"s, "\xF0\x9F\x98\x80"},
+        {"surrogate pairs between line breaks", "\0\n\xD8\x3D\xDE\0\0\r\xD8\x3D\xDE\x01"s,
+         "\xF0\x9F\x98\x80\xF0\x9F\x98\x81"},
         {"little-endian bytes", "A\0\n\0B\0"s, "\xE4\x84\x80\xE0\xA8\x80\xE4\x88\x80"},
-        {"only up to a zero unit", "\0A\0\0\0B"s, "A"},
+        {"a zero unit ends the text", "\0A\0\0\0B"s, "A"},
         {"a zero unit first", "\0\0\0A"s, ""},
     };
     for (const auto& row : rows) {
@@ -307,20 +311,20 @@ TEST_F(ContextStringUnicodeTest, GivesUtf8WithoutLineBreaks) {
     EXPECT_EQ(g_opened, static_cast<int>(std::size(rows)));
 }
 
-TEST_F(ContextStringUnicodeTest, GivesAnEmptyTextForAnEmptyOneWithoutConverting) {
+TEST_F(ContextStringUnicodeTest, ReturnsAnEmptyTextWithoutConvertingIt) {
     EXPECT_EQ(ContextString::Twstring2String({}), "");
     EXPECT_EQ(g_opened, 0);
     EXPECT_TRUE(CapturedLog::Lines().empty());
 }
 
-TEST_F(ContextStringUnicodeTest, ConvertsEveryCharacterThereIs) {
+TEST_F(ContextStringUnicodeTest, ConvertsEveryUnicodeCharacter) {
     constexpr unsigned int kEnd = 0x110000;
     for (unsigned int character = 1; character < kEnd;) {
         std::string utf16;
         std::string utf8;
         for (const unsigned int block = character / 0x800; character / 0x800 == block; ++character) {
             if (block == 0xD800 / 0x800) {
-                continue;  // surrogates are no characters
+                continue;  // surrogates are not characters
             }
             AppendUtf16(utf16, character);
             if (character != '\n' && character != '\r') {
@@ -332,7 +336,7 @@ TEST_F(ContextStringUnicodeTest, ConvertsEveryCharacterThereIs) {
     EXPECT_TRUE(CapturedLog::Lines().empty());
 }
 
-TEST_F(ContextStringUnicodeTest, HasRoomForTheLongestTextOfEveryLength) {
+TEST_F(ContextStringUnicodeTest, HasRoomForTheLongestOutputOfEveryLength) {
     for (const auto& [unit, character] :
          {std::make_pair("\xFF\xFD"s, "\xEF\xBF\xBD"s), std::make_pair("\xDB\xFF\xDF\xFD"s, "\xF4\x8F\xBF\xBD"s)}) {
         std::string utf16;
@@ -345,17 +349,17 @@ TEST_F(ContextStringUnicodeTest, HasRoomForTheLongestTextOfEveryLength) {
     }
 }
 
-TEST_F(ContextStringUnicodeTest, LogsInBothLayersWhenATextIsNotValid) {
+TEST_F(ContextStringUnicodeTest, LogsTwiceWhenTheTextIsInvalid) {
     const struct {
         const char* name;
         std::string bytes;
     } rows[] = {
-        {"half a pair at the end", "\0A\xD8\x3D"s},
-        {"half a pair alone", "\xD8\x3D"s},
-        {"half a pair at the end, behind a line break", "\0\n\xD8\x3D"s},
-        {"half a pair within", "\xD8\x3D\0A"s},
-        {"the second half first", "\xDE\0\xD8\x3D"s},
-        {"half a pair behind a zero unit", "\0A\0\0\xD8\x3D"s},
+        {"a high surrogate at the end", "\0A\xD8\x3D"s},
+        {"a high surrogate alone", "\xD8\x3D"s},
+        {"a high surrogate after a line break", "\0\n\xD8\x3D"s},
+        {"a high surrogate before another character", "\xD8\x3D\0A"s},
+        {"a low before a high surrogate", "\xDE\0\xD8\x3D"s},
+        {"a high surrogate after a zero unit", "\0A\0\0\xD8\x3D"s},
     };
     for (const auto& row : rows) {
         CapturedLog::Clear();
@@ -370,13 +374,13 @@ TEST_F(ContextStringUnicodeTest, LogsInBothLayersWhenATextIsNotValid) {
     EXPECT_EQ(g_opened, static_cast<int>(std::size(rows)));
 }
 
-TEST_F(ContextStringUnicodeTest, LogsInBothLayersOnASystemWithoutTheConverter) {
+TEST_F(ContextStringUnicodeTest, LogsTwiceWhenTheConverterCannotBeOpened) {
     g_isRefusing = true;
     EXPECT_EQ(ToString("\0A"s), "");
     EXPECT_EQ(CapturedLog::Messages(), (Messages{"E Iconv open failed", "E convert name failed"}));
 }
 
-TEST_F(ContextStringUnicodeTest, GivesAnEmptyTextSilentlyWhenMemoryForABufferRunsOut) {
+TEST_F(ContextStringUnicodeTest, ReturnsAnEmptyTextWhenABufferCannotBeAllocated) {
     for (const int allowed : {0, 1}) {
         const Units text = FromBytes("\0A\0\n\0B"s);
         const FailingAllocation failing(allowed, /*failures=*/1);
@@ -386,14 +390,14 @@ TEST_F(ContextStringUnicodeTest, GivesAnEmptyTextSilentlyWhenMemoryForABufferRun
     EXPECT_EQ(g_opened, 0);
 }
 
-TEST_F(ContextStringUnicodeTest, KeepsLineBreaksWhenMemoryToRemoveThemRunsOut) {
+TEST_F(ContextStringUnicodeTest, KeepsLineBreaksWhenScratchCannotBeAllocated) {
     const Units text = FromBytes("\0A\0\n\0B"s);
     const FailingAllocation failing(/*allowed=*/2);
     EXPECT_EQ(ContextString::Twstring2String(text), "A\nB");
     EXPECT_EQ(CapturedLog::Messages(), (Messages{"W new uint16_t[nLen] failed!"}));
 }
 
-TEST_F(ContextStringUnicodeTest, LeavesTheTextOfTheCallerAsItIs) {
+TEST_F(ContextStringUnicodeTest, LeavesTheCallersTextUnchanged) {
     const Units text = FromBytes("\0A\0\n\0B"s);
     const Units before(text.data(), text.size());
     EXPECT_EQ(ContextString::Twstring2String(text), "AB");

@@ -13,11 +13,11 @@
 
 #include "ContextData.h"
 
-// The one program that does not supply the log call: it reads what the default hands to the system.
+// The only test program that keeps the library's default log call. It reads the datagrams sent to the system log.
 
 namespace {
 
-/// Stands where the system's log daemon would, at /dev/log of the test's own /dev.
+/// Plays the system's log daemon: listens at /dev/log in the test's private /dev.
 class SystemLogTest : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -36,7 +36,7 @@ protected:
         unlink("/dev/log");
     }
 
-    /// @return the next datagram, or "" when none comes within the bound.
+    /// @return the next datagram, or "" when none arrives within 10 s.
     std::string Receive() const {
         pollfd ready{m_socket, POLLIN, 0};
         if (poll(&ready, 1, /*timeout=*/10000) <= 0) {
@@ -54,7 +54,7 @@ bool EndsWith(const std::string& text, const std::string& end) {
     return text.size() >= end.size() && text.compare(text.size() - end.size(), end.size(), end) == 0;
 }
 
-TEST_F(SystemLogTest, ReceivesWhatTheLibraryLogs) {
+TEST_F(SystemLogTest, SendsLibraryMessagesToSyslog) {
     ContextData document;
     EXPECT_FALSE(document.MakeData(nullptr));
     const std::string datagram = Receive();
@@ -63,10 +63,10 @@ TEST_F(SystemLogTest, ReceivesWhatTheLibraryLogs) {
     EXPECT_TRUE(EndsWith(datagram, ") > input is null")) << datagram;
 }
 
-TEST_F(SystemLogTest, MapsEveryPriorityToItsSyslogLevel) {
+TEST_F(SystemLogTest, MapsEachPriorityToASyslogLevel) {
     const struct {
         int priority;
-        const char* head;  // facility user (8) plus the level
+        const char* head;  // facility user (8) plus level
     } rows[] = {
         {LUMORA_LOG_DEBUG, "<15>"},
         {LUMORA_LOG_INFO, "<14>"},
@@ -82,13 +82,13 @@ TEST_F(SystemLogTest, MapsEveryPriorityToItsSyslogLevel) {
     }
 }
 
-TEST_F(SystemLogTest, PassesLongTextsAndPercentSignsWhole) {
+TEST_F(SystemLogTest, PassesLongTextsAndPercentSignsUnchanged) {
     const std::string text = std::string(5000, 'x') + "%s%n";
     EXPECT_EQ(lumora_log_print(LUMORA_LOG_BUFFER_MAIN, LUMORA_LOG_INFO, "TAG", "%s", text.c_str()), 5004);
     EXPECT_TRUE(EndsWith(Receive(), ": TAG: " + text));
 }
 
-TEST_F(SystemLogTest, LeavesTheErrorNumberAsItWas) {
+TEST_F(SystemLogTest, PreservesTheErrorNumber) {
     errno = EDOM;
     lumora_log_print(LUMORA_LOG_BUFFER_MAIN, LUMORA_LOG_INFO, "TAG", "text");
     EXPECT_EQ(errno, EDOM);

@@ -3,7 +3,7 @@
 
 #include <cstdio>
 
-// Learns three uses of two units, and prints which was used longest.
+// Learns three uses of two units and ranks the units by total time of use.
 int main() {
     CCuratorAgent agent(CURATOR_AGENT_MFU, /*maxResult=*/10, /*minDuration=*/0);
     const struct {

@@ -7,7 +7,7 @@
 
 using Rows = std::vector<std::map<std::string, std::string>>;
 
-// A failed write wipes the file, so both statements are ones that cannot fail on a sound disk.
+// A failed write wipes the file: neither of these statements can fail on a sound disk.
 constexpr const char* kCreate =
     "CREATE TABLE IF NOT EXISTS usage (unit TEXT, start INTEGER, seconds INTEGER, UNIQUE (start, unit))";
 constexpr const char* kInsert = "INSERT OR IGNORE INTO usage VALUES (?, ?, ?)";

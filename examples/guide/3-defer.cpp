@@ -14,7 +14,7 @@ constexpr const char* kInsert = "INSERT OR IGNORE INTO usage VALUES (?, ?, ?)";
 
 void Store(ContextDatabase& database, const std::string& unit, int start, int seconds) {
     ContextDatabase::ValueList values;
-    database.SetQueryValue(values, unit);  // a std::string: copied, so it may go before the flush
+    database.SetQueryValue(values, unit);  // copied: a std::string may be destroyed before the flush
     database.SetQueryValue(values, start);
     database.SetQueryValue(values, seconds);
     database.ExecuteQuery(kInsert, values, /*immediate=*/false);
@@ -26,7 +26,7 @@ int Count(ContextDatabase& database) {
     return rows.empty() ? 0 : ContextString::string2int(rows.front()["n"]);
 }
 
-// What is deferred is lost with the object: a host that ends waits for its last flush.
+// Waits for the last flush: what is still deferred when the database object is destroyed is lost.
 bool WaitFor(ContextDatabase& database, int count) {
     for (int tries = 0; tries < 1000; ++tries) {
         if (Count(database) == count) {

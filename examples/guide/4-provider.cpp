@@ -8,7 +8,7 @@
 
 enum UsageCode : int { USAGE_RECORD = 0, USAGE_END = 1 };
 
-/// A module that knows how long one unit was used each day.
+/// A module that reports how long one unit was used each day.
 class UsageProvider : public CBaseProvider {
 public:
     UsageProvider(IProvider* host, const char* subject) : CBaseProvider(host), m_subject(subject) {
@@ -29,7 +29,7 @@ private:
     const char* m_subject;
 };
 
-/// Learns what its providers publish. All of it happens on the thread that publishes.
+/// Learns what its providers publish, on the thread that publishes.
 class Host : public IProvider {
 public:
     bool HasEverythingArrived() { return m_arrivals.Check(); }
@@ -47,7 +47,7 @@ public:
         }
         ContextData use;
         if (!use.MakeData(data)) {
-            return;  // logged
+            return;  // MakeData() has logged it
         }
         CuratorBaseData record;
         record.SetUnitId(subject);
@@ -56,7 +56,7 @@ public:
         m_agent.LearnHistory(record);
     }
 
-    // Nothing else is on offer here.
+    // This host offers nothing else.
     void Publish(const char*, int, void*, IProvider*) override {}
     int ProviderRequest(const char*, const char*, IProvider*, void*) override { return -1; }
     int ProviderResponse(const char*, int, const char*, IProvider*, void*) override { return -1; }

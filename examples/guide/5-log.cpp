@@ -8,8 +8,8 @@
 
 using Rows = std::vector<std::map<std::string, std::string>>;
 
-// The host's own log call takes the place of the library's. It may be called from any thread, with locks held: it
-// writes, and calls nothing back. The text behind the prefix of file, function and line is what it shows.
+// Replaces the library's log call. It may be called from any thread, with locks held: it writes, and does not call
+// the library. It prints the text after the prefix of file, function and line.
 int lumora_log_print(int /*buffer*/, int priority, const char* /*tag*/, const char* format, ...) {
     char line[512];
     va_list arguments;

@@ -3,32 +3,26 @@
 #include <ContextData.h>
 #include <ContextDatabase.h>
 #include <ContextString.h>
-#include <ContextThread.h>
 #include <ContextTimer.h>
-#include <NetUtil.h>
 #include <Provider/BaseProvider.h>
 #include <Provider/CuratorAgent.h>
-#include <arpa/inet.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <csignal>
 #include <cstdio>
 #include <memory>
 #include <string>
 
-using Network::NetUtil;
+#include "Answer.h"
+
 using Rows = std::vector<std::map<std::string, std::string>>;
 
-constexpr int kSecond = 1;  // of the flush, of learning anew, and of waiting for a client
+constexpr int kSecond = 1;  // interval of the flush and of learning
 constexpr const char* kCreate =
     "CREATE TABLE IF NOT EXISTS usage (unit TEXT, start INTEGER, seconds INTEGER, UNIQUE (start, unit))";
 constexpr const char* kInsert = "INSERT OR IGNORE INTO usage VALUES (?, ?, ?)";
 
-/// Stores what providers publish, learns anew what is stored, and answers with the ranking.
-///
-/// Providers publish on any thread; the database flushes on its own; a timer learns; a worker answers.
-class Host : public IProvider, public ContextThread {
+/// Stores what providers publish, learns it again every second, and answers with the ranking.
+class Host : public IProvider, public AnswerServer {
 public:
     Host() : m_database("guide.db", kCreate, kSecond) { g_mutex_init(&m_mutex); }
     ~Host() override {
@@ -36,36 +30,31 @@ public:
         g_mutex_clear(&m_mutex);
     }
 
-    /// @return the port where it answers, or -1.
+    /// Opens the port and starts the threads.
+    /// @return the port, or -1.
     int Open() {
-        m_listener = NetUtil::BindPort(0);
-        sockaddr_in address{};
-        socklen_t size = sizeof(address);
-        if (!m_database.IsRunning() || m_listener < 0 || listen(m_listener, SOMAXCONN) != 0 ||
-            getsockname(m_listener, reinterpret_cast<sockaddr*>(&address), &size) != 0) {
+        const int port = m_database.IsRunning() ? Listen() : -1;
+        if (port < 0) {
             return -1;
         }
         m_timer.Start();
         m_learning = m_timer.SetTimer(
-            kSecond, [](int, void* host) { static_cast<Host*>(host)->LearnAnew_(); }, this);
+            kSecond, [](int, void* host) { static_cast<Host*>(host)->LearnAgain_(); }, this);
         Start();
-        return ntohs(address.sin_port);
+        return port;
     }
 
-    /// Ends the threads, those that use the members first; the members follow.
+    /// Stops the threads before the members that they use are destroyed.
     void Close() {
         if (IsRuning()) {
             Stop();
             m_timer.KillTimer(m_learning);
             m_timer.Stop();
         }
-        if (m_listener >= 0) {
-            close(m_listener);
-            m_listener = -1;
-        }
     }
 
-    /// Waits until that many uses are in the file and learnt.
+    /// Waits until that many uses are stored and learnt.
+    /// @return false after about ten seconds.
     bool WaitForUses(std::size_t count) {
         for (int tries = 0; tries < 1000; ++tries) {
             {
@@ -84,7 +73,7 @@ public:
     void Publish(const char* subject, int /*code*/, const char* data, IProvider* /*provider*/) override {
         ContextData use;
         if (!use.MakeData(data)) {
-            return;  // logged
+            return;  // MakeData() has logged it
         }
         ContextDatabase::ValueList values;
         m_database.SetQueryValue(values, std::string(subject));
@@ -93,7 +82,7 @@ public:
         m_database.ExecuteQuery(kInsert, values, /*immediate=*/false);
     }
 
-    // Nothing else is on offer here.
+    // This host offers nothing else.
     void Publish(const char*, int, void*, IProvider*) override {}
     int ProviderRequest(const char*, const char*, IProvider*, void*) override { return -1; }
     int ProviderResponse(const char*, int, const char*, IProvider*, void*) override { return -1; }
@@ -104,8 +93,8 @@ public:
     bool KillTimer(int) override { return false; }
 
 private:
-    // On the timer's event thread. Only the exchange is under the mutex, so that nobody waits for the file.
-    void LearnAnew_() {
+    // Runs on the timer's event thread. Holds the mutex only for the exchange: no client waits for the database.
+    void LearnAgain_() {
         Rows rows;
         m_database.SelectQuery("SELECT unit, start, seconds FROM usage ORDER BY start", {}, rows);
         auto agent = std::make_unique<CCuratorAgent>(CURATOR_AGENT_MFU, /*maxResult=*/10, /*minDuration=*/60);
@@ -121,29 +110,8 @@ private:
         m_learntUses = rows.size();
     }
 
-    // On the worker.
-    void OnThread() override {
-        while (IsRuning()) {
-            const int client = NetUtil::AcceptNewSocket(m_listener, kSecond);
-            if (client >= 0) {
-                Answer_(client);
-                close(client);
-            }
-        }
-    }
-
-    void Answer_(int client) {
-        char request[64];
-        int length = 0;
-        while (NetUtil::getMessage(client, request, sizeof(request), length) == 0) {
-            std::string answer = Ranking_();
-            if (NetUtil::sendMessage(client, answer.data(), static_cast<int>(answer.size())) != 0) {
-                return;
-            }
-        }
-    }
-
-    std::string Ranking_() {
+    // Runs on the worker.
+    std::string Answer() override {
         ContextAutoLock lock(&m_mutex);
         const std::list<CuratorBaseData> ranking = m_agent ? m_agent->RunCurate() : std::list<CuratorBaseData>();
         return CurationResult2JsonData(ranking, CuratorData2ContextData);
@@ -152,9 +120,8 @@ private:
     ContextDatabase m_database;
     ContextTimer m_timer;
     TimerId m_learning = 0;
-    int m_listener = -1;
     GMutex m_mutex;
-    std::unique_ptr<CCuratorAgent> m_agent;  ///< guarded by m_mutex; null until something was learnt
+    std::unique_ptr<CCuratorAgent> m_agent;  ///< guarded by m_mutex; null until the timer first fires
     std::size_t m_learntUses = 0;            ///< guarded by m_mutex
 };
 

@@ -3,7 +3,7 @@
 
 #include <cstdio>
 
-// Action 0 pays in one case of four, action 1 in three.
+// Action 0 pays in one round of four, action 1 in three of four.
 int RewardOf(int action, int round) {
     return action == 1 ? round % 4 != 0 : round % 4 == 0;
 }

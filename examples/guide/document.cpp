@@ -9,15 +9,15 @@ int main() {
     use.SetValue("seconds", 600);
     std::fputs(use.MakeStr(), stdout);
 
-    use.GetValueInt("volume");  // not there: the getter puts a null in its place
+    use.GetValueInt("volume");  // absent: the getter inserts a null
     std::fputs(use.MakeStr(), stdout);
-    use.IsValid("volume");  // takes it away again
+    use.IsValid("volume");  // removes the null
     std::fputs(use.MakeStr(), stdout);
 
     ContextData day;
     day.SetValue("uses", use);  // appends, so "uses" is an array
     day.SetValue("uses", use);
-    ContextData second = day.GetValuePtr("uses", 1);  // a view: writing through it changes the day
+    ContextData second = day.GetValuePtr("uses", 1);  // a view: writing to it changes `day`
     second.SetValue("seconds", 1200);
     std::fputs(day.MakeStr(), stdout);
     std::printf("%d uses\n", day.GetSize("uses"));

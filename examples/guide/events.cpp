@@ -23,5 +23,5 @@ int main() {
     worker.PushEvent(EVENT_WORK, sweep, /*priority=*/10);
     worker.PushEvent(EVENT_WORK, ring, /*priority=*/1);
     worker.Start();
-    worker.Stop();  // serves what waits, then joins
+    worker.Stop();  // serves the queued events, then joins
 }

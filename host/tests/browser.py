@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""A browser without a window, driven through the WebDriver protocol."""
+"""A headless browser, controlled through the WebDriver protocol."""
 import base64
 import http.client
 import json
@@ -21,7 +21,7 @@ class Browser:
     def __init__(self, driver, browser, language="en-US", zone="UTC"):
         self._folder = tempfile.TemporaryDirectory(ignore_cleanup_errors=True)
         log = pathlib.Path(self._folder.name) / "driver.log"
-        # It tells the port that it was given on its standard output.
+        # The driver prints the port that the system has chosen.
         with open(log, "wb") as output:
             self._driver = subprocess.Popen([driver, "--port=0"], stdout=output, stderr=subprocess.STDOUT,
                                             stdin=subprocess.DEVNULL, start_new_session=True,
@@ -48,7 +48,7 @@ class Browser:
             if getattr(self, "_session", ""):
                 self._call("DELETE", "")
         finally:
-            os.killpg(self._driver.pid, signal.SIGKILL)  # the browser is its child, in a group of ours
+            os.killpg(self._driver.pid, signal.SIGKILL)  # the driver and its browser, in their own group
             self._driver.wait(timeout=BOUND)
             self._folder.cleanup()
 
@@ -69,13 +69,13 @@ class Browser:
             raise RuntimeError(answer["error"] + ": " + answer["message"])
         return answer
 
-    # What a viewer does.
+    # Actions of a viewer.
 
     def open(self, path):
         self._call("POST", "/url", {"url": pathlib.Path(path).resolve().as_uri()})
 
     def resize(self, width, height, dark=False, media="", reduced=False):
-        """Takes a screen of that size and a viewer of that taste."""
+        """Emulates a screen and the preferences of a viewer."""
         self.devtools("Emulation.setDeviceMetricsOverride", width=width, height=height, deviceScaleFactor=1,
                       mobile=width < 500)
         self.devtools("Emulation.setEmulatedMedia", media=media, features=[
@@ -83,7 +83,7 @@ class Browser:
             {"name": "prefers-reduced-motion", "value": "reduce" if reduced else "no-preference"}])
 
     def press(self, *keys):
-        """Presses the keys together."""
+        """Presses the keys at the same time."""
         codes = [KEYS[key] for key in keys]
         self._call("POST", "/actions", {"actions": [{"type": "key", "id": "keys", "actions": [
             *({"type": "keyDown", "value": code} for code in codes),
@@ -103,22 +103,19 @@ class Browser:
     def devtools(self, command, **parameters):
         return self._call("POST", "/goog/cdp/execute", {"cmd": command, "params": parameters})
 
-    # What comes of it.
-
-    def picture(self):
-        return base64.b64decode(self._call("GET", "/screenshot"))
+    # Observations.
 
     def paper(self):
-        """The page as it is printed, a PDF."""
+        """The printed page, as a PDF."""
         return base64.b64decode(self._call("POST", "/print", {"background": False,
                                                               "page": {"width": 21.0, "height": 29.7}}))
 
     def complaints(self):
-        """What the console has got since the last call."""
+        """The messages of the console since the last call."""
         return [entry["message"] for entry in self._call("POST", "/se/log", {"type": "browser"})]
 
     def requests(self):
-        """The addresses that were asked for since the last call, but for those of the browser's own pages."""
+        """The addresses requested since the last call, except by the browser's own pages."""
         events = [json.loads(entry["message"])["message"]
                   for entry in self._call("POST", "/se/log", {"type": "performance"})]
         return [event["params"]["request"]["url"] for event in events

@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: Apache-2.0
-"""Holds together what --help, the man pages and the completion say about the host.
+"""Compares --help, the man pages and the completion of the programs.
 
   usage_test.py ROOT CONTEXT_HOST CONTEXT_QUERY
 """
@@ -35,13 +35,13 @@ class UsageTest(unittest.TestCase):
         return printed(PROGRAMS[program], "--help")
 
     def completed(self, *words, folder=None):
-        """What bash offers for the last of the words."""
+        """The completions that bash offers for the last word."""
         line = "source {}; COMP_WORDS=({}); COMP_CWORD={}; {}; printf '%s\\n' \"${{COMPREPLY[@]}}\"".format(
             FOLDER / "completion" / words[0], " ".join(f"'{word}'" for word in words), len(words) - 1,
             "_" + words[0].replace("-", "_"))
         return sorted(printed("bash", "--norc", "-c", line, folder=folder).split())
 
-    def test_names_the_same_options_everywhere(self):
+    def test_all_texts_list_the_same_options(self):
         for program in PROGRAMS:
             with self.subTest(program):
                 helped = re.findall(r"^  (?:(-\w), )?(--[\w-]+)(?:=(\S+))?  ", self.help(program), re.M)
@@ -51,7 +51,7 @@ class UsageTest(unittest.TestCase):
                 self.assertEqual(self.completed(program, "-"), sorted(option for _, option, _ in helped))
         self.assertEqual(len(helped), 1)
 
-    def test_names_the_same_exit_statuses(self):
+    def test_help_and_man_list_the_same_exit_statuses(self):
         for program in PROGRAMS:
             with self.subTest(program):
                 helped = re.search(r"\nExit status:\n(.*?)(?=\n\n|\Z)", self.help(program), re.S)[1]
@@ -60,18 +60,19 @@ class UsageTest(unittest.TestCase):
                 self.assertEqual(sorted(numbers, key=int), written)
                 self.assertGreater(len(written), 4)
 
-    def test_names_the_same_agents_and_requests(self):
+    def test_all_texts_list_the_same_agents_and_requests(self):
         agents = re.findall(r"^  (m[rf]u|date) ", self.help("context-host"), re.M)
         self.assertEqual(self.completed("context-host", "--agent", ""), sorted(agents))
         self.assertEqual(self.completed("context-host", "--agent", "=", "m"), ["mfu", "mru"])
         self.assertEqual(self.completed("context-host", "-a", "d"), ["date"])
         self.assertEqual(self.completed("context-query", "7300", "rank", ""), sorted(agents))
-        requests = re.findall(r"^  ([a-z]+) .*  ", self.help("context-query").split("Requests:")[1].split("\n\n")[0], re.M)
+        listed = self.help("context-query").split("Requests:")[1].split("\n\n")[0]
+        requests = re.findall(r"^  ([a-z]+) .*  ", listed, re.M)
         self.assertEqual(self.completed("context-query", "7300", ""), sorted(requests))
         for request in requests:
             self.assertIn(request, section("context-query", "REQUESTS"))
 
-    def test_offers_the_files_that_fit(self):
+    def test_completes_files_of_the_expected_type(self):
         with tempfile.TemporaryDirectory() as folder:
             for name in ("tv.csv", "week.html", "notes.txt"):
                 (pathlib.Path(folder) / name).touch()
@@ -80,7 +81,7 @@ class UsageTest(unittest.TestCase):
             self.assertEqual(self.completed("context-host", "--page", "", folder=folder), ["histories", "week.html"])
             self.assertEqual(self.completed("context-host", "--max", "", folder=folder), [])
 
-    def test_keeps_the_help_narrow_enough_to_read(self):
+    def test_help_lines_have_at_most_105_characters(self):
         for program in PROGRAMS:
             for line in self.help(program).splitlines():
                 self.assertLessEqual(len(line), 105, line)

@@ -5,35 +5,35 @@
 #include "LumoraApi.h"
 #include "Provider/IProvider.h"
 
-/// What a provider module is built on: forwards everything to the handler that the host supplies.
+/// The base of a provider module: forwards every call to the handler that the host supplies.
 ///
-/// Arguments go on unchanged and in the same order, and the handler's result comes back unchanged, negative values
-/// included. The class adds only a guard against a handler that is not there.
+/// Arguments are passed unchanged and in the same order. The handler's result is returned unchanged, negative values
+/// included. The class only adds checks for a missing handler and a missing subject.
 ///
-/// **Ownership.** The handler stays the host's and must outlive the provider, or be replaced before it goes.
-/// **Threads.** Each call runs on the caller's thread; no locking. The handler is set before the provider is used.
-/// **Errors.** Without a handler every operation but AddInSubject() logs "m_pIProviderHandler is NULL" and returns -5,
-/// except that Publish() returns nothing and KillTimer() returns true.
+/// **Ownership.** The host owns the handler, which must outlive the provider or be replaced before it is destroyed.
+/// **Threads.** Each call runs on the caller's thread; no locking. Set the handler before using the provider.
+/// **Errors.** Without a handler every operation except AddInSubject() logs "m_pIProviderHandler is NULL". It then
+/// returns -5, except that KillTimer() returns true and Publish() returns nothing.
 /// @ingroup provider
 class LUMORA_API CBaseProvider {
 public:
-    /// Makes a provider, with a handler or without one yet.
-    /// @param handler  the host's handler, not owned; null until SetProviderHandler() sets one.
+    /// Creates a provider.
+    /// @param handler  the host's handler, not owned; null if SetProviderHandler() sets it later.
     explicit CBaseProvider(IProvider* handler = nullptr);
 
     /// Sets or replaces the handler.
-    /// @param handler  not owned; null takes the handler away.
+    /// @param handler  not owned; null removes the handler.
     void SetProviderHandler(IProvider* handler);
 
-    /// Publishes a text. A literal `nullptr` as data fits both forms: cast it to the one that is meant.
+    /// Publishes a text. A literal `nullptr` for `data` is ambiguous; cast it to the intended type.
     void Publish(const char* subject, int code, const char* data, IProvider* provider);
 
     /// Publishes a pointer.
     void Publish(const char* subject, int code, void* data, IProvider* provider);
 
-    /// Offers a subject, with this provider as the handler's first argument. The one operation that does not look
-    /// whether there is a handler: set it first.
-    /// @param subject  null logs "subject is NULL" and does not reach the handler.
+    /// Offers a subject. The handler receives this provider as its first argument. This operation alone does not check
+    /// the handler and crashes without one.
+    /// @param subject  null logs "subject is NULL"; the handler is not called.
     /// @return -5 for a null subject, else the handler's result.
     int AddInSubject(const char* subject);
 
@@ -46,17 +46,17 @@ public:
     /// Answers a request with a pointer.
     int ProviderResponse(const char* subject, int code, void* data, IProvider* provider, void* userData);
 
-    /// Reads what the host stores. Without a handler `data`, which receives the text, is left untouched.
+    /// Reads a value that the host stores; `data` receives the text. Without a handler `data` is unchanged.
     int ProviderRead(const char* subject, const char* key, char** data);
 
-    /// Has the host store something.
+    /// Stores a text at the host.
     int ProviderWrite(const char* subject, const char* data);
 
-    /// Asks the host for a timer.
+    /// Requests a timer from the host.
     int SetTimer(int interval, timer_cb callback, void* userData);
 
-    /// Gives a timer back.
-    /// @return the handler's result; true without a handler, since a timer that cannot exist counts as killed.
+    /// Releases a timer.
+    /// @return the handler's result; true without a handler, because a timer that cannot exist counts as killed.
     bool KillTimer(int timerId);
 
 private:

@@ -9,7 +9,7 @@ constexpr int kRefused = -5;
 
 }  // namespace
 
-// A macro, so that the log names the operation that was called.
+// A macro, so that the log line names the calling operation.
 #define RETURN_WITHOUT_HANDLER(result)                \
     if (m_pIProviderHandler == nullptr) {             \
         LMR_LOG_ERROR("m_pIProviderHandler is NULL"); \

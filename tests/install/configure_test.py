@@ -17,6 +17,7 @@ PACKAGES = {
     "LUMORA_CLANG": "clang",
     "LUMORA_CHROMIUM": "chromium",
     "LUMORA_CHROMEDRIVER": "chromium-driver",
+    "LUMORA_MOUNT_NAMESPACE": "a mount namespace",
 }
 BOUND = 60
 

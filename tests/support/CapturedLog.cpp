@@ -7,7 +7,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <mutex>
-#include <stdexcept>
+#include <utility>
 
 #include "SystemLog.h"
 
@@ -17,21 +17,22 @@ constexpr const char* kPrefix = "%s: %s(%d) > ";
 
 std::mutex g_mutex;
 std::condition_variable g_changed;
-std::vector<CapturedLog::Line> g_lines;
+std::vector<CapturedLog::Line> g_lines;  ///< guarded by g_mutex
+thread_local std::function<void()> t_onLog;
 
 int CountLocked(const std::string& message) {
     return static_cast<int>(std::count_if(g_lines.begin(), g_lines.end(),
                                           [&](const CapturedLog::Line& line) { return line.message == message; }));
 }
 
-/// Splits "file: function(line) > message"; a text that is not of this form aborts the test program.
+/// Splits "file: function(line) > message". Aborts the program when the text does not have this form.
 CapturedLog::Line Split(int buffer, int priority, const char* tag, const std::string& format, const std::string& text) {
     const auto colon = text.find(": ");
     const auto open = text.find('(', colon);
     const auto close = text.find(") > ", open);
     if (format.compare(0, std::string(kPrefix).size(), kPrefix) != 0 || colon == std::string::npos ||
         open == std::string::npos || close == std::string::npos) {
-        std::fprintf(stderr, "a log line without the prefix: %s\n", text.c_str());
+        std::fprintf(stderr, "log line without the prefix: %s\n", text.c_str());
         std::abort();
     }
     return {buffer,
@@ -57,6 +58,10 @@ int lumora_log_print(int buffer, int priority, const char* tag, const char* form
     }
     const std::string text(formatted);
     std::free(formatted);
+    if (const std::function<void()> action = std::exchange(t_onLog, nullptr)) {
+        action();
+        t_onLog = action;
+    }
     const std::lock_guard<std::mutex> lock(g_mutex);
     g_lines.push_back(Split(buffer, priority, tag, format, text));
     g_changed.notify_all();
@@ -93,6 +98,14 @@ std::vector<std::string> CapturedLog::Origins() {
 int CapturedLog::Count(const std::string& message) {
     const std::lock_guard<std::mutex> lock(g_mutex);
     return CountLocked(message);
+}
+
+CapturedLog::OnLog::OnLog(std::function<void()> action) {
+    t_onLog = std::move(action);
+}
+
+CapturedLog::OnLog::~OnLog() {
+    t_onLog = nullptr;
 }
 
 bool CapturedLog::WaitFor(const std::string& message, int count, std::chrono::milliseconds bound) {

@@ -3,42 +3,53 @@
 #define LUMORA_COMMON_TESTS_CAPTURED_LOG_H
 
 #include <chrono>
-#include <ostream>
+#include <functional>
 #include <string>
 #include <vector>
 
-/// Captures what the library logs: a test that uses it supplies the platform's log call.
+/// Captures the lines that the library logs. A program that uses it replaces the platform's log call. All functions may
+/// be called from any thread.
 namespace CapturedLog {
 
 struct Line {
     int buffer;
     int priority;
     std::string tag;
-    std::string format;    ///< without the prefix
+    std::string format;    ///< after the prefix
     std::string file;      ///< from the prefix
     std::string function;  ///< from the prefix
     int line;              ///< from the prefix
-    std::string message;   ///< what follows the prefix
+    std::string message;   ///< after the prefix
 };
 
-/// Forgets everything captured so far.
+/// Discards all captured lines.
 void Clear();
 
-/// @return everything captured since the last Clear().
+/// @return the lines captured since the last Clear(), in order.
 std::vector<Line> Lines();
 
-/// @return the messages alone, in order, each with the letter of its priority in front: "E ", "W ", "I " or "D ".
+/// @return the messages in order, each prefixed with the letter of its priority: "E ", "W ", "I " or "D ".
 std::vector<std::string> Messages();
 
-/// @return where each message came from, as "priority file: function > format".
+/// @return the origin of each line, in order, as "priority file: function > format".
 std::vector<std::string> Origins();
 
-/// @return how often a message (without the letter) was captured since the last Clear().
+/// @return the number of lines with this message (without the letter) since the last Clear().
 int Count(const std::string& message);
 
-/// Waits until a message (without the letter) has been captured `count` times.
-/// @return false when it has not within the bound.
+/// Waits until `count` lines with this message (without the letter) have been captured.
+/// @return false when the bound passes first.
 bool WaitFor(const std::string& message, int count = 1, std::chrono::milliseconds bound = std::chrono::seconds(20));
+
+/// Runs an action inside every log call of the thread that created it, while it lives. The action may log; it does not
+/// run again inside its own log calls.
+class OnLog {
+public:
+    explicit OnLog(std::function<void()> action);
+    ~OnLog();
+    OnLog(const OnLog&) = delete;
+    OnLog& operator=(const OnLog&) = delete;
+};
 
 }  // namespace CapturedLog
 

@@ -5,10 +5,10 @@
 
 namespace {
 
-thread_local int t_allowed = 0;   ///< let through before any fail
-thread_local int t_failures = 0;  ///< still to come
+thread_local int t_allowed = 0;   ///< calls left that succeed before the first failure
+thread_local int t_failures = 0;  ///< failures left
 
-/// Hands on to the throwing form of the same kind, so that `delete` and `delete[]` find what they expect.
+/// @param allocate  calls the throwing form of the same operator, so that `delete` and `delete[]` match it.
 template <class Allocate>
 void* AllocateUnlessFailing(Allocate allocate) noexcept {
     if (t_failures > 0 && t_allowed-- <= 0) {

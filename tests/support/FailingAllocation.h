@@ -4,8 +4,9 @@
 
 #include <climits>
 
-/// While it lives, every non-throwing `new` of the thread that made it fails; or, of those, only some: so many are let
-/// through, then so many fail. A program that uses it replaces the non-throwing `operator new`, for the library too.
+/// Makes non-throwing `new` fail on the thread that created it, while it lives: the first `allowed` calls succeed, the
+/// next `failures` calls return null, later calls succeed again. By default every call returns null. A program that
+/// uses it replaces the non-throwing `operator new`, for the library too.
 class FailingAllocation {
 public:
     explicit FailingAllocation(int allowed = 0, int failures = INT_MAX);

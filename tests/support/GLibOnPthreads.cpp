@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The GLib calls of the library and its tests, on pthreads. GLib's own sit on futexes, where the race checker sees
-// neither the locks nor the hand-over of a queued item. A program that is linked with this file uses these instead.
+// Implements on pthreads the GLib functions that the library and its tests call. GLib implements them on futexes, where
+// the race checker sees neither the locks nor the transfer of a queued item from one thread to another. A program that
+// is linked with this file uses these functions instead.
 
 #include "GLibOnPthreads.h"
 
@@ -21,26 +22,27 @@ struct PthreadOfGLib : GThread {
     pthread_t handle;
 };
 
-/// Stops the program where GLib would, or where its documentation calls the behaviour undefined.
+/// Aborts the program where GLib would, or where its documentation calls the behaviour undefined.
 void Require(bool condition) {
     if (!condition) {
         std::abort();
     }
 }
 
-/// The mutex behind a GMutex, made at its first use: a static GMutex of zero bytes needs no g_mutex_init().
+/// @return the pthread mutex of a GMutex. It is created at the first use, because a static GMutex of zero bytes needs
+/// no g_mutex_init().
 pthread_mutex_t* Of(GMutex* mutex) {
     auto* existing = static_cast<pthread_mutex_t*>(g_atomic_pointer_get(&mutex->p));
     if (existing != nullptr) {
         return existing;
     }
-    auto* made = new pthread_mutex_t;
-    Require(pthread_mutex_init(made, nullptr) == 0);
-    if (g_atomic_pointer_compare_and_exchange(&mutex->p, nullptr, static_cast<void*>(made))) {
-        return made;
+    auto* created = new pthread_mutex_t;
+    Require(pthread_mutex_init(created, nullptr) == 0);
+    if (g_atomic_pointer_compare_and_exchange(&mutex->p, nullptr, static_cast<void*>(created))) {
+        return created;
     }
-    pthread_mutex_destroy(made);
-    delete made;
+    pthread_mutex_destroy(created);
+    delete created;
     return static_cast<pthread_mutex_t*>(g_atomic_pointer_get(&mutex->p));
 }
 
@@ -54,7 +56,7 @@ void* RunThread(void* self) {
 struct _GAsyncQueue {
     std::mutex mutex;
     std::condition_variable pushed;
-    std::list<gpointer> items;  ///< the next to be popped in front
+    std::list<gpointer> items;  ///< the front is popped next
     int waiting = 0;            ///< threads inside g_async_queue_pop()
 
     gpointer TakeLocked() {
@@ -77,12 +79,12 @@ void GLibOnPthreads_mutex_clear(GMutex* mutex) {
     }
 }
 
-/// Weak, so that a test may count the calls.
+/// Weak, so that a test may replace it.
 [[gnu::weak]] void g_mutex_init(GMutex* mutex) {
     GLibOnPthreads_mutex_init(mutex);
 }
 
-/// Weak, so that a test may count the calls.
+/// Weak, so that a test may replace it.
 [[gnu::weak]] void g_mutex_clear(GMutex* mutex) {
     GLibOnPthreads_mutex_clear(mutex);
 }
@@ -108,7 +110,7 @@ GThread* g_thread_try_new(const gchar* /*name*/, GThreadFunc func, gpointer data
     return thread;
 }
 
-/// Weak, so that a test may supply one that refuses.
+/// Weak, so that a test may replace it with one that fails.
 [[gnu::weak]] GThread* g_thread_new(const gchar* name, GThreadFunc func, gpointer data) {
     GThread* thread = g_thread_try_new(name, func, data, nullptr);
     Require(thread != nullptr);
@@ -127,7 +129,7 @@ GAsyncQueue* g_async_queue_new() {
     return new _GAsyncQueue;
 }
 
-/// The library takes no further reference: its first is the last one.
+/// Deletes the queue: the library takes no further reference, so this is the last one.
 void g_async_queue_unref(GAsyncQueue* queue) {
     delete queue;
 }
@@ -138,8 +140,8 @@ void g_async_queue_push(GAsyncQueue* queue, gpointer data) {
     queue->pushed.notify_one();
 }
 
-/// Behind every item that does not compare greater than the new one, as seen from the end of the queue: an item that
-/// was pushed out of order holds back what is pushed after it.
+/// As in GLib, the search for the place starts at the end of the queue and stops at the first item that does not
+/// compare greater than the new one, even when an item before it does.
 void g_async_queue_push_sorted(GAsyncQueue* queue, gpointer data, GCompareDataFunc func, gpointer user_data) {
     const std::lock_guard<std::mutex> lock(queue->mutex);
     auto place = queue->items.end();
@@ -163,13 +165,13 @@ gpointer g_async_queue_try_pop(GAsyncQueue* queue) {
     return queue->items.empty() ? nullptr : queue->TakeLocked();
 }
 
-/// @return the number of items less that of the waiting threads, as GLib counts.
+/// @return the number of items minus the number of waiting threads, as in GLib.
 gint g_async_queue_length(GAsyncQueue* queue) {
     const std::lock_guard<std::mutex> lock(queue->mutex);
     return static_cast<gint>(queue->items.size()) - queue->waiting;
 }
 
-/// Weak, so that a test may supply a sleep that it drives.
+/// Weak, so that a test may replace it with a sleep that the test controls.
 [[gnu::weak]] void g_usleep(gulong microseconds) {
     usleep(static_cast<useconds_t>(microseconds));
 }

@@ -7,7 +7,7 @@
 /// Counts g_mutex_init() and g_mutex_clear() per mutex address, so that a test can tell whether an object clears its
 /// mutex. A program that uses it replaces both functions, for the library too; each call is passed on.
 ///
-/// Usage: put the object into memory of the test's own, which outlives the object, and count within that memory.
+/// Usage: construct the object in memory that outlives it, and count the calls within that memory.
 ///
 ///     alignas(Object) unsigned char memory[sizeof(Object)];
 ///     MutexCount::Reset();
@@ -19,7 +19,7 @@
 /// All functions may be called from any thread.
 namespace MutexCount {
 
-/// Forgets all calls counted so far.
+/// Discards all counted calls.
 void Reset();
 
 /// @return the number of g_mutex_init() calls for mutexes within `size` bytes from `memory`.

@@ -10,16 +10,16 @@
 #include <stdexcept>
 #include <string>
 
-/// What a test finds around it and puts back: a folder, a time zone, files.
+/// The surroundings of a test: a temporary folder, the local time zone, files, the library's data directory.
 namespace Surroundings {
 
-/// A folder of the test's own, removed with all that it holds.
+/// A new empty folder; the destructor removes it with its content.
 class TemporaryFolder {
 public:
     TemporaryFolder() {
         std::string pattern = std::filesystem::temp_directory_path() / "lumora-test-XXXXXX";
         if (mkdtemp(pattern.data()) == nullptr) {
-            throw std::runtime_error("no temporary folder");
+            throw std::runtime_error("cannot create a temporary folder");
         }
         m_path = pattern;
     }
@@ -37,7 +37,7 @@ private:
     std::filesystem::path m_path;
 };
 
-/// The local time zone, for one scope.
+/// Sets the local time zone for one scope. `name` is a value of the environment variable TZ.
 class TimeZone {
 public:
     explicit TimeZone(const std::string& name) {
@@ -72,8 +72,8 @@ inline void WriteFile(const std::string& path, const std::string& content) {
     std::ofstream(path, std::ios::binary) << content;
 }
 
-/// The data directory of the library, as the test's own mount namespace shows it: run the test through
-/// scripts/with-data-directory, as ctest does.
+/// @return the path of the library's data directory in the test's mount namespace, with a slash at the end.
+/// @throws std::runtime_error when the test does not run through scripts/with-data-directory, as ctest runs it.
 inline std::string DataDirectory() {
     const char* path = std::getenv("LUMORA_PRIVATE_DATA_DIRECTORY");
     if (path == nullptr) {

@@ -4,16 +4,17 @@
 
 #include <ctime>
 
-/// The wall clock of a test: a program that uses it supplies `time()`, for the library too.
+/// The wall clock of a test. A program that uses it replaces `time()`, for the library too. All functions may be called
+/// from any thread.
 namespace TestClock {
 
-/// Stops the clock at a time. Callable from any thread.
+/// Stops the clock at `now`, in seconds since the epoch.
 void Set(time_t now);
 
-/// Moves the stopped clock; negative steps go back.
+/// Moves the stopped clock forward; a negative value moves it back.
 void Advance(int seconds);
 
-/// Goes back to the real time.
+/// Returns to the real time.
 void Release();
 
 /// Stops the clock for one scope.

@@ -7,12 +7,12 @@
 #include <mutex>
 #include <thread>
 
-/// Waiting with a bound: every function returns false, which fails the test, instead of waiting for ever.
+/// Waits with a bound. Every function returns false when the bound passes, so that the test fails instead of hanging.
 namespace Waiting {
 
 constexpr std::chrono::seconds kBound{20};
 
-/// Waits until a condition holds that nobody announces.
+/// Polls once per millisecond until `condition` returns true.
 template <class Condition>
 bool Until(Condition condition, std::chrono::milliseconds bound = kBound) {
     const auto end = std::chrono::steady_clock::now() + bound;
@@ -25,7 +25,7 @@ bool Until(Condition condition, std::chrono::milliseconds bound = kBound) {
     return true;
 }
 
-/// Opens once; lets one thread wait for another.
+/// A one-shot event: Wait() blocks until another thread calls Open().
 class Gate {
 public:
     void Open() {

@@ -1,0 +1,93 @@
+# SPDX-License-Identifier: Apache-2.0
+"""The base class of the tests that run context-host as a user does.
+
+Each test program takes the arguments ROOT CONTEXT_HOST CONTEXT_QUERY, then those of unittest.
+"""
+import contextlib
+import json
+import os
+import pathlib
+import re
+import signal
+import sqlite3
+import subprocess
+import sys
+import tempfile
+import time
+import unittest
+
+ROOT = pathlib.Path(sys.argv[1])
+PROGRAM, QUERY = sys.argv[2:4]
+HISTORIES = ROOT / "tests/data/histories"
+HEADER = "unit_id,unit_name,device_name,start_time,duration\n"
+BOUND = 180  # seconds for any run; an emulator needs half a minute for the longest history
+
+
+def constant(header, name):
+    """The value of a constant in one of the library's headers."""
+    text = (ROOT / "include" / header).read_text(encoding="utf-8")
+    return re.search(rf'\b{name} = "?([^";]+)"?;', text)[1]
+
+
+class HostCase(unittest.TestCase):
+    """Gives each test a folder and a store, both empty."""
+
+    def setUp(self):
+        folder = tempfile.TemporaryDirectory()
+        self.addCleanup(folder.cleanup)
+        self.folder = pathlib.Path(folder.name)
+        self.store = self.folder / "store"
+
+    def with_store(self, *command):
+        return [str(ROOT / "scripts/with-data-directory"), str(self.store), *map(str, command)]
+
+    def command(self, *arguments):
+        return self.with_store(PROGRAM, *arguments)
+
+    def run_host(self, *arguments, zone="UTC", status=0):
+        result = subprocess.run(self.command(*arguments), capture_output=True, encoding="utf-8", timeout=BOUND,
+                                stdin=subprocess.DEVNULL, env={**os.environ, "TZ": zone})
+        self.assertEqual(result.returncode, status, result.stderr)
+        return result
+
+    def rank(self, *arguments, zone="UTC"):
+        text = self.run_host("--json", *arguments, zone=zone).stdout
+        return [(item["Id"], item["Score"]) for item in json.loads(text).get("list", [])]
+
+    def write(self, name, content):
+        path = self.folder / name
+        path.write_bytes(content if isinstance(content, bytes) else content.encode())
+        return path
+
+    def rows(self, database="usage.db"):
+        with sqlite3.connect(self.store / database) as connection:
+            return connection.execute("SELECT history, unit_id, unit_name, device_name, start_time, duration "
+                                      "FROM usage ORDER BY start_time, rowid").fetchall()
+
+    @contextlib.contextmanager
+    def served(self, *arguments):
+        """A host that serves; yields its port and its process. Afterwards, self.rest has the rest of its messages."""
+        process = subprocess.Popen(self.command("--serve", 0, *arguments), stderr=subprocess.PIPE, encoding="utf-8",
+                                   start_new_session=True, env={**os.environ, "TZ": "UTC"})
+        try:
+            yield int(re.search(r"serving at port (\d+)", process.stderr.readline())[1]), process
+        finally:
+            if process.poll() is None:
+                os.killpg(process.pid, signal.SIGTERM)
+            self.rest = process.communicate(timeout=BOUND)[1]
+
+    def ask(self, port, *request, status=0):
+        """The JSON answer to a request, or the error message if there is no answer."""
+        result = subprocess.run([QUERY, str(port), *request], capture_output=True, encoding="utf-8", timeout=BOUND)
+        self.assertEqual(result.returncode, status, result.stderr)
+        return json.loads(result.stdout) if result.stdout else result.stderr
+
+    def wait_for(self, port, request, wanted):
+        deadline = time.monotonic() + BOUND
+        while self.ask(port, *request) != wanted:
+            self.assertLess(time.monotonic(), deadline, "the answer never came")
+            time.sleep(0.05)
+
+
+def main():
+    unittest.main(argv=sys.argv[:1] + sys.argv[4:], verbosity=1)
