@@ -93,7 +93,8 @@ TEST_F(ContextDatabaseDeferredTest, RunsDeferredStatementsInCallOrder) {
     }
     EXPECT_EQ(ReadFrom("x.db", "SELECT text FROM log"), Messages());
     m_database.ExecuteQuery("INSERT INTO log (text) VALUES ('first')", {}, /*immediate=*/true);
-    EXPECT_EQ(ReadFrom("x.db", "SELECT text FROM log"), Messages({"first"})) << "an immediate statement does not wait for deferred ones";
+    EXPECT_EQ(ReadFrom("x.db", "SELECT text FROM log"), Messages({"first"}))
+        << "an immediate statement does not wait for deferred ones";
     m_database.Flush();
     EXPECT_EQ(ReadFrom("x.db", "SELECT text FROM log ORDER BY n"), Messages({"first", "c", "a", "b"}));
     m_database.Flush();
@@ -124,7 +125,8 @@ TEST_F(ContextDatabaseDeferredTest, ReadsCharacterPointerAtFlush) {
 TEST_F(ContextDatabaseDeferredTest, DiscardsRestOfFlushAtFirstFailure) {
     Write(m_database, "INSERT INTO t (id) VALUES (1)");
     Defer(m_database, "INSERT INTO t (id) VALUES (2)");
-    Defer(m_database, "INSERT INTO t (id) SELECT max(id) - 1 FROM t");  // 1 exists: fails only because the row before ran
+    Defer(m_database,
+          "INSERT INTO t (id) SELECT max(id) - 1 FROM t");  // 1 exists: fails only because the row before ran
     Defer(m_database, "INSERT INTO t (id) VALUES (3)");
     m_database.Flush();
     EXPECT_EQ(CapturedLog::Messages(), StepFailure("INSERT INTO t (id) SELECT max(id) - 1 FROM t"));
@@ -237,7 +239,8 @@ TEST_F(ContextDatabaseDeferredTest, NegativeIntervalDefersUntilNextTick) {
     EXPECT_TRUE(deferral.Returns());
     EXPECT_TRUE(hold.IsHolding()) << "the statement ran immediately";
     hold.Release();
-    EXPECT_TRUE(Waiting::Until([&] { return RowCount(database) == "1"; })) << "not flushed while the clock stands still";
+    EXPECT_TRUE(Waiting::Until([&] { return RowCount(database) == "1"; }))
+        << "not flushed while the clock stands still";
     TestClock::Advance(-30);
     Defer(database, "INSERT INTO t (id) VALUES (2)");
     EXPECT_TRUE(Waiting::Until([&] { return RowCount(database) == "2"; })) << "not flushed 30 s earlier";

@@ -161,8 +161,7 @@ TEST_F(ContextDatabaseHealingTest, RebuildsFileLockedByAnotherConnection) {
     MakeGoodFile();
     PlainConnection other;
     other.Run("BEGIN EXCLUSIVE");
-    ASSERT_EQ(CheckIntegrity(), std::make_pair(SQLITE_BUSY, Messages()))
-        << "the check fails without reporting damage";
+    ASSERT_EQ(CheckIntegrity(), std::make_pair(SQLITE_BUSY, Messages())) << "the check fails without reporting damage";
     ContextDatabase database("x.db", kCreateTable);
     EXPECT_EQ(CapturedLog::Messages(), Join({{std::string("E error excute ") + kCreateTable}, ResetLines()}));
     ExpectFreshAndWorking(database);

@@ -276,7 +276,8 @@ TEST_F(ContextDatabaseTest, ClosesFileThatFlushReopensDuringDestruction) {
         Defer(*database, "INSERT INTO t (id) SELECT abs(hold() - 9223372036854775807 - 2)");
         ASSERT_TRUE(AdvanceUntil([&] { return hold.IsHolding(); })) << "no flush started";
         Background destruction([&] { database.reset(); });
-        EXPECT_FALSE(destruction.Returns(std::chrono::milliseconds(20))) << "the destructor did not wait for the statement";
+        EXPECT_FALSE(destruction.Returns(std::chrono::milliseconds(20)))
+            << "the destructor did not wait for the statement";
         hold.Release();
         ASSERT_TRUE(destruction.Returns());
         EXPECT_EQ(CapturedLog::Count("reset database"), round + 1);

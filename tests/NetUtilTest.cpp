@@ -215,10 +215,14 @@ TEST_F(NetUtilTest, RefusesBadHeaderWithoutReadingPayload) {
         unsigned int header;
         int size;
     } rows[] = {
-        {"as large as the buffer", 4, 4},   {"larger", 5, 4},
-        {"the largest", INT_MAX, kReplyBufferSize},   {"the largest buffer", INT_MAX, INT_MAX - 8},
-        {"negative", 0xFFFFFFFF, kReplyBufferSize}, {"only the top bit", 0x80000000, kReplyBufferSize},
-        {"no payload, no buffer", 0, 0},    {"a negative buffer size", 0, -1},
+        {"as large as the buffer", 4, 4},
+        {"larger", 5, 4},
+        {"the largest", INT_MAX, kReplyBufferSize},
+        {"the largest buffer", INT_MAX, INT_MAX - 8},
+        {"negative", 0xFFFFFFFF, kReplyBufferSize},
+        {"only the top bit", 0x80000000, kReplyBufferSize},
+        {"no payload, no buffer", 0, 0},
+        {"a negative buffer size", 0, -1},
     };
     for (const auto& row : rows) {
         Connection connection;

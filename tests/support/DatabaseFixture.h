@@ -112,8 +112,8 @@ inline void MakeGoodFile(const std::string& path = DatabasePath()) {
     connection.Run("INSERT INTO t VALUES (1, 'name-10'), (2, 'name-20'), (3, 'name-30'), (4, 'name-40')");
 }
 
-/// While an object of this class exists, the SQL function hold() blocks until Release(). A statement that calls it keeps
-/// the library's database mutex locked for that long. Without such an object hold() returns 1 at once.
+/// While an object of this class exists, the SQL function hold() blocks until Release(). A statement that calls it
+/// keeps the library's database mutex locked for that long. Without such an object hold() returns 1 at once.
 class StatementHold {
 public:
     StatementHold() { Set(true); }
@@ -207,7 +207,8 @@ public:
     ReadOnlyDataDirectory() {
         struct statvfs status {};
         EXPECT_EQ(statvfs(kPath, &status), 0);
-        // A user namespace must keep the restrictions of the file system below. The ST_ and MS_ flags are the same bits.
+        // A user namespace must keep the restrictions of the file system below. The ST_ and MS_ flags are the same
+        // bits.
         const unsigned long kept = status.f_flag & (MS_NOSUID | MS_NODEV | MS_NOEXEC);
         EXPECT_EQ(mount(kPath, kPath, nullptr, MS_BIND, nullptr), 0) << strerror(errno);
         EXPECT_EQ(mount(nullptr, kPath, nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY | kept, nullptr), 0)
@@ -313,8 +314,8 @@ protected:
         return count;
     }
 
-    /// Moves the stopped clock by more than the timers take for elapsed time, and waits until each has moved its deadlines
-    /// with it. From then on deadlines count from the time that the clock shows.
+    /// Moves the stopped clock by more than the timers take for elapsed time, and waits until each has moved its
+    /// deadlines with it. From then on deadlines count from the time that the clock shows.
     static void SettleTimers(int timers) {
         CapturedLog::Clear();
         TestClock::Advance(60);
