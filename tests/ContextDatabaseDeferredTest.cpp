@@ -13,6 +13,7 @@
 namespace {
 
 using ContextDatabaseDeferredTest = QueryTest<DeferringDatabase>;
+using ContextDatabaseTimerFlushTest = DatabaseTest;
 
 // Statements that run immediately or deferred
 
@@ -94,7 +95,7 @@ TEST_F(ContextDatabaseDeferredTest, RunsDeferredStatementsInCallOrder) {
     EXPECT_EQ(ReadFrom("x.db", "SELECT text FROM log"), Messages());
     m_database.ExecuteQuery("INSERT INTO log (text) VALUES ('first')", {}, /*immediate=*/true);
     EXPECT_EQ(ReadFrom("x.db", "SELECT text FROM log"), Messages({"first"}))
-        << "an immediate statement does not wait for deferred ones";
+        << "the immediate statement waited for deferred ones";
     m_database.Flush();
     EXPECT_EQ(ReadFrom("x.db", "SELECT text FROM log ORDER BY n"), Messages({"first", "c", "a", "b"}));
     m_database.Flush();
@@ -123,13 +124,13 @@ TEST_F(ContextDatabaseDeferredTest, ReadsCharacterPointerAtFlush) {
 }
 
 TEST_F(ContextDatabaseDeferredTest, DiscardsRestOfFlushAtFirstFailure) {
+    const std::string insertOne = "INSERT INTO t (id) SELECT max(id) - 1 FROM t";  // fails once 2 has been inserted
     Write(m_database, "INSERT INTO t (id) VALUES (1)");
     Defer(m_database, "INSERT INTO t (id) VALUES (2)");
-    Defer(m_database,
-          "INSERT INTO t (id) SELECT max(id) - 1 FROM t");  // 1 exists: fails only because the row before ran
+    Defer(m_database, insertOne);
     Defer(m_database, "INSERT INTO t (id) VALUES (3)");
     m_database.Flush();
-    EXPECT_EQ(CapturedLog::Messages(), StepFailure("INSERT INTO t (id) SELECT max(id) - 1 FROM t"));
+    EXPECT_EQ(CapturedLog::Messages(), StepFailure(insertOne));
     EXPECT_EQ(Ids(), Messages());
     CapturedLog::Clear();
     m_database.Flush();
@@ -202,50 +203,6 @@ TEST_F(ContextDatabaseDeferredTest, FlushesOnlyItsOwnStatements) {
     EXPECT_EQ(Ids(kOther), Messages({"2"}));
 }
 
-TEST_F(ContextDatabaseDeferredTest, FlushesAtEveryInterval) {
-    ContextDatabase database(kOther, kCreateTable, /*interval=*/5);
-    SettleTimers(/*timers=*/2);
-    Defer(database, "INSERT INTO t (id) VALUES (1)");
-    TestClock::Advance(4);
-    // Two ticks pass, and the timer is not due at either.
-    EXPECT_FALSE(Waiting::Until([&] { return RowCount(database) != "0"; }, std::chrono::milliseconds(600)));
-    TestClock::Advance(1);
-    EXPECT_TRUE(Waiting::Until([&] { return RowCount(database) == "1"; }));
-    Defer(database, "INSERT INTO t (id) VALUES (2)");
-    TestClock::Advance(5);
-    EXPECT_TRUE(Waiting::Until([&] { return RowCount(database) == "2"; }));
-    EXPECT_EQ(CapturedLog::Messages(), Messages());
-}
-
-TEST_F(ContextDatabaseDeferredTest, ResetsInTimerFlushAndContinues) {
-    ContextDatabase database(kOther, kCreateTable, /*interval=*/1);
-    Defer(database, kOverflow);
-    ASSERT_TRUE(AdvanceUntil([] { return CapturedLog::Count("reset database") > 0; }));
-    Defer(database, "INSERT INTO t (id) VALUES (2)");  // waits for the flush to end
-    EXPECT_TRUE(AdvanceUntil([&] { return RowCount(database) == "1"; }));
-    EXPECT_EQ(
-        CapturedLog::Messages(),
-        Join({{std::string("E Query ERROR Q : ") + kOverflow, "E vecSqlQueryValue size : 0"}, ResetLines(kOther)}));
-}
-
-// The timer takes the interval as unsigned, and its arithmetic wraps: the next deadline lies in the past.
-TEST_F(ContextDatabaseDeferredTest, NegativeIntervalDefersUntilNextTick) {
-    ContextDatabase slow("slow.db", kCreateTable);
-    ContextDatabase database(kOther, kCreateTable, /*interval=*/-60);
-    StatementHold hold;
-    Background writer([&] { Write(slow, "INSERT INTO t (id) SELECT hold()"); });
-    ASSERT_TRUE(hold.Wait());
-    Background deferral([&] { Defer(database, "INSERT INTO t (id) VALUES (1)"); });
-    EXPECT_TRUE(deferral.Returns());
-    EXPECT_TRUE(hold.IsHolding()) << "the statement ran immediately";
-    hold.Release();
-    EXPECT_TRUE(Waiting::Until([&] { return RowCount(database) == "1"; }))
-        << "not flushed while the clock stands still";
-    TestClock::Advance(-30);
-    Defer(database, "INSERT INTO t (id) VALUES (2)");
-    EXPECT_TRUE(Waiting::Until([&] { return RowCount(database) == "2"; })) << "not flushed 30 s earlier";
-}
-
 TEST_F(ContextDatabaseDeferredTest, DefersWithoutWaitingForRunningStatement) {
     ContextDatabase slow(kOther, kCreateTable);
     StatementHold hold;
@@ -268,7 +225,7 @@ TEST_F(ContextDatabaseDeferredTest, WaitsForRunningFlushBeforeDeferring) {
     Background same([&] { Defer(m_database, "INSERT INTO t (id) VALUES (2)"); });
     Background another([&] { Defer(other, "INSERT INTO t (id) VALUES (3)"); });
     EXPECT_FALSE(same.Returns(kShort));
-    EXPECT_FALSE(another.Returns(kShort)) << "all objects share the mutex";
+    EXPECT_FALSE(another.Returns(kShort)) << "the flush of one object did not block the other";
     hold.Release();
     EXPECT_TRUE(flush.Returns());
     EXPECT_TRUE(same.Returns());
@@ -276,7 +233,7 @@ TEST_F(ContextDatabaseDeferredTest, WaitsForRunningFlushBeforeDeferring) {
     EXPECT_EQ(Ids(), Messages({"1"}));
     m_database.Flush();
     other.Flush();
-    EXPECT_EQ(Ids(), Messages({"1", "2"})) << "a statement deferred during a flush runs in the next one";
+    EXPECT_EQ(Ids(), Messages({"1", "2"})) << "a statement deferred during the flush was lost";
     EXPECT_EQ(Ids(kOther), Messages({"3"}));
 }
 
@@ -295,7 +252,52 @@ TEST_F(ContextDatabaseDeferredTest, FlushDiscardsStatementsWhenClosed) {
     m_database.ResetDatabase();
     ASSERT_TRUE(m_database.IsRunning());
     m_database.Flush();
-    EXPECT_EQ(Ids(), Messages({"3"})) << "a reset keeps the deferred statements";
+    EXPECT_EQ(Ids(), Messages({"3"})) << "the reset lost the deferred statement";
+}
+
+// Flushes by the timer
+
+TEST_F(ContextDatabaseTimerFlushTest, FlushesAtEveryInterval) {
+    ContextDatabase database("x.db", kCreateTable, /*interval=*/5);
+    SettleTimers(/*timers=*/1);
+    Defer(database, "INSERT INTO t (id) VALUES (1)");
+    TestClock::Advance(4);
+    // Two ticks pass, and the timer is not due at either.
+    EXPECT_FALSE(Waiting::Until([&] { return RowCount(database) != "0"; }, std::chrono::milliseconds(600)));
+    TestClock::Advance(1);
+    EXPECT_TRUE(Waiting::Until([&] { return RowCount(database) == "1"; }));
+    Defer(database, "INSERT INTO t (id) VALUES (2)");
+    TestClock::Advance(5);
+    EXPECT_TRUE(Waiting::Until([&] { return RowCount(database) == "2"; }));
+    EXPECT_EQ(CapturedLog::Messages(), Messages());
+}
+
+TEST_F(ContextDatabaseTimerFlushTest, ResetsInTimerFlushAndContinues) {
+    ContextDatabase database("x.db", kCreateTable, /*interval=*/1);
+    Defer(database, kOverflow);
+    ASSERT_TRUE(AdvanceUntil([] { return CapturedLog::Count("reset database") > 0; }));
+    Defer(database, "INSERT INTO t (id) VALUES (2)");  // waits for the flush to end
+    EXPECT_TRUE(AdvanceUntil([&] { return RowCount(database) == "1"; }));
+    EXPECT_EQ(CapturedLog::Messages(),
+              Join({{std::string("E Query ERROR Q : ") + kOverflow, "E vecSqlQueryValue size : 0"}, ResetLines()}));
+}
+
+// The timer takes the interval as unsigned, and its arithmetic wraps: the next deadline lies in the past.
+TEST_F(ContextDatabaseTimerFlushTest, NegativeIntervalDefersUntilNextTick) {
+    ContextDatabase slow("slow.db", kCreateTable);
+    ContextDatabase database("x.db", kCreateTable, /*interval=*/-60);
+    StatementHold hold;
+    Background writer([&] { Write(slow, "INSERT INTO t (id) SELECT hold()"); });
+    ASSERT_TRUE(hold.Wait());
+    Background deferral([&] { Defer(database, "INSERT INTO t (id) VALUES (1)"); });
+    EXPECT_TRUE(deferral.Returns());
+    EXPECT_TRUE(hold.IsHolding()) << "the statement ran immediately";
+    hold.Release();
+    EXPECT_TRUE(Waiting::Until([&] { return RowCount(database) == "1"; }))
+        << "not flushed while the clock stands still";
+    TestClock::Advance(-30);
+    Defer(database, "INSERT INTO t (id) VALUES (2)");
+    EXPECT_TRUE(Waiting::Until([&] { return RowCount(database) == "2"; })) << "not flushed 30 s earlier";
 }
 
 // Threads

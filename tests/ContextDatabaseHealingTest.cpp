@@ -93,7 +93,7 @@ using ContextDatabaseHealingTest = DatabaseTest;
 
 // Damaged files
 
-TEST_F(ContextDatabaseHealingTest, RebuildsFileThatIsNotDatabase) {
+TEST_F(ContextDatabaseHealingTest, RebuildsFileThatIsNoDatabase) {
     Surroundings::WriteFile(kPath, "This text is not a database.");
     ASSERT_EQ(CheckIntegrity(), std::make_pair(SQLITE_NOTADB, Messages()));
     ContextDatabase database("x.db", kCreateTable);
@@ -161,7 +161,8 @@ TEST_F(ContextDatabaseHealingTest, RebuildsFileLockedByAnotherConnection) {
     MakeGoodFile();
     PlainConnection other;
     other.Run("BEGIN EXCLUSIVE");
-    ASSERT_EQ(CheckIntegrity(), std::make_pair(SQLITE_BUSY, Messages())) << "the check fails without reporting damage";
+    ASSERT_EQ(CheckIntegrity(), std::make_pair(SQLITE_BUSY, Messages()))
+        << "the check must fail without reporting damage";
     ContextDatabase database("x.db", kCreateTable);
     EXPECT_EQ(CapturedLog::Messages(), Join({{std::string("E error excute ") + kCreateTable}, ResetLines()}));
     ExpectFreshAndWorking(database);
@@ -179,7 +180,7 @@ TEST_F(ContextDatabaseHealingTest, AcceptsOkRowInAnyCase) {
     }
 }
 
-TEST_F(ContextDatabaseHealingTest, ResetsForAnyOtherRow) {
+TEST_F(ContextDatabaseHealingTest, ResetsForAnyRowOtherThanOk) {
     for (const char* text : {"", "o", "ok ", " ok", "okay", "0k", "row 1 missing from index"}) {
         MakeGoodFile();
         CapturedLog::Clear();
@@ -229,7 +230,7 @@ TEST_F(ContextDatabaseHealingTest, ReplacesEmptyDirectory) {
     ExpectFreshAndWorking(database);
 }
 
-TEST_F(ContextDatabaseHealingTest, StaysClosedWhenPathIsFilledDirectory) {
+TEST_F(ContextDatabaseHealingTest, StaysClosedWhenPathIsNonEmptyDirectory) {
     fs::create_directory(kPath);
     Surroundings::WriteFile(kPath + "/file", "content");
     ContextDatabase database("x.db", kCreateTable);
@@ -273,7 +274,7 @@ TEST_F(ContextDatabaseHealingTest, KeepsRowsInReadOnlyDirectory) {
     Write(database, "INSERT INTO t (id) VALUES (7)");
     EXPECT_EQ(CapturedLog::Messages(),
               Join({{"E Query ERROR Q : INSERT INTO t (id) VALUES (7)", "E vecSqlQueryValue size : 0"},
-                    ResetLines()}));  // logs "success" although nothing was removed
+                    ResetLines()}));  // "success", although nothing was removed
     EXPECT_EQ(RowCount(database), "4");
     EXPECT_EQ(Surroundings::ReadFile(kPath), before);
 }

@@ -30,7 +30,7 @@ TEST_F(ContextDatabaseQueryTest, AppendsValuesWithTheirTags) {
     EXPECT_EQ(values[0].first, SQL_STRING);
     EXPECT_EQ(values[0].second.strValue, "string");
     EXPECT_EQ(values[1].first, SQL_CSTRING);
-    EXPECT_EQ(values[1].second.pszValue, text) << "the pointer itself";
+    EXPECT_EQ(values[1].second.pszValue, text) << "the text was copied";
     EXPECT_EQ(values[1].second.strValue, "");
     EXPECT_EQ(values[2].first, SQL_INT);
     EXPECT_EQ(values[2].second.nValue, 3);
@@ -48,11 +48,11 @@ TEST_F(ContextDatabaseQueryTest, BindsEveryTag) {
         string expected;
     } rows[] = {
         {"int", Make(7), "integer:7"},
-        {"least int", Make(INT_MIN), "integer:-2147483648"},
-        {"greatest int", Make(INT_MAX), "integer:2147483647"},
+        {"smallest int", Make(INT_MIN), "integer:-2147483648"},
+        {"largest int", Make(INT_MAX), "integer:2147483647"},
         {"long", Make(-7L), "integer:-7"},
-        {"least long", Make(LONG_MIN), "integer:" + std::to_string(LONG_MIN)},
-        {"greatest long", Make(LONG_MAX), "integer:" + std::to_string(LONG_MAX)},
+        {"smallest long", Make(LONG_MIN), "integer:" + std::to_string(LONG_MIN)},
+        {"largest long", Make(LONG_MAX), "integer:" + std::to_string(LONG_MAX)},
         {"string", Make(string("text")), "text:text"},
         {"empty string", Make(string()), "text:"},
         {"long string", Make(longText), "text:" + longText},
@@ -68,10 +68,10 @@ TEST_F(ContextDatabaseQueryTest, BindsEveryTag) {
     }
     EXPECT_EQ(Select(m_database, "SELECT length(CAST(? AS BLOB)) AS bytes", Make(string("ab\0cd", 5))),
               Rows({{{"bytes", "2"}}}))
-        << "the file stores nothing after the zero byte either";
+        << "the bytes after the zero were bound too";
     if constexpr (sizeof(long) == 4) {
         EXPECT_EQ(Bound(Make(LONG_MAX)), "integer:2147483647");
-        EXPECT_EQ(Bound(Make(LONG_MIN)), "integer:-2147483648") << "widened with its sign";
+        EXPECT_EQ(Bound(Make(LONG_MIN)), "integer:-2147483648") << "the sign was lost";
     } else {
         EXPECT_EQ(Bound(Make(LONG_MAX)), "integer:9223372036854775807");
         EXPECT_EQ(Bound(Make(LONG_MIN)), "integer:-9223372036854775808");
@@ -103,7 +103,7 @@ TEST_F(ContextDatabaseQueryTest, WritesBeforeCallReturns) {
     EXPECT_EQ(CapturedLog::Messages(), Messages());
 }
 
-TEST_F(ContextDatabaseQueryTest, DefersNothingWithoutAnInterval) {
+TEST_F(ContextDatabaseQueryTest, DefersNothingWithoutInterval) {
     ContextDatabase without(kOther, kCreateTable);
     ContextDatabase zero("zero.db", kCreateTable, /*interval=*/0);
     Defer(without, "INSERT INTO t (id) VALUES (1)");
@@ -158,7 +158,7 @@ TEST_F(ContextDatabaseQueryTest, LogsFromMethodThatPerformsStep) {
                      }));
 }
 
-// A closed database
+// Closed database
 
 TEST_F(ContextDatabaseQueryTest, OnlyLogsWhenClosed) {
     const MissingDataDirectory missing;

@@ -5,6 +5,7 @@
 
 #include <filesystem>
 #include <functional>
+#include <iterator>
 #include <memory>
 #include <optional>
 #include <string>
@@ -28,6 +29,8 @@ std::size_t ThreadCount() {
 }
 
 using ContextDatabaseTest = DatabaseTest;
+
+// The path
 
 TEST_F(ContextDatabaseTest, KeepsFilesInFixedDataDirectory) {
     EXPECT_STREQ(ContextDatabase::kDataDirectory, "/opt/usr/apps/lumora-service/data/");
@@ -77,7 +80,7 @@ TEST_F(ContextDatabaseTest, StartsTimerForEveryIntervalEvenZero) {
         std::function<std::unique_ptr<ContextDatabase>()> make;
         std::size_t threads;
     } rows[] = {
-        {"without", [] { return std::make_unique<ContextDatabase>("x.db", kCreateTable); }, 0},
+        {"no interval", [] { return std::make_unique<ContextDatabase>("x.db", kCreateTable); }, 0},
         {"zero", [] { return std::make_unique<ContextDatabase>("x.db", kCreateTable, 0); }, 2},
         {"five", [] { return std::make_unique<ContextDatabase>("x.db", kCreateTable, 5); }, 2},
     };
@@ -161,7 +164,7 @@ TEST_F(ContextDatabaseTest, ResetsOnceWhenCreationStatementFails) {
     }
 }
 
-TEST_F(ContextDatabaseTest, WipesExistingTableWithoutIfNotExists) {
+TEST_F(ContextDatabaseTest, CreationWithoutIfNotExistsWipesFile) {
     MakeGoodFile();
     ContextDatabase database("x.db", "CREATE TABLE t (id INTEGER PRIMARY KEY)");
     EXPECT_EQ(CapturedLog::Messages(),

@@ -204,7 +204,7 @@ TEST_F(NetUtilTest, ReceivesFrameSmallerThanBuffer) {
         EXPECT_EQ(received.result, 0);
         EXPECT_EQ(received.length, 3);
         EXPECT_EQ(received.buffer.substr(0, 5), "abc\0#"s);
-        EXPECT_EQ(connection.Unread(), 9) << "the next frame stays unread";
+        EXPECT_EQ(connection.Unread(), 9) << "the next frame was read too";
     }
     ExpectEmptyLog();
 }

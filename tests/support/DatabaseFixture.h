@@ -37,7 +37,7 @@ constexpr const char* kCreateTable = "CREATE TABLE IF NOT EXISTS t (id INTEGER P
 /// A statement that compiles and then fails: the absolute value overflows.
 constexpr const char* kOverflow = "INSERT INTO t (id) SELECT abs(-9223372036854775807 - 1)";
 
-/// How long a test watches that something does not happen.
+/// How long a test checks that something does not happen.
 constexpr std::chrono::milliseconds kShort{60};
 
 /// The path as the library composes and logs it, with two slashes before the name.
@@ -51,6 +51,7 @@ inline Messages ResetLines(const std::string& name = "x.db") {
             "I remove " + DatabasePath(name) + "-journal file success"};
 }
 
+/// @return the lists, one after another.
 inline Messages Join(std::initializer_list<Messages> parts) {
     Messages all;
     for (const Messages& part : parts) {
@@ -207,8 +208,7 @@ public:
     ReadOnlyDataDirectory() {
         struct statvfs status {};
         EXPECT_EQ(statvfs(kPath, &status), 0);
-        // A user namespace must keep the restrictions of the file system below. The ST_ and MS_ flags are the same
-        // bits.
+        // A user namespace must keep the restrictions of the mount below. The ST_ and MS_ flags are the same bits.
         const unsigned long kept = status.f_flag & (MS_NOSUID | MS_NODEV | MS_NOEXEC);
         EXPECT_EQ(mount(kPath, kPath, nullptr, MS_BIND, nullptr), 0) << strerror(errno);
         EXPECT_EQ(mount(nullptr, kPath, nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY | kept, nullptr), 0)
@@ -314,8 +314,8 @@ protected:
         return count;
     }
 
-    /// Moves the stopped clock by more than the timers take for elapsed time, and waits until each has moved its
-    /// deadlines with it. From then on deadlines count from the time that the clock shows.
+    /// Makes the stopped clock jump, and waits until the given number of timers have moved their deadlines along. Every
+    /// later deadline counts from the time that the clock then shows.
     static void SettleTimers(int timers) {
         CapturedLog::Clear();
         TestClock::Advance(60);
