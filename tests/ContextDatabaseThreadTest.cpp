@@ -74,7 +74,6 @@ const void* FirstMutexLockedBy(const std::function<void()>& call) {
 // Under the race checker support/GLibOnPthreads.cpp replaces GLib's calls, and the linker redirects its pthread calls
 // to these functions.
 
-// NOLINTBEGIN(bugprone-reserved-identifier): the linker chooses the names
 extern "C" {
 int __real_pthread_mutex_lock(pthread_mutex_t* mutex);
 int __real_pthread_mutex_unlock(pthread_mutex_t* mutex);
@@ -89,7 +88,6 @@ int __wrap_pthread_mutex_unlock(pthread_mutex_t* mutex) {
     return __real_pthread_mutex_unlock(mutex);
 }
 }
-// NOLINTEND(bugprone-reserved-identifier)
 
 #else
 

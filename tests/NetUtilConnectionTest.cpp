@@ -19,7 +19,7 @@
 #include "NetUtil.h"
 #include "NetUtilFixture.h"
 
-// This program replaces calls of the C library, to record their arguments or to let them fail.
+// This program replaces calls of the C library, to record their arguments or to make them fail.
 
 namespace {
 
@@ -68,6 +68,7 @@ using namespace std::chrono_literals;
 
 constexpr const char* kLoopback = "127.0.0.1";
 
+/// @return the address that a socket is bound to, or with `getpeername` connected to.
 sockaddr_in AddressOf(int fd, int (*name)(int, sockaddr*, socklen_t*) noexcept = getsockname) {
     sockaddr_in address{};
     socklen_t size = sizeof(address);

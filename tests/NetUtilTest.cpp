@@ -85,7 +85,8 @@ protected:
 // All functions that send
 
 TEST_F(NetUtilTest, SendsLargePayloadWholeToSlowReader) {
-    const std::string text(4 * 1024 * 1024, 'x');  // more than a socket buffers
+    constexpr std::size_t kSize = 4194304;  // more than a socket buffers
+    const std::string text(kSize, 'x');
     for (const auto& row : kSenders) {
         const Connection connection;
         std::future<bool> sending = std::async(std::launch::async, [&] { return row.send(*connection.near, text); });
