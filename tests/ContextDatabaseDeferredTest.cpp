@@ -293,11 +293,10 @@ TEST_F(ContextDatabaseTimerFlushTest, NegativeIntervalDefersUntilNextTick) {
     EXPECT_TRUE(deferral.Returns());
     EXPECT_TRUE(hold.IsHolding()) << "the statement ran immediately";
     hold.Release();
-    EXPECT_TRUE(Waiting::Until([&] { return RowCount(database) == "1"; }))
-        << "not flushed while the clock stands still";
+    EXPECT_TRUE(Waiting::Until([&] { return RowCount(database) == "1"; })) << "not flushed while the clock is stopped";
     TestClock::Advance(-30);
     Defer(database, "INSERT INTO t (id) VALUES (2)");
-    EXPECT_TRUE(Waiting::Until([&] { return RowCount(database) == "2"; })) << "not flushed 30 s earlier";
+    EXPECT_TRUE(Waiting::Until([&] { return RowCount(database) == "2"; })) << "not flushed after the clock went back";
 }
 
 // Threads

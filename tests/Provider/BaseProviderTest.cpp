@@ -15,7 +15,7 @@
 
 namespace {
 
-/// @return an argument as a number, so that a call can be compared: an address stands for itself.
+/// @return an argument in the form in which calls are compared: a number or an address.
 std::intptr_t Word(int number) {
     return number;
 }

@@ -98,7 +98,7 @@ public:
     std::optional<Descriptor> far;
 };
 
-/// @return a length as it is sent: four bytes in network byte order.
+/// @return the header for a length: four bytes in network byte order.
 inline std::string Header(unsigned int length) {
     const unsigned int bytes[] = {length >> 24, length >> 16, length >> 8, length};
     std::string header;
@@ -108,7 +108,7 @@ inline std::string Header(unsigned int length) {
     return header;
 }
 
-/// @return a text as it is sent: its length, the text and its terminating zero.
+/// @return the frame for a text: a header, the text and its terminating zero.
 inline std::string Frame(const std::string& text) {
     return Header(static_cast<unsigned int>(text.size()) + 1) + text + '\0';
 }
