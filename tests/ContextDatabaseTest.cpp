@@ -3,16 +3,14 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <filesystem>
 #include <functional>
+#include <iterator>
 #include <memory>
 #include <optional>
 #include <string>
 #include <thread>
 #include <type_traits>
-#include <utility>
-#include <vector>
 
 #include "DatabaseFixture.h"
 #include "FailingAllocation.h"
@@ -21,108 +19,45 @@ namespace {
 
 namespace fs = std::filesystem;
 
-static_assert(std::has_virtual_destructor_v<ContextDatabase>);
 static_assert(!std::is_copy_constructible_v<ContextDatabase> && !std::is_copy_assignable_v<ContextDatabase>);
 
 const std::string kPath = DatabasePath();
 
-const Messages kCannotOpen = {"E Cannot open database: unable to open database file, " + kPath, "E create db error!"};
-const Messages kSymbolicLink = {"E " + kPath + " is symbolic link file!", "E create db error!"};
-const Messages kFailedCheck = {"E Query ERROR Q : pragma integrity_check", "E integrity check db error!"};
-
-/// A healthy file with the table, its index and a few rows.
-void MakeGoodFile(const std::string& path = kPath) {
-    PlainConnection connection(path);
-    connection.Run(kCreateTable);
-    connection.Run("INSERT INTO t VALUES (1, 'name-10'), (2, 'name-20'), (3, 'name-30'), (4, 'name-40')");
-}
-
-/// @return where the page begins on which a table or an index is rooted.
-std::size_t RootPage(const std::string& name) {
-    PlainConnection connection;
-    const Messages root = connection.Run("SELECT rootpage FROM sqlite_schema WHERE name = '" + name + "'");
-    const Messages size = connection.Run("PRAGMA page_size");
-    return (std::stoul(root.at(0)) - 1) * std::stoul(size.at(0));
-}
-
-void ReplaceByte(std::size_t offset, char byte) {
-    std::string content = Surroundings::ReadFile(kPath);
-    content.at(offset) = byte;
-    Surroundings::WriteFile(kPath, content);
-}
-
-/// Changes entries of the index, but not their order: their rows are then missing from it.
-void DamageIndexEntries(const std::vector<std::string>& names) {
-    const std::size_t page = RootPage("sqlite_autoindex_t_1");
-    std::string content = Surroundings::ReadFile(kPath);
-    for (const std::string& name : names) {
-        content.at(content.find(name, page) + name.size() - 1) = '5';
-    }
-    Surroundings::WriteFile(kPath, content);
-}
-
-void DamageTablePage() {
-    ReplaceByte(RootPage("t"), '\0');  // the page's type
-}
-
-void DamageSchemaPage() {
-    ReplaceByte(/*offset=*/100, '\0');  // the type of the first page, behind the file's header
-}
-
-/// What a plain connection makes of the file.
-std::pair<int, Messages> CheckIntegrity() {
-    return PlainConnection().Try("pragma integrity_check");
-}
-
-/// As many lines as the check reports rows.
-Messages FailedRows(std::size_t count) {
-    return Messages(count, "E integrity check failed");
-}
-
+/// @return the number of threads of this process.
 std::size_t ThreadCount() {
     return static_cast<std::size_t>(std::distance(fs::directory_iterator("/proc/self/task"), fs::directory_iterator()));
 }
 
-class ContextDatabaseTest : public DatabaseTest {
-protected:
-    /// An opened database that is empty but for its table and works.
-    static void ExpectFreshAndWorking(ContextDatabase& database, const std::string& name = "x.db") {
-        EXPECT_TRUE(database.IsRunning());
-        EXPECT_TRUE(fs::is_regular_file(fs::symlink_status(DatabasePath(name))));
-        EXPECT_EQ(Ids(name), Messages());
-        Write(database, "INSERT INTO t (id) VALUES (7)");
-        EXPECT_EQ(Ids(name), Messages({"7"}));
-    }
+using ContextDatabaseTest = DatabaseTest;
 
-    /// A closed database says so and does nothing else.
-    static void ExpectClosed(ContextDatabase& database) {
-        EXPECT_FALSE(database.IsRunning());
-        CapturedLog::Clear();
-        Write(database, "INSERT INTO t (id) VALUES (7)");
-        Rows rows = {{{"kept", "row"}}};
-        EXPECT_TRUE(database.SelectQuery("SELECT 1", {}, rows));
-        EXPECT_EQ(rows, Rows({{{"kept", "row"}}}));
-        EXPECT_EQ(CapturedLog::Messages(), Messages({"E DB not opened yet", "E DB not opened yet"}));
-        EXPECT_FALSE(database.IsRunning());
-    }
-};
+// The path
+
+TEST_F(ContextDatabaseTest, KeepsFilesInFixedDataDirectory) {
+    EXPECT_STREQ(ContextDatabase::kDataDirectory, "/opt/usr/apps/lumora-service/data/");
+    ContextDatabase database("a.db", kCreateTable);
+    database.ResetDatabase();
+    EXPECT_EQ(CapturedLog::Messages(),
+              Messages({"I reset database", "I remove /opt/usr/apps/lumora-service/data//a.db file success",
+                        "I remove /opt/usr/apps/lumora-service/data//a.db-journal file success"}));
+    EXPECT_TRUE(fs::is_regular_file("/opt/usr/apps/lumora-service/data/a.db"));
+}
 
 // Opening and closing
 
-TEST_F(ContextDatabaseTest, CreatesTheFileAndItsTable) {
+TEST_F(ContextDatabaseTest, CreatesFileAndTable) {
     ContextDatabase database("x.db", kCreateTable);
     ExpectFreshAndWorking(database);
     EXPECT_EQ(CapturedLog::Messages(), Messages());
 }
 
-TEST_F(ContextDatabaseTest, CreatesTheFileAndItsTableWithAnIntervalToo) {
+TEST_F(ContextDatabaseTest, CreatesFileAndTableWithInterval) {
     ContextDatabase database("y.db", kCreateTable, /*interval=*/5);
     ExpectFreshAndWorking(database, "y.db");
     EXPECT_FALSE(fs::exists(kPath));
     EXPECT_EQ(CapturedLog::Messages(), Messages());
 }
 
-TEST_F(ContextDatabaseTest, KeepsTheRowsOfAHealthyFile) {
+TEST_F(ContextDatabaseTest, KeepsRowsOfHealthyFile) {
     MakeGoodFile();
     const ContextDatabase database("x.db", kCreateTable);
     const ContextDatabase again("x.db", kCreateTable, /*interval=*/5);
@@ -132,35 +67,35 @@ TEST_F(ContextDatabaseTest, KeepsTheRowsOfAHealthyFile) {
     EXPECT_EQ(CapturedLog::Messages(), Messages());
 }
 
-TEST_F(ContextDatabaseTest, TakesAFileOfNoBytesForAnEmptyDatabase) {
+TEST_F(ContextDatabaseTest, OpensZeroByteFileAsEmptyDatabase) {
     Surroundings::WriteFile(kPath, "");
     ContextDatabase database("x.db", kCreateTable);
     ExpectFreshAndWorking(database);
     EXPECT_EQ(CapturedLog::Messages(), Messages());
 }
 
-TEST_F(ContextDatabaseTest, StartsATimerForEveryIntervalEvenZero) {
+TEST_F(ContextDatabaseTest, StartsTimerForEveryIntervalEvenZero) {
     const struct {
         const char* name;
         std::function<std::unique_ptr<ContextDatabase>()> make;
         std::size_t threads;
     } rows[] = {
-        {"without", [] { return std::make_unique<ContextDatabase>("x.db", kCreateTable); }, 0},
+        {"no interval", [] { return std::make_unique<ContextDatabase>("x.db", kCreateTable); }, 0},
         {"zero", [] { return std::make_unique<ContextDatabase>("x.db", kCreateTable, 0); }, 2},
         {"five", [] { return std::make_unique<ContextDatabase>("x.db", kCreateTable, 5); }, 2},
     };
-    std::thread([] {}).join();  // a sanitizer adds a thread of its own to the first
+    std::thread([] {}).join();  // a sanitizer starts a thread along with the first one
     const std::size_t before = ThreadCount();
     for (const auto& row : rows) {
         std::unique_ptr<ContextDatabase> database = row.make();
         EXPECT_EQ(ThreadCount(), before + row.threads) << row.name;
         database.reset();
-        // A joined thread may still be listed for a moment.
+        // The kernel may list a joined thread for a moment.
         EXPECT_TRUE(Waiting::Until([&] { return ThreadCount() == before; })) << row.name;
     }
 }
 
-TEST_F(ContextDatabaseTest, DefersNothingWithoutMemoryForATimer) {
+TEST_F(ContextDatabaseTest, WritesImmediatelyWhenTimerAllocationFails) {
     std::optional<ContextDatabase> database;
     {
         const FailingAllocation failing;
@@ -171,7 +106,7 @@ TEST_F(ContextDatabaseTest, DefersNothingWithoutMemoryForATimer) {
     EXPECT_EQ(CapturedLog::Messages(), Messages());
 }
 
-TEST_F(ContextDatabaseTest, DiscardsDeferredStatementsWhenItIsDestroyed) {
+TEST_F(ContextDatabaseTest, DiscardsDeferredStatementsOnDestruction) {
     {
         ContextDatabase database("x.db", kCreateTable, /*interval=*/5);
         Write(database, "INSERT INTO t (id) VALUES (1)");
@@ -182,26 +117,26 @@ TEST_F(ContextDatabaseTest, DiscardsDeferredStatementsWhenItIsDestroyed) {
     EXPECT_EQ(CapturedLog::Messages(), Messages());
 }
 
-TEST_F(ContextDatabaseTest, TellsWhetherItRunsWhileAStatementIsUnderWay) {
+TEST_F(ContextDatabaseTest, ReportsRunningWithoutWaitingForStatement) {
     ContextDatabase database("x.db", kCreateTable);
     StatementHold hold;
     Background writer([&] { Write(database, "INSERT INTO t (id) SELECT hold()"); });
     ASSERT_TRUE(hold.Wait());
     EXPECT_TRUE(database.IsRunning());
-    EXPECT_TRUE(hold.IsHolding()) << "it waited for the statement";
+    EXPECT_TRUE(hold.IsHolding()) << "IsRunning() waited for the statement";
     hold.Release();
     EXPECT_TRUE(writer.Returns());
 }
 
 // The creation statement
 
-TEST_F(ContextDatabaseTest, RunsOnlyTheFirstCreationStatement) {
+TEST_F(ContextDatabaseTest, RunsOnlyFirstCreationStatement) {
     const ContextDatabase database("x.db", "CREATE TABLE IF NOT EXISTS a (x); CREATE TABLE b (x)");
     EXPECT_EQ(ReadFrom("x.db", "SELECT name FROM sqlite_schema"), Messages({"a"}));
     EXPECT_EQ(CapturedLog::Messages(), Messages());
 }
 
-TEST_F(ContextDatabaseTest, GivesUpAfterOneResetWhenTheCreationStatementFails) {
+TEST_F(ContextDatabaseTest, ResetsOnceWhenCreationStatementFails) {
     const struct {
         const char* statement;
         Messages failure;
@@ -229,7 +164,7 @@ TEST_F(ContextDatabaseTest, GivesUpAfterOneResetWhenTheCreationStatementFails) {
     }
 }
 
-TEST_F(ContextDatabaseTest, WipesAnExistingFileWhenTheCreationStatementIsNotConditional) {
+TEST_F(ContextDatabaseTest, CreationWithoutIfNotExistsWipesFile) {
     MakeGoodFile();
     ContextDatabase database("x.db", "CREATE TABLE t (id INTEGER PRIMARY KEY)");
     EXPECT_EQ(CapturedLog::Messages(),
@@ -237,215 +172,9 @@ TEST_F(ContextDatabaseTest, WipesAnExistingFileWhenTheCreationStatementIsNotCond
     ExpectFreshAndWorking(database);
 }
 
-// Healing
+// Reset
 
-TEST_F(ContextDatabaseTest, RebuildsAFileThatIsNotADatabase) {
-    Surroundings::WriteFile(kPath, "Most certainly not a database, whatever its name says.");
-    ASSERT_EQ(CheckIntegrity(), std::make_pair(SQLITE_NOTADB, Messages()));
-    ContextDatabase database("x.db", kCreateTable);
-    EXPECT_EQ(CapturedLog::Messages(), Join({kFailedCheck, ResetLines()}));
-    ExpectFreshAndWorking(database);
-}
-
-TEST_F(ContextDatabaseTest, RebuildsAFileWhoseSchemaCannotBeRead) {
-    MakeGoodFile();
-    DamageSchemaPage();
-    ASSERT_EQ(CheckIntegrity(), std::make_pair(SQLITE_CORRUPT, Messages()));
-    ContextDatabase database("x.db", kCreateTable);
-    EXPECT_EQ(CapturedLog::Messages(), Join({kFailedCheck, ResetLines()}));
-    ExpectFreshAndWorking(database);
-}
-
-TEST_F(ContextDatabaseTest, ResetsOnceHoweverManyRowsOfTheCheckFail) {
-    for (const std::vector<std::string>& names : {std::vector<std::string>{"name-20"}, {"name-10", "name-30"}}) {
-        fs::remove(kPath);
-        MakeGoodFile();
-        DamageIndexEntries(names);
-        const auto [result, found] = CheckIntegrity();
-        ASSERT_EQ(result, SQLITE_OK);
-        ASSERT_EQ(found.size(), names.size()) << found[0];
-        ASSERT_NE(found[0], "ok");
-        CapturedLog::Clear();
-        ContextDatabase database("x.db", kCreateTable);
-        EXPECT_EQ(CapturedLog::Messages(), Join({FailedRows(names.size()), ResetLines()}));
-        ExpectFreshAndWorking(database);
-    }
-}
-
-TEST_F(ContextDatabaseTest, ResetsOnceWhenTheCheckReportsRowsAndThenFails) {
-    MakeGoodFile();
-    DamageTablePage();
-    const auto [result, found] = CheckIntegrity();
-    ASSERT_EQ(result, SQLITE_CORRUPT);
-    ASSERT_GE(found.size(), 1U);
-    ContextDatabase database("x.db", kCreateTable);
-    EXPECT_EQ(CapturedLog::Messages(), Join({FailedRows(found.size()), kFailedCheck, ResetLines()}));
-    ExpectFreshAndWorking(database);
-}
-
-TEST_F(ContextDatabaseTest, RunsTheCreationStatementOnceMoreAfterAFailedRow) {
-    MakeGoodFile();
-    DamageIndexEntries({"name-20"});
-    ContextDatabase database("x.db", "CREATE TABLE t (id INTEGER PRIMARY KEY)");
-    EXPECT_EQ(
-        CapturedLog::Messages(),
-        Join({FailedRows(1), ResetLines(), {"E error excute CREATE TABLE t (id INTEGER PRIMARY KEY)"}, ResetLines()}));
-    ExpectFreshAndWorking(database);
-}
-
-TEST_F(ContextDatabaseTest, RebuildsAFileThatIsDamagedWhileItIsOpen) {
-    ContextDatabase database("x.db", kCreateTable);
-    Write(database, "INSERT INTO t (id) VALUES (1)");
-    Surroundings::WriteFile(kPath, std::string(5000, 'x'));
-    Write(database, "INSERT INTO t (id) VALUES (2)");
-    EXPECT_EQ(CapturedLog::Messages(),
-              Join({{"E Query ERROR Q : INSERT INTO t (id) VALUES (2)", "E vecSqlQueryValue size : 0"}, ResetLines()}));
-    ExpectFreshAndWorking(database);
-}
-
-TEST_F(ContextDatabaseTest, RebuildsAFileThatSomebodyElseHasLocked) {
-    MakeGoodFile();
-    PlainConnection other;
-    other.Run("BEGIN EXCLUSIVE");
-    ASSERT_EQ(CheckIntegrity(), std::make_pair(SQLITE_BUSY, Messages()))
-        << "the check itself fails, but not as damaged";
-    ContextDatabase database("x.db", kCreateTable);
-    EXPECT_EQ(CapturedLog::Messages(), Join({{std::string("E error excute ") + kCreateTable}, ResetLines()}));
-    ExpectFreshAndWorking(database);
-}
-
-TEST_F(ContextDatabaseTest, ReplacesASymbolicLinkAndLeavesItsTargetAlone) {
-    const Surroundings::TemporaryFolder folder;
-    MakeGoodFile(folder / "target.db");
-    const std::string before = Surroundings::ReadFile(folder / "target.db");
-    fs::create_symlink(folder / "target.db", kPath);
-    ContextDatabase database("x.db", kCreateTable);
-    EXPECT_EQ(CapturedLog::Messages(), Join({kSymbolicLink, ResetLines()}));
-    ExpectFreshAndWorking(database);
-    EXPECT_EQ(Surroundings::ReadFile(folder / "target.db"), before);
-}
-
-TEST_F(ContextDatabaseTest, ReplacesADanglingSymbolicLink) {
-    const Surroundings::TemporaryFolder folder;
-    fs::create_symlink(folder / "missing.db", kPath);
-    ContextDatabase database("x.db", kCreateTable);
-    EXPECT_EQ(CapturedLog::Messages(), Join({kSymbolicLink, ResetLines()}));
-    ExpectFreshAndWorking(database);
-    EXPECT_FALSE(fs::exists(folder / "missing.db"));
-}
-
-TEST_F(ContextDatabaseTest, DoesNotFollowALinkThatItCannotRemove) {
-    MakeGoodFile(DatabasePath("target.db"));
-    fs::create_symlink(DatabasePath("target.db"), kPath);
-    const ReadOnlyDataDirectory readOnly;
-    ContextDatabase database("x.db", kCreateTable);
-    EXPECT_EQ(CapturedLog::Messages(), Join({kSymbolicLink, ResetLines(), kSymbolicLink}));
-    ExpectClosed(database);
-}
-
-TEST_F(ContextDatabaseTest, ReplacesAnEmptyFolder) {
-    fs::create_directory(kPath);
-    ContextDatabase database("x.db", kCreateTable);
-    EXPECT_EQ(CapturedLog::Messages(), Join({kCannotOpen, ResetLines()}));
-    ExpectFreshAndWorking(database);
-}
-
-TEST_F(ContextDatabaseTest, StaysClosedWhereAFolderHoldsSomething) {
-    fs::create_directory(kPath);
-    Surroundings::WriteFile(kPath + "/file", "content");
-    ContextDatabase database("x.db", kCreateTable);
-    EXPECT_EQ(CapturedLog::Messages(), Join({kCannotOpen, ResetLines(), kCannotOpen}));
-    ExpectClosed(database);
-    EXPECT_EQ(Surroundings::ReadFile(kPath + "/file"), "content");
-    EXPECT_EQ(OpenDescriptors(), 0);
-}
-
-TEST_F(ContextDatabaseTest, StaysClosedWithoutTheDirectoryUntilALaterReset) {
-    auto missing = std::make_unique<MissingDataDirectory>();
-    ContextDatabase database("x.db", kCreateTable);
-    EXPECT_EQ(CapturedLog::Messages(), Join({kCannotOpen, ResetLines(), kCannotOpen}));
-    ExpectClosed(database);
-    missing.reset();
-    ExpectClosed(database);
-    CapturedLog::Clear();
-    database.ResetDatabase();
-    EXPECT_EQ(CapturedLog::Messages(), ResetLines());
-    ExpectFreshAndWorking(database);
-}
-
-TEST_F(ContextDatabaseTest, StaysClosedInAReadOnlyDirectoryUntilALaterReset) {
-    auto readOnly = std::make_unique<ReadOnlyDataDirectory>();
-    ContextDatabase database("x.db", kCreateTable);
-    EXPECT_EQ(CapturedLog::Messages(), Join({kCannotOpen, ResetLines(), kCannotOpen}));
-    ExpectClosed(database);
-    readOnly.reset();
-    database.ResetDatabase();
-    ExpectFreshAndWorking(database);
-}
-
-TEST_F(ContextDatabaseTest, LosesNothingInAReadOnlyDirectory) {
-    MakeGoodFile();
-    const std::string before = Surroundings::ReadFile(kPath);
-    const ReadOnlyDataDirectory readOnly;
-    ContextDatabase database("x.db", kCreateTable);
-    EXPECT_EQ(CapturedLog::Messages(), Messages());
-    Write(database, "INSERT INTO t (id) VALUES (7)");
-    EXPECT_EQ(CapturedLog::Messages(),
-              Join({{"E Query ERROR Q : INSERT INTO t (id) VALUES (7)", "E vecSqlQueryValue size : 0"},
-                    ResetLines()}));  // "success", although nothing could be removed
-    EXPECT_EQ(RowCount(database), "4");
-    EXPECT_EQ(Surroundings::ReadFile(kPath), before);
-}
-
-TEST_F(ContextDatabaseTest, ResetsOnceWhenADamagedFileCannotBeRemoved) {
-    Surroundings::WriteFile(kPath, "not a database");
-    const ReadOnlyDataDirectory readOnly;
-    const ContextDatabase database("x.db", kCreateTable);
-    EXPECT_EQ(CapturedLog::Messages(), Join({kFailedCheck, ResetLines(), kFailedCheck}));
-    EXPECT_EQ(Surroundings::ReadFile(kPath), "not a database");
-    EXPECT_FALSE(database.IsRunning());
-}
-
-TEST_F(ContextDatabaseTest, NamesTheStepThatLogs) {
-    const std::string folder = kPath;
-    fs::create_directory(folder);
-    Surroundings::WriteFile(folder + "/file", "content");
-    const ContextDatabase closed("x.db", kCreateTable);
-    fs::create_symlink("/nowhere", DatabasePath("link.db"));
-    const ContextDatabase linked("link.db", kCreateTable);
-    fs::remove_all(folder);
-    MakeGoodFile();
-    DamageTablePage();
-    const ContextDatabase damaged("x.db", kCreateTable);
-    const struct {
-        const char* format;
-        const char* function;
-        int priority;
-    } rows[] = {
-        {"Cannot open database: %s, %s", "CreateDatabase_", 6},
-        {"%s is symbolic link file!", "CreateDatabase_", 6},
-        {"create db error!", "OpenDatabase_", 6},
-        {"integrity check failed", "OnIntegrityCheckCallBack", 6},
-        {"Query ERROR Q : %s", "CheckDatabaseIntegrity_", 6},
-        {"integrity check db error!", "OpenDatabase_", 6},
-        {"reset database", "ResetDatabase", 4},
-        {"remove %s file success", "ResetDatabase", 4},
-    };
-    const std::vector<CapturedLog::Line> lines = CapturedLog::Lines();
-    for (const CapturedLog::Line& line : lines) {
-        EXPECT_EQ(line.tag, "LMR_COMMON");
-        EXPECT_EQ(line.file, "ContextDatabase.cpp");
-    }
-    for (const auto& row : rows) {
-        EXPECT_TRUE(std::any_of(lines.begin(), lines.end(), [&](const CapturedLog::Line& line) {
-            return line.format == row.format && line.function == row.function && line.priority == row.priority;
-        })) << row.format;
-    }
-}
-
-// Resets
-
-TEST_F(ContextDatabaseTest, EmptiesAHealthyDatabase) {
+TEST_F(ContextDatabaseTest, ResetEmptiesHealthyDatabase) {
     ContextDatabase database("x.db", kCreateTable);
     for (int round = 0; round < 3; ++round) {
         Write(database, "INSERT INTO t (id) VALUES (1)");
@@ -457,8 +186,8 @@ TEST_F(ContextDatabaseTest, EmptiesAHealthyDatabase) {
     }
 }
 
-TEST_F(ContextDatabaseTest, RemovesTheFileAndItsJournalAndNothingElse) {
-    // As folders, since SQLite itself would remove a stale journal that is a file.
+TEST_F(ContextDatabaseTest, ResetRemovesOnlyFileAndJournal) {
+    // Directories, because SQLite itself removes a stale journal that is a file.
     const std::string journal = kPath + "-journal";
     for (const char* other : {"x.db2", "x.db-journal2", "y.db-journal", "x", "-journal"}) {
         fs::create_directory(DatabasePath(other));
@@ -473,7 +202,7 @@ TEST_F(ContextDatabaseTest, RemovesTheFileAndItsJournalAndNothingElse) {
     }
 }
 
-TEST_F(ContextDatabaseTest, RemovesAJournalThatIsALinkAndLeavesItsTargetAlone) {
+TEST_F(ContextDatabaseTest, ResetRemovesJournalLinkButNotItsTarget) {
     const Surroundings::TemporaryFolder folder;
     Surroundings::WriteFile(folder / "target", "content");
     ContextDatabase database("x.db", kCreateTable);
@@ -483,7 +212,7 @@ TEST_F(ContextDatabaseTest, RemovesAJournalThatIsALinkAndLeavesItsTargetAlone) {
     EXPECT_EQ(Surroundings::ReadFile(folder / "target"), "content");
 }
 
-TEST_F(ContextDatabaseTest, LogsTheRemovalOfFilesThatAreNotThere) {
+TEST_F(ContextDatabaseTest, LogsRemovalOfMissingFiles) {
     ContextDatabase database("x.db", kCreateTable);
     fs::remove(kPath);
     database.ResetDatabase();
@@ -491,13 +220,13 @@ TEST_F(ContextDatabaseTest, LogsTheRemovalOfFilesThatAreNotThere) {
     ExpectFreshAndWorking(database);
 }
 
-TEST_F(ContextDatabaseTest, DropsAResetInsideAReset) {
+TEST_F(ContextDatabaseTest, DropsResetDuringReset) {
     ContextDatabase database("x.db", "CREATE TABLE IF NOT EXISTS t AS SELECT hold() AS id");
     StatementHold hold;
     Background reset([&] { database.ResetDatabase(); });
-    ASSERT_TRUE(hold.Wait()) << "it creates the table anew";
+    ASSERT_TRUE(hold.Wait()) << "the reset does not create the table";
     database.ResetDatabase();
-    EXPECT_TRUE(hold.IsHolding()) << "the second reset waited for the first";
+    EXPECT_TRUE(hold.IsHolding()) << "the second reset waited for the first one";
     hold.Release();
     EXPECT_TRUE(reset.Returns());
     EXPECT_EQ(CapturedLog::Messages(), ResetLines());
@@ -506,9 +235,9 @@ TEST_F(ContextDatabaseTest, DropsAResetInsideAReset) {
     EXPECT_EQ(Ids(), Messages({"1"}));
 }
 
-// What is left behind
+// Leaks
 
-TEST_F(ContextDatabaseTest, LeaksNeitherConnectionsNorStatements) {
+TEST_F(ContextDatabaseTest, LeaksNoConnectionsOrStatements) {
     const auto memory = sqlite3_memory_used();
     {
         ContextDatabase database("x.db", kCreateTable, /*interval=*/0);
@@ -542,103 +271,22 @@ TEST_F(ContextDatabaseTest, LeaksNeitherConnectionsNorStatements) {
     EXPECT_EQ(sqlite3_memory_used(), memory);
 }
 
-TEST_F(ContextDatabaseTest, ClosesWhatAFlushOpensAgainWhileItIsDestroyed) {
+TEST_F(ContextDatabaseTest, ClosesFileThatFlushReopensDuringDestruction) {
     const auto memory = sqlite3_memory_used();
     for (int round = 0; round < 6; ++round) {
         auto database = std::make_unique<ContextDatabase>("x.db", kCreateTable, /*interval=*/1);
         StatementHold hold;
         Defer(*database, "INSERT INTO t (id) SELECT abs(hold() - 9223372036854775807 - 2)");
-        ASSERT_TRUE(AdvanceUntil([&] { return hold.IsHolding(); })) << "no flush has begun";
+        ASSERT_TRUE(AdvanceUntil([&] { return hold.IsHolding(); })) << "no flush started";
         Background destruction([&] { database.reset(); });
-        EXPECT_FALSE(destruction.Returns(std::chrono::milliseconds(20))) << "it did not wait for the statement";
+        EXPECT_FALSE(destruction.Returns(std::chrono::milliseconds(20)))
+            << "the destructor did not wait for the statement";
         hold.Release();
         ASSERT_TRUE(destruction.Returns());
         EXPECT_EQ(CapturedLog::Count("reset database"), round + 1);
         EXPECT_EQ(OpenDescriptors(), 0);
         EXPECT_EQ(sqlite3_memory_used(), memory);
     }
-}
-
-// Several objects
-
-TEST_F(ContextDatabaseTest, SerialisesObjectsOnDifferentFiles) {
-    ContextDatabase slow("slow.db", kCreateTable);
-    ContextDatabase other("x.db", kCreateTable);
-    const struct {
-        const char* name;
-        std::function<void()> action;
-    } rows[] = {
-        {"write", [&] { Write(other, "INSERT INTO t (id) VALUES (1)"); }},
-        {"select", [&] { Select(other, "SELECT 1"); }},
-        {"reset", [&] { other.ResetDatabase(); }},
-        {"opening", [] { const ContextDatabase third("third.db", kCreateTable); }},
-    };
-    for (const char* statement : {"INSERT INTO t (name) SELECT hold() || random()", "SELECT hold()"}) {
-        for (const auto& row : rows) {
-            SCOPED_TRACE(std::string(row.name) + " behind " + statement);
-            StatementHold hold;
-            Background holder([&] {
-                if (statement[0] == 'S') {
-                    Select(slow, statement);
-                } else {
-                    Write(slow, statement);
-                }
-            });
-            ASSERT_TRUE(hold.Wait());
-            Background waiter(row.action);
-            EXPECT_FALSE(waiter.Returns(kShort));
-            EXPECT_TRUE(hold.IsHolding());
-            hold.Release();
-            EXPECT_TRUE(waiter.Returns());
-        }
-    }
-    EXPECT_EQ(RowCount(slow), "4");
-}
-
-TEST_F(ContextDatabaseTest, OpensNoFileWhileAnotherObjectsStatementIsUnderWay) {
-    ContextDatabase slow("slow.db", kCreateTable);
-    StatementHold hold;
-    Background holder([&] { Select(slow, "SELECT hold()"); });
-    ASSERT_TRUE(hold.Wait());
-    Background opening([] { const ContextDatabase database("x.db", kCreateTable); });
-    EXPECT_FALSE(opening.Returns(kShort));
-    EXPECT_FALSE(fs::exists(kPath));
-    hold.Release();
-    EXPECT_TRUE(opening.Returns());
-    EXPECT_TRUE(fs::exists(kPath));
-}
-
-TEST_F(ContextDatabaseTest, SurvivesManyThreadsThatWriteReadAndReset) {
-    DeferringDatabase first("x.db");
-    ContextDatabase second("y.db", kCreateTable);
-    CapturedLog::Clear();
-    const auto work = [](ContextDatabase& database, const std::function<void()>& extra) {
-        for (int round = 0; round < 15; ++round) {
-            Write(database, "INSERT INTO t (name) VALUES ('x')");  // fails, and resets, every second time
-            Defer(database, "INSERT OR IGNORE INTO t (name) VALUES ('y')");
-            Rows rows;
-            database.SelectQuery("SELECT * FROM t", {}, rows);
-            database.IsRunning();
-            extra();
-        }
-    };
-    {
-        std::vector<std::unique_ptr<Background>> threads;
-        for (int copy = 0; copy < 2; ++copy) {
-            threads.push_back(std::make_unique<Background>([&] { work(first, [&] { first.Flush(); }); }));
-            threads.push_back(std::make_unique<Background>([&] { work(second, [&] { second.ResetDatabase(); }); }));
-        }
-        for (const auto& thread : threads) {
-            EXPECT_TRUE(thread->Returns());
-        }
-    }
-    EXPECT_GT(CapturedLog::Count("reset database"), 0);
-    EXPECT_EQ(CapturedLog::Count("DB already opened"), 0);
-    EXPECT_EQ(OpenDescriptors(), 2);
-    first.ResetDatabase();
-    second.ResetDatabase();
-    ExpectFreshAndWorking(first, "x.db");
-    ExpectFreshAndWorking(second, "y.db");
 }
 
 }  // namespace

@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
-
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <map>
 #include <string>
 #include <type_traits>
 #include <vector>
@@ -27,8 +27,9 @@
 #include "Provider/ProviderFilter.h"
 #include "Provider/ReinforcementLearningAgent.h"
 
-// Every class that a host derives from, embeds or copies: its fields lie one behind the other in their order, with
-// nothing in between, and have the device's sizes. The build lets this program see private fields.
+// The layout of every class that a host derives from, embeds or copies: the order of its fields, with no other field
+// between them or after the last one; its size on the device; and the slots of its virtual functions. The program is
+// compiled with -fno-access-control, to see private fields.
 
 namespace {
 
@@ -39,22 +40,27 @@ struct Field {
     std::size_t alignment;
 };
 
-/// Where a field of this type would stand behind a single byte: on 32-bit x86 not where it would stand by itself.
+/// Shows the alignment of T as a member. On 32-bit x86 `alignof` differs: it reports that of a variable.
 template <class T>
-struct BehindAByte {
+struct AfterByte {
     char byte;
     T field;
 };
 
 template <class T>
-constexpr std::size_t kAlignment = sizeof(BehindAByte<T>) - sizeof(T);
+constexpr std::size_t kAlignment = sizeof(AfterByte<T>) - sizeof(T);
 
+/// @return the offset, rounded up to the alignment.
 std::size_t Aligned(std::size_t offset, std::size_t alignment) {
     return (offset + alignment - 1) / alignment * alignment;
 }
 
-/// @param first where the fields begin: 0, or behind the base or the pointer to the virtual table.
-/// @param deviceSize of the class on the device; this is held on 32-bit ARM alone, the order everywhere.
+/// Expects the fields of a class in the given order, without others.
+/// @param name        the class, for messages.
+/// @param size        its size here.
+/// @param first       the offset of its first field: 0, or after the base class or the virtual table pointer.
+/// @param deviceSize  its size on the device, which is checked on 32-bit ARM only.
+/// @param fields      its fields.
 void ExpectFields(const std::string& name, std::size_t size, std::size_t first, std::size_t deviceSize,
                   const std::vector<Field>& fields) {
     std::size_t offset = first;
@@ -74,8 +80,8 @@ void ExpectFields(const std::string& name, std::size_t size, std::size_t first, 
 }
 
 constexpr std::size_t kNone = 0;
-constexpr std::size_t kTable = sizeof(void*);  ///< the pointer to the virtual table
-/// Where the base's last field ends: a derived class makes use of what is left of its last word.
+constexpr std::size_t kTable = sizeof(void*);  ///< after the virtual table pointer
+/// After the last field of ContextThread: a derived class reuses the padding at the end of its base.
 constexpr std::size_t kEndOfThread = 2 * sizeof(void*) + 1;
 
 template <class T>
@@ -88,10 +94,10 @@ Field FieldAt(const char* name, std::size_t offset) {
 #define EXPECT_FIELDS(type, first, deviceSize, ...) \
     ExpectFields(#type, sizeof(type), first, deviceSize, std::vector<Field>{__VA_ARGS__})
 
-TEST(LayoutTest, LocksAndTheirData) {
+TEST(LayoutTest, LocksAndLockedData) {
     EXPECT_FIELDS(ContextAutoLock, kNone, 4, FIELD(ContextAutoLock, m_pMutex));
     EXPECT_FIELDS(ContextLockData, kNone, 12, FIELD(ContextLockData, m_pszData), FIELD(ContextLockData, m_mutex));
-    EXPECT_TRUE((std::is_same_v<decltype(ContextLockData::m_mutex), GMutex>)) << "embedded";
+    EXPECT_TRUE((std::is_same_v<decltype(ContextLockData::m_mutex), GMutex>)) << "the mutex is a member, not a pointer";
 }
 
 TEST(LayoutTest, Document) {
@@ -106,7 +112,7 @@ TEST(LayoutTest, TrackedMemory) {
     EXPECT_EQ(sizeof(TMemHeader), 64U);
     EXPECT_EQ(offsetof(TMemHeader, nLine), 52U);
     EXPECT_EQ(offsetof(TMemHeader, nSize), 56U);
-    EXPECT_EQ(offsetof(TMemHeader, nBlockLow), 60U) << "on the device the block's address, whole";
+    EXPECT_EQ(offsetof(TMemHeader, nBlockLow), 60U) << "the whole address of the block on the device";
     EXPECT_TRUE((std::is_base_of_v<ContextThread, CMemoryManager>));
     EXPECT_FIELDS(CMemoryManager, kEndOfThread, 64024, FIELD(CMemoryManager, m_nCount),
                   FIELD(CMemoryManager, m_nMaxSize), FIELD(CMemoryManager, m_nTotalSize),
@@ -154,6 +160,8 @@ TEST(LayoutTest, Database) {
 TEST(LayoutTest, ProviderBaseAndFilters) {
     EXPECT_FALSE(std::is_polymorphic_v<CBaseProvider>);
     EXPECT_FIELDS(CBaseProvider, kNone, 4, FIELD(CBaseProvider, m_pIProviderHandler));
+    EXPECT_TRUE((std::is_same_v<decltype(ContextSubjectFilter::m_filterMap), std::map<std::string, bool>>));
+    EXPECT_TRUE((std::is_same_v<decltype(ProviderFilter::m_filterMap), std::map<std::string, bool>>));
     EXPECT_FIELDS(ContextSubjectFilter, kNone, 24, FIELD(ContextSubjectFilter, m_filterMap));
     EXPECT_FIELDS(ProviderFilter, kNone, 24, FIELD(ProviderFilter, m_filterMap));
 }
@@ -174,7 +182,7 @@ TEST(LayoutTest, CurationRecordsAndUnits) {
     EXPECT_FIELDS(CCuratorDateUnit, sizeof(CCuratorBaseUnit), 1712, FIELD(CCuratorDateUnit, m_dHour),
                   FIELD(CCuratorDateUnit, m_dDay), FIELD(CCuratorDateUnit, m_dDayHour),
                   FIELD(CCuratorDateUnit, m_dWeight));
-    // The look-up table stands behind the fields that have their order.
+    // The look-up table follows the fields whose order is fixed.
     EXPECT_FIELDS(CCuratorAgent, kTable, 56, FIELD(CCuratorAgent, m_eType), FIELD(CCuratorAgent, m_nMaxResult),
                   FIELD(CCuratorAgent, m_nMinDuration), FIELD(CCuratorAgent, m_vecUnits),
                   FIELD(CCuratorAgent, m_mapUnits));
@@ -196,15 +204,15 @@ TEST(LayoutTest, BanditAgents) {
                   FIELD(KalmanFilterAgent, m_vecVariance));
 }
 
-/// The position of a virtual operation in its table, the pair of destructors being 0 and 1.
+/// @return the slot of a virtual function in its table. Slots 0 and 1 hold the two destructors.
 template <class Operation>
 std::size_t SlotOf(Operation operation) {
     std::uintptr_t offset = 0;
-    std::memcpy(&offset, &operation, sizeof(offset));  // in bytes; where functions have even addresses, plus 1
+    std::memcpy(&offset, &operation, sizeof(offset));  // in bytes; plus 1 where functions have even addresses
     return offset / sizeof(void*);
 }
 
-TEST(LayoutTest, VirtualOperationsStandBehindThePairOfDestructors) {
+TEST(LayoutTest, VirtualFunctionsFollowDestructors) {
     EXPECT_EQ(SlotOf(&ContextThread::OnThread), 2U);
     EXPECT_EQ(SlotOf(&ContextEventThread::OnEvent), 2U);
     EXPECT_EQ(SlotOf(&ContextTimer::OnThread), 2U);
@@ -230,7 +238,7 @@ TEST(LayoutTest, VirtualOperationsStandBehindThePairOfDestructors) {
     EXPECT_EQ(SlotOf(&IProvider::KillTimer), 11U);
 }
 
-/// Tells which of its operations was called.
+/// Records which of its virtual functions were called.
 class NumberedAgent : public ReinforcementLearningAgent {
 public:
     explicit NumberedAgent(int& destroyed) : ReinforcementLearningAgent(1), m_destroyed(destroyed) {}
@@ -244,33 +252,34 @@ private:
     int& m_destroyed;
 };
 
-TEST(LayoutTest, TablesAreReadAsCompiledCodeReadsThem) {
+TEST(LayoutTest, VirtualTableHoldsFunctionsInTheirSlots) {
     int destroyed = 0;
     auto* agent = new NumberedAgent(destroyed);
     void** table = *reinterpret_cast<void***>(agent);
     reinterpret_cast<void (*)(void*, const int&, const int&)>(table[2])(agent, 4, 2);
     EXPECT_EQ(agent->m_updated, 42);
     EXPECT_EQ(reinterpret_cast<int (*)(void*)>(table[3])(agent), 7);
-    reinterpret_cast<void (*)(void*)>(table[1])(agent);  // destroys and frees: the leak checker sees whether it did
+    reinterpret_cast<void (*)(void*)>(table[1])(agent);  // destroys and frees, or the leak checker fails
     EXPECT_EQ(destroyed, 1);
 
     alignas(NumberedAgent) unsigned char memory[sizeof(NumberedAgent)];
     agent = new (memory) NumberedAgent(destroyed);
-    reinterpret_cast<void (*)(void*)>((*reinterpret_cast<void***>(agent))[0])(agent);  // destroys only
+    reinterpret_cast<void (*)(void*)>((*reinterpret_cast<void***>(agent))[0])(agent);  // destroys without freeing
     EXPECT_EQ(destroyed, 2);
 }
 
-TEST(LayoutTest, PolymorphicClassesAreTheStatedOnes) {
+TEST(LayoutTest, OnlyStatedClassesArePolymorphic) {
     EXPECT_TRUE(std::has_virtual_destructor_v<ContextDatabase>);
     EXPECT_TRUE(std::has_virtual_destructor_v<CCuratorAgent>);
     EXPECT_TRUE(std::has_virtual_destructor_v<IProvider>);
+    EXPECT_TRUE(std::is_abstract_v<IProvider>);
     EXPECT_FALSE(std::is_polymorphic_v<ContextSubjectFilter>);
     EXPECT_FALSE(std::is_polymorphic_v<ProviderFilter>);
     EXPECT_FALSE(std::is_polymorphic_v<CuratorBaseData7x24>);
     EXPECT_FALSE(std::is_polymorphic_v<ContextLockData>);
 }
 
-TEST(LayoutTest, ValuesOfTheEnumerations) {
+TEST(LayoutTest, EnumeratorValues) {
     EXPECT_EQ(SQL_INT, 0);
     EXPECT_EQ(SQL_LONG, 1);
     EXPECT_EQ(SQL_STRING, 2);

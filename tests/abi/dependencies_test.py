@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: Apache-2.0
-"""Holds a built library to what it may ask of others: which libraries, and of jsoncpp only the calls of every series.
+"""Checks which libraries the built library links, and that it calls only functions that every jsoncpp series has.
 
   dependencies_test.py LIBRARY
 """
@@ -13,7 +13,7 @@ LIBRARY = sys.argv.pop()
 LIBRARIES = {"libglib-2.0", "libjsoncpp", "libsqlite3", "libstdc++", "libm", "libgcc_s", "libc", "ld-linux",
              "ld-linux-armhf", "ld-linux-x86-64"}
 
-# What the series 0.x declares too; moves come with C++11, and the compiler takes the copies where they are missing.
+# Functions that jsoncpp 0.x declares too. It has no move operations; there the compiler uses the copy operations.
 JSON_CALLS = {
     "FastWriter::FastWriter", "FastWriter::write", "Reader::Reader", "Reader::parse", "Writer::~Writer",
     "Value::Value", "Value::~Value", "Value::operator=", "Value::operator[]", "Value::append", "Value::clear",
@@ -28,16 +28,17 @@ def output(*command):
 
 
 class DependenciesTest(unittest.TestCase):
-    def test_links_what_it_is_built_on_and_nothing_else(self):
+    def test_links_only_the_listed_libraries(self):
         needed = re.findall(r"\(NEEDED\).*\[(.*?)\.so", output("readelf", "--dynamic", "--wide", LIBRARY))
-        self.assertEqual(set(needed) - LIBRARIES, set())
-        self.assertLessEqual({"libglib-2.0", "libjsoncpp", "libsqlite3"}, set(needed))
+        self.assertEqual(set(needed) - LIBRARIES, set(), "the library links these, but may not")
+        self.assertLessEqual({"libglib-2.0", "libjsoncpp", "libsqlite3"}, set(needed),
+                             "an expected library is not linked")
 
-    def test_calls_of_jsoncpp_what_every_series_has(self):
+    def test_calls_only_functions_of_every_jsoncpp(self):
         undefined = output("nm", "--dynamic", "--undefined-only", "--demangle", LIBRARY)
         calls = set(re.findall(r" U Json::([^(\[]+(?:\[\])?)", undefined))
-        self.assertIn("Value::append", calls, "this test reads the list wrongly")
-        self.assertEqual(calls - JSON_CALLS, set())
+        self.assertIn("Value::append", calls, "the test does not understand the output of nm")
+        self.assertEqual(calls - JSON_CALLS, set(), "the library calls these, which jsoncpp 0.x lacks")
 
 
 if __name__ == "__main__":

@@ -1,12 +1,12 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: Apache-2.0
-"""Holds what the shared library exports to the list of its Debian package, and to the public headers.
+"""Compares the symbols that the shared library exports with its Debian symbols file and with the public headers.
 
   exports_test.py ROOT LIBRARY [--nm NM] [--write]
 
-Fails when a symbol is exported that the list does not name, when one that it names is missing, and when one is a class
-or function that no public header declares for export. --write makes the list anew from LIBRARY; symbols that it had
-keep the version that they came with.
+Fails when the library exports a symbol that the file does not list, when a listed symbol is not exported, and when no
+public header declares an exported class or function with LUMORA_API. --write updates the file from LIBRARY; a symbol
+that is already listed keeps its version.
 """
 import argparse
 import pathlib
@@ -24,21 +24,22 @@ THUNK = re.compile(r"^(?:non-)?virtual thunk to ")
 
 
 def exported(library, nm):
-    """The demangled names; the variants of a constructor or destructor are one."""
+    """Returns the demangled names. The variants of a constructor or destructor share one name."""
     listing = subprocess.run([nm, "--dynamic", "--demangle", "--defined-only", "--without-symbol-versions", library],
                              capture_output=True, encoding="utf-8", timeout=60, check=True).stdout
     return {re.match(r"[0-9a-f]+ \w (.+)", line)[1] for line in listing.splitlines()}
 
 
 def listed(text):
-    """From name to the version that it came with."""
+    """Returns the version of each listed symbol."""
     if not text.startswith(HEAD):
-        sys.exit(f"{LIST} does not start with\n{HEAD}")
+        sys.exit(f"{LIST} must start with these lines:\n{HEAD}")
     matches = [LINE.fullmatch(line) for line in text.removeprefix(HEAD).splitlines()]
     return {match["name"]: match["version"] for match in matches}
 
 
 def written(names, versions, version):
+    """Returns the text of the symbols file."""
     def line(name):
         plain = re.fullmatch(r"\w+", name)  # extern "C"
         return f" {name}@Base" if plain else f' (c++)"{name}@Base"'
@@ -47,7 +48,7 @@ def written(names, versions, version):
 
 
 def without_arguments(name):
-    """ContextData::GetValue from ContextData::GetValue(char const*); RandomBeta from double RandomBeta<double>(...)."""
+    """Reduces ContextData::GetValue(char const*) to ContextData::GetValue, and so on."""
     name = re.sub(r"\[abi:\w+\]", "", THUNK.sub("", name))
     while re.search(r"<[^<>]*>", name):
         name = re.sub(r"<[^<>]*>", "", name)
@@ -55,7 +56,7 @@ def without_arguments(name):
 
 
 def declared(name, headers):
-    """Whether one header declares the class for export and the member in it, or the function for export."""
+    """Tells whether a header declares the function, or the class and its member, with LUMORA_API."""
     made_for = MADE_FOR_A_CLASS.fullmatch(name)
     *scopes, last = map(re.escape, (made_for[1] if made_for else without_arguments(name)).split("::"))
     if made_for:
@@ -84,7 +85,7 @@ def main():
     path = root / LIST
     names = exported(arguments.library, arguments.nm)
     if not names:
-        sys.exit(f"{arguments.library} exports nothing")
+        sys.exit(f"{arguments.library} exports no symbols")
     if arguments.write:
         version = re.search(r"^  VERSION (\S+)", (root / "CMakeLists.txt").read_text(encoding="utf-8"), re.M)[1]
         versions = listed(path.read_text(encoding="utf-8")) if path.exists() else {}
@@ -92,13 +93,14 @@ def main():
 
     expected = listed(path.read_text(encoding="utf-8"))
     headers = [re.sub(r"//.*", "", file.read_text(encoding="utf-8")) for file in (root / "include").rglob("*.h*")]
-    problems = [f"exported, but not in {LIST}: {name}" for name in sorted(names - expected.keys())]
-    problems += [f"in {LIST}, but not exported: {name}" for name in sorted(expected.keys() - names)]
-    problems += [f"exported, but declared for export by no public header: {name}"
+    problems = [f"exported, but not listed in {LIST}: {name}" for name in sorted(names - expected.keys())]
+    problems += [f"listed in {LIST}, but not exported: {name}" for name in sorted(expected.keys() - names)]
+    problems += [f"exported, but no public header declares it with LUMORA_API: {name}"
                  for name in sorted(names) if not declared(name, headers)]
     if problems:
-        problems.append(f"if that is meant: tests/abi/exports_test.py . {arguments.library} --write")
-    print("\n".join(problems) if problems else f"{len(names)} exported symbols, listed and declared")
+        problems.append("If the change is intended, update the file: "
+                        f"tests/abi/exports_test.py . {arguments.library} --write")
+    print("\n".join(problems) if problems else f"all {len(names)} exported symbols are listed and declared")
     return 1 if problems else 0
 
 

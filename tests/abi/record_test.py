@@ -1,12 +1,12 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: Apache-2.0
-"""Holds the binary interface of a built library against the one that is on record.
+"""Compares the binary interface of a built library with its record.
 
   record_test.py RECORD LIBRARY             compares
-  record_test.py --renew RECORD LIBRARY     records anew, after a change that is meant
+  record_test.py --renew RECORD LIBRARY     writes the record, after an intended change
 
-The records, one for each architecture, are what abidw writes: the layout of every class, the order of its virtual
-operations, and every symbol.
+There is one record for each architecture, written by abidw. It lists the layout of every class, the order of its
+virtual functions, and every symbol.
 """
 import pathlib
 import re
@@ -37,8 +37,9 @@ def main():
         describe(library, built)
         status = subprocess.run(["abidiff", "--no-show-locs", record, built], check=False).returncode
     if status:
-        print("The binary interface is not the one on record. Where that is meant, record it anew for every architecture:\n"
-              "  cmake --build --preset PRESET --target abi-record        with PRESET dev, armhf and i386", flush=True)
+        print("The binary interface differs from its record. If the change is intended, renew the record of every\n"
+              "architecture, with PRESET dev, armhf and i386:\n"
+              "  cmake --build --preset PRESET --target abi-record", flush=True)
     return 1 if status else 0
 
 

@@ -1,22 +1,22 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: Apache-2.0
-"""Holds every include of the library to the layers that docs/architecture.md lists.
+"""Checks every #include of the library against the layers that docs/architecture.md lists.
 
   layers_test.py ROOT
 
-Fails when a file belongs to no layer, includes a layer above its own or one that its row does not name, uses a
-third-party header that its row does not name, or when the build lists the layers in another order.
+Fails when a file belongs to no layer, when it includes a layer or a third-party header that the row of its layer does
+not name, when a row names a layer that is not below it, and when CMakeLists.txt lists the sources in another order.
 """
 import pathlib
 import re
 import sys
 
-EVERYONES = {"LumoraApi"}  # exports and nothing else
+ANY_LAYER = {"LumoraApi"}  # the export macro; any layer may include it
 THIRD_PARTY = {"glib.h": "glib", "json/json.h": "json", "sqlite3.h": "sqlite3"}
 
 
 def layers_of(text):
-    """From the table: {layer: (files, layers it may use, third parties)}, in order."""
+    """Returns the table as {layer: (files, layers it may use, third-party headers)}, in order."""
     table = text.split("<!-- layers -->")[1].split("<!-- /layers -->")[0]
     rows = [[cell.strip() for cell in line.strip("|").split("|")] for line in table.strip().splitlines()[2:]]
     return {row[0]: [[name.strip() for name in cell.split(",") if name.strip()] for cell in row[1:]] for row in rows}
@@ -32,14 +32,14 @@ def main(root):
     for layer, (_, uses, _) in layers.items():
         for used in uses:
             if order.index(used) >= order.index(layer):
-                problems.append(f"docs/architecture.md: {layer} may not use {used}, which is not below it")
+                problems.append(f"docs/architecture.md: {layer} may use {used}, which is not below it")
 
     paths = sorted(path for folder in ("include", "src") for path in (root / folder).rglob("*.*"))
     for path in paths:
         name = str(path.relative_to(root))
         unit = re.sub(r"\.(h|cpp)(\.in)?$", "", str(path.relative_to(root / name.split("/")[0])))
         if unit not in layer_of:
-            problems.append(f"{name}: is in no layer of docs/architecture.md")
+            problems.append(f"{name}: docs/architecture.md lists it in no layer")
             continue
         seen.add(unit)
         own = layer_of[unit]
@@ -52,27 +52,27 @@ def main(root):
             header = include[2]
             if include[1] == "<":
                 if header in THIRD_PARTY and THIRD_PARTY[header] not in third_parties:
-                    problems.append(f"{where}: {own} may not use {THIRD_PARTY[header]}")
+                    problems.append(f"{where}: the layer {own} may not include {header}")
                 continue
             used = layer_of.get(header.removesuffix(".h"))
             if used is None:
-                problems.append(f"{where}: {header} is in no layer")
-            elif used != own and used not in uses and header.removesuffix(".h") not in EVERYONES:
-                problems.append(f"{where}: {own} may not use {used}")
+                problems.append(f"{where}: {header} belongs to no layer")
+            elif used != own and used not in uses and header.removesuffix(".h") not in ANY_LAYER:
+                problems.append(f"{where}: the layer {own} may not include the layer {used}")
             elif name.startswith("include/") and not (root / name.split("/")[0] / header).exists() and not (
                 root / "include" / (header + ".in")).exists():
-                problems.append(f"{where}: a public header needs {header}, which is not public")
+                problems.append(f"{where}: a public header includes {header}, which is not public")
 
     for unit in sorted(set(layer_of) - seen):
-        problems.append(f"docs/architecture.md: {unit} does not exist")
+        problems.append(f"docs/architecture.md: no file exists for {unit}")
 
     cmake = (root / "CMakeLists.txt").read_text(encoding="utf-8")
     sources = re.findall(r"^\s+src/(\S+)\.cpp", cmake, re.M)
     ranks = [order.index(layer_of[source]) for source in sources if source in layer_of]
     if ranks != sorted(ranks) or not sources:
-        problems.append("CMakeLists.txt: the sources do not stand in the order of the layers")
+        problems.append("CMakeLists.txt: the sources are not in the order of the layers")
 
-    print("\n".join(problems) if problems else f"{len(paths)} files keep to {len(layers)} layers")
+    print("\n".join(problems) or f"{len(paths)} files in {len(layers)} layers include only what their layers allow")
     return 1 if problems else 0
 
 

@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: Apache-2.0
-"""Holds the example in the README to the program that is built and run.
+"""Checks that README.md shows the program that is built and run, and that the page is short.
 
   readme_test.py ROOT
 """
@@ -12,7 +12,7 @@ program = (root / "examples/first-ranking/first-ranking.cpp").read_text(encoding
 readme = (root / "README.md").read_text(encoding="utf-8")
 lines = len(readme.splitlines())
 if f"```cpp\n{program}```" not in readme:
-    sys.exit("README.md does not show examples/first-ranking/first-ranking.cpp as it is")
+    sys.exit("README.md must show examples/first-ranking/first-ranking.cpp, except its first line, without a change")
 if lines > 150:
-    sys.exit(f"README.md has {lines} lines; 150 are enough")
-print("the README shows the example as it is")
+    sys.exit(f"README.md has {lines} lines; at most 150 are allowed")
+print("README.md shows the example without a change")

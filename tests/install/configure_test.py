@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: Apache-2.0
-"""Configures the project where the tools of some tests are missing.
+"""Configures the project without the tools that some tests need.
 
   configure_test.py ROOT CMAKE
 """
@@ -19,7 +19,7 @@ PACKAGES = {
     "LUMORA_CHROMEDRIVER": "chromium-driver",
     "LUMORA_MOUNT_NAMESPACE": "a mount namespace",
 }
-BOUND = 60
+BOUND = 60  # seconds for each command
 
 
 class ConfigureTest(unittest.TestCase):
@@ -29,12 +29,12 @@ class ConfigureTest(unittest.TestCase):
         self.build = pathlib.Path(folder.name)
 
     def configure(self, missing, *options):
-        """A tool that is OFF counts as one that was not found."""
+        """Configures as if the given tools were not installed: OFF in the cache counts as not found."""
         return subprocess.run([CMAKE, "-S", ROOT, "-B", self.build, "-DCMAKE_BUILD_TYPE=Debug",
                                *(f"-D{tool}=OFF" for tool in missing), *options],
                               capture_output=True, encoding="utf-8", timeout=BOUND)
 
-    def test_succeeds_without_any_tool_and_skips_by_package(self):
+    def test_succeeds_without_tools_and_names_packages(self):
         result = self.configure(PACKAGES)
         self.assertEqual(result.returncode, 0, result.stderr)
         report = subprocess.run([str(pathlib.Path(CMAKE).with_name("ctest")), "-R", "needs"], cwd=self.build,
@@ -45,7 +45,7 @@ class ConfigureTest(unittest.TestCase):
             self.assertIn(package, skipped)
         self.assertEqual(skipped.count("(Skipped)"), skipped.count("(needs "), skipped)
 
-    def test_skips_only_the_tests_of_the_missing_tool(self):
+    def test_skips_only_tests_of_missing_tool(self):
         self.assertEqual(self.configure(["LUMORA_CHROMIUM"]).returncode, 0)
         listed = subprocess.run([str(pathlib.Path(CMAKE).with_name("ctest")), "-N", "-L", "host|page"], cwd=self.build,
                                 capture_output=True, encoding="utf-8", timeout=BOUND).stdout

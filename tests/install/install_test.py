@@ -1,10 +1,10 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: Apache-2.0
-"""Installs the library and uses it as a stranger does, who has the installed tree and nothing else.
+"""Installs the library and builds another project against the installed tree.
 
   install_test.py BUILD GCC CLANG
 
-Works in a folder of its own; the tree is used where it was installed, and once more after it has moved.
+Works in a temporary directory. The project is built twice: where the tree was installed, and from a copy elsewhere.
 """
 import concurrent.futures
 import os
@@ -23,20 +23,21 @@ STANDARDS = ("17", "20")
 HERE = pathlib.Path(__file__).parent
 INCLUDE = HERE.parent.parent / "include"
 WARNINGS = ["-Wall", "-Wextra", "-Wpedantic", "-Wshadow", "-Wconversion", "-Werror"]
-BOUND = 120  # seconds that any command may take
+BOUND = 120  # seconds for each command
 
 
 def run(*command, **environment):
+    """Returns the output of a command that must succeed."""
     result = subprocess.run([str(word) for word in command], stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
                             encoding="utf-8", timeout=BOUND, stdin=subprocess.DEVNULL,
                             env={**os.environ, **{name: str(value) for name, value in environment.items()}})
     if result.returncode != 0:
-        raise AssertionError(f"{' '.join(map(str, command))}\n{result.stdout}")
+        raise AssertionError(f"exit status {result.returncode}: {' '.join(map(str, command))}\n{result.stdout}")
     return result.stdout
 
 
-def at_once(function, *arguments):
-    """Calls the function for every tuple of arguments, as many at a time as there are processors."""
+def in_parallel(function, *arguments):
+    """Calls the function with every tuple of arguments, in parallel on all processors."""
     with concurrent.futures.ThreadPoolExecutor(os.cpu_count()) as pool:
         return list(pool.map(function, *zip(*arguments)))
 
@@ -67,8 +68,8 @@ class InstallTest(unittest.TestCase):
         cls.installed = Tree(first)
         cls.moved = Tree(second)
 
-    def in_private(self, tree):
-        """A tree of which only this one is left: what still points to the other one breaks."""
+    def hide_other(self, tree):
+        """Renames the other tree for one test, so that a path that still points there does not exist."""
         other = self.installed if tree is self.moved else self.moved
         hidden = other.prefix.with_name(other.prefix.name + " hidden")
         other.prefix.rename(hidden)
@@ -82,7 +83,7 @@ class InstallTest(unittest.TestCase):
             run("cmake", "--build", folder)
             return [run(folder / f"host-{standard}") for standard in STANDARDS]
 
-        self.assertEqual(at_once(build, *[(compiler,) for compiler in COMPILERS]),
+        self.assertEqual(in_parallel(build, *[(compiler,) for compiler in COMPILERS]),
                          [[self.expected] * len(STANDARDS)] * len(COMPILERS))
 
     def use_with_pkg_config(self, tree):
@@ -94,30 +95,30 @@ class InstallTest(unittest.TestCase):
             return run(program, LD_LIBRARY_PATH=tree.library)
 
         ways = [(compiler, standard) for compiler in COMPILERS for standard in STANDARDS]
-        self.assertEqual(at_once(build, *ways), [self.expected] * len(ways))
+        self.assertEqual(in_parallel(build, *ways), [self.expected] * len(ways))
 
-    def test_a_host_finds_it_with_cmake(self):
-        self.in_private(self.installed)
+    def test_find_package_works_where_installed(self):
+        self.hide_other(self.installed)
         self.use_with_find_package(self.installed)
 
-    def test_a_host_finds_it_with_cmake_after_it_has_moved(self):
-        self.in_private(self.moved)
+    def test_find_package_works_after_tree_moved(self):
+        self.hide_other(self.moved)
         self.use_with_find_package(self.moved)
 
-    def test_a_host_finds_it_with_pkg_config(self):
-        self.in_private(self.installed)
+    def test_pkg_config_works_where_installed(self):
+        self.hide_other(self.installed)
         self.use_with_pkg_config(self.installed)
 
-    def test_a_host_finds_it_with_pkg_config_after_it_has_moved(self):
-        self.in_private(self.moved)
+    def test_pkg_config_works_after_tree_moved(self):
+        self.hide_other(self.moved)
         self.use_with_pkg_config(self.moved)
 
-    def test_every_public_header_is_installed_and_no_other(self):
+    def test_installs_exactly_the_public_headers(self):
         installed = {str(path.relative_to(self.installed.headers)) for path in self.installed.headers.rglob("*.*")}
         self.assertEqual(installed, {re.sub(r"\.in$", "", str(path.relative_to(INCLUDE)))
                                      for path in INCLUDE.rglob("*.*")})
 
-    def test_every_header_compiles_by_itself_from_the_installed_tree(self):
+    def test_every_installed_header_compiles_by_itself(self):
         flags = self.installed.pkg_config("--cflags")
 
         def check(header, compiler, standard):
@@ -126,12 +127,12 @@ class InstallTest(unittest.TestCase):
 
         headers = [path.relative_to(self.installed.headers) for path in self.installed.headers.rglob("*.h")]
         self.assertGreater(len(headers), 20)
-        at_once(check, *[(header, "gcc", "17") for header in headers])
+        in_parallel(check, *[(header, "gcc", "17") for header in headers])
         everything = self.folder / "everything.h"
         everything.write_text("".join(f"#include <{header}>\n" for header in headers), encoding="utf-8")
-        at_once(check, *[(everything, compiler, standard) for compiler in COMPILERS for standard in STANDARDS])
+        in_parallel(check, *[(everything, compiler, standard) for compiler in COMPILERS for standard in STANDARDS])
 
-    def test_the_library_and_its_programs_keep_no_path_of_the_build(self):
+    def test_installed_files_contain_no_build_path(self):
         files = [path for path in self.installed.prefix.rglob("*") if path.is_file() and not path.is_symlink()]
         for path in files:
             if path.suffix in (".cmake", ".pc"):
@@ -140,7 +141,7 @@ class InstallTest(unittest.TestCase):
             elif path.suffix != ".h" and path.read_bytes()[:4] == b"\x7fELF":
                 self.assertNotRegex(run("readelf", "--dynamic", path), r"R(UN)?PATH", path)
 
-    def test_the_version_is_the_same_everywhere(self):
+    def test_version_is_the_same_everywhere(self):
         version = re.search(r"^version (\S+)$", self.expected, re.M)[1]
         self.assertEqual(self.installed.pkg_config("--modversion"), [version])
         changelog = (HERE.parent.parent / "debian/changelog").read_text(encoding="utf-8")

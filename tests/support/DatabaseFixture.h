@@ -32,26 +32,26 @@ using Messages = std::vector<std::string>;
 using Row = std::map<std::string, std::string>;
 using Rows = std::vector<Row>;
 
-constexpr const char* kDataDirectory = "/opt/usr/apps/lumora-service/data";
 constexpr const char* kCreateTable = "CREATE TABLE IF NOT EXISTS t (id INTEGER PRIMARY KEY, name TEXT UNIQUE)";
 
-/// A statement that fails while it runs: its absolute value does not fit.
+/// A statement that compiles and then fails: the absolute value overflows.
 constexpr const char* kOverflow = "INSERT INTO t (id) SELECT abs(-9223372036854775807 - 1)";
 
-/// How long a test waits for what must not happen.
+/// How long a test checks that something does not happen.
 constexpr std::chrono::milliseconds kShort{60};
 
-/// The path as the library composes and logs it: with two slashes.
+/// The path as the library composes and logs it, with two slashes before the name.
 inline std::string DatabasePath(const std::string& name = "x.db") {
-    return "/opt/usr/apps/lumora-service/data//" + name;
+    return std::string(ContextDatabase::kDataDirectory) + "/" + name;
 }
 
-/// What one reset of a database logs, without what its opening adds.
+/// The lines that one reset logs, without the lines of the opening that follows.
 inline Messages ResetLines(const std::string& name = "x.db") {
     return {"I reset database", "I remove " + DatabasePath(name) + " file success",
             "I remove " + DatabasePath(name) + "-journal file success"};
 }
 
+/// @return the lists, one after another.
 inline Messages Join(std::initializer_list<Messages> parts) {
     Messages all;
     for (const Messages& part : parts) {
@@ -60,7 +60,7 @@ inline Messages Join(std::initializer_list<Messages> parts) {
     return all;
 }
 
-/// A connection that has nothing to do with the library: it prepares and inspects files.
+/// A connection outside the library, which prepares and inspects files.
 class PlainConnection {
 public:
     explicit PlainConnection(const std::string& path = DatabasePath()) {
@@ -81,7 +81,7 @@ public:
     }
 
     /// Runs statements that may fail.
-    /// @return the result code, and the first column of the rows that came before it.
+    /// @return the result code, and the first column of every row that was read.
     std::pair<int, Messages> Try(const std::string& sql) {
         Messages rows;
         const auto addRow = [](void* data, int, char** values, char**) {
@@ -96,18 +96,25 @@ private:
     sqlite3* m_database = nullptr;
 };
 
-/// @return the first column of what a connection of its own reads.
+/// @return the first column of every row, read through a PlainConnection.
 inline Messages ReadFrom(const std::string& name, const std::string& sql) {
     return PlainConnection(DatabasePath(name)).Run(sql);
 }
 
-/// @return the ids in the table of a file.
+/// @return the ids in table t of a file.
 inline Messages Ids(const std::string& name = "x.db") {
     return ReadFrom(name, "SELECT id FROM t ORDER BY id");
 }
 
-/// While it lives, statements that call the SQL function hold() do not end before Release(), and neither does the
-/// library's hold on its connections. Otherwise hold() is just 1.
+/// Writes a healthy file: the table, its index and four rows.
+inline void MakeGoodFile(const std::string& path = DatabasePath()) {
+    PlainConnection connection(path);
+    connection.Run(kCreateTable);
+    connection.Run("INSERT INTO t VALUES (1, 'name-10'), (2, 'name-20'), (3, 'name-30'), (4, 'name-40')");
+}
+
+/// While an object of this class exists, the SQL function hold() blocks until Release(). A statement that calls it
+/// keeps the library's database mutex locked for that long. Without such an object hold() returns 1 at once.
 class StatementHold {
 public:
     StatementHold() { Set(true); }
@@ -117,22 +124,24 @@ public:
 
     void Release() { Set(false); }
 
-    /// Waits until a statement is held up.
+    /// Waits until a statement blocks in hold().
     bool Wait() {
         std::unique_lock<std::mutex> lock(s_mutex);
         return s_changed.wait_for(lock, Waiting::kBound, [] { return s_held > 0; });
     }
 
-    /// @return true while a statement is held up.
+    /// @return true while a statement blocks in hold().
     bool IsHolding() {
         const std::lock_guard<std::mutex> lock(s_mutex);
         return s_held > 0;
     }
 
-    /// Gives hold() to every connection that the process opens, the library's included.
+    /// Defines hold() in every connection that the process opens, including the library's. It is innocuous, so that a
+    /// CHECK constraint may call it.
     static void Install() {
         const auto addFunction = [](sqlite3* database, char**, const sqlite3_api_routines*) {
-            return sqlite3_create_function(database, "hold", 0, SQLITE_UTF8, nullptr, Hold, nullptr, nullptr);
+            return sqlite3_create_function(database, "hold", 0, SQLITE_UTF8 | SQLITE_INNOCUOUS, nullptr, Hold, nullptr,
+                                           nullptr);
         };
         int (*extension)(sqlite3*, char**, const sqlite3_api_routines*) = addFunction;
         ASSERT_EQ(sqlite3_auto_extension(reinterpret_cast<void (*)()>(extension)), SQLITE_OK);
@@ -160,7 +169,7 @@ private:
     static inline int s_held = 0;
 };
 
-/// Does something on a thread of its own.
+/// Runs an action on a new thread, and joins the thread in the destructor.
 class Background {
 public:
     explicit Background(std::function<void()> action)
@@ -172,7 +181,7 @@ public:
     Background(const Background&) = delete;
     Background& operator=(const Background&) = delete;
 
-    /// @return true when it has been done within the bound.
+    /// @return true when the action returns within the bound.
     bool Returns(std::chrono::milliseconds bound = Waiting::kBound) { return m_returned.Wait(bound); }
 
 private:
@@ -180,7 +189,7 @@ private:
     std::thread m_thread;
 };
 
-/// Takes the data directory away for one scope: another folder is mounted over its parent.
+/// Hides the data directory for one scope: an empty file system is mounted over its parent.
 class MissingDataDirectory {
 public:
     MissingDataDirectory() { EXPECT_EQ(mount("none", m_parent.c_str(), "tmpfs", 0, nullptr), 0) << strerror(errno); }
@@ -189,7 +198,8 @@ public:
     MissingDataDirectory& operator=(const MissingDataDirectory&) = delete;
 
 private:
-    std::string m_parent = std::filesystem::path(kDataDirectory).parent_path();
+    // The constant ends with a slash: its first parent_path() is the data directory itself.
+    std::string m_parent = std::filesystem::path(ContextDatabase::kDataDirectory).parent_path().parent_path();
 };
 
 /// Makes the data directory unwritable for one scope, even for root.
@@ -197,19 +207,22 @@ class ReadOnlyDataDirectory {
 public:
     ReadOnlyDataDirectory() {
         struct statvfs status {};
-        EXPECT_EQ(statvfs(kDataDirectory, &status), 0);
-        // A user's namespace may not drop what the file system below forbids. These flags are the same for both calls.
+        EXPECT_EQ(statvfs(kPath, &status), 0);
+        // A user namespace must keep the restrictions of the mount below. The ST_ and MS_ flags are the same bits.
         const unsigned long kept = status.f_flag & (MS_NOSUID | MS_NODEV | MS_NOEXEC);
-        EXPECT_EQ(mount(kDataDirectory, kDataDirectory, nullptr, MS_BIND, nullptr), 0) << strerror(errno);
-        EXPECT_EQ(mount(nullptr, kDataDirectory, nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY | kept, nullptr), 0)
+        EXPECT_EQ(mount(kPath, kPath, nullptr, MS_BIND, nullptr), 0) << strerror(errno);
+        EXPECT_EQ(mount(nullptr, kPath, nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY | kept, nullptr), 0)
             << strerror(errno);
     }
-    ~ReadOnlyDataDirectory() { EXPECT_EQ(umount2(kDataDirectory, MNT_DETACH), 0) << strerror(errno); }
+    ~ReadOnlyDataDirectory() { EXPECT_EQ(umount2(kPath, MNT_DETACH), 0) << strerror(errno); }
     ReadOnlyDataDirectory(const ReadOnlyDataDirectory&) = delete;
     ReadOnlyDataDirectory& operator=(const ReadOnlyDataDirectory&) = delete;
+
+private:
+    static constexpr const char* kPath = ContextDatabase::kDataDirectory;
 };
 
-/// A database whose flush is the test's to call: its own timer is not due before an hour has passed.
+/// A database that the test flushes: its timer does not fire before an hour has passed.
 class DeferringDatabase : public ContextDatabase {
 public:
     explicit DeferringDatabase(const std::string& name = "x.db", const std::string& createTable = kCreateTable)
@@ -219,7 +232,7 @@ public:
             CapturedLog::Clear();
             OnTimerCb(++m_id);
         } while (!CapturedLog::Lines().empty() && m_id < kMaxId);
-        EXPECT_LT(m_id, kMaxId) << "no timer id is the object's";
+        EXPECT_LT(m_id, kMaxId) << "no id matches the timer of the object";
     }
 
     void Flush() { OnTimerCb(m_id); }
@@ -229,23 +242,23 @@ private:
     int m_id = 0;
 };
 
-/// Starts every test in an empty data directory, with an empty log and a stopped clock.
+/// Starts every test with an empty data directory, an empty log and a stopped clock.
 class DatabaseTest : public ::testing::Test {
 protected:
     static void SetUpTestSuite() { StatementHold::Install(); }
     static void TearDownTestSuite() { sqlite3_reset_auto_extension(); }
 
     DatabaseTest() {
-        if (Surroundings::DataDirectory() != std::string(kDataDirectory) + "/") {
-            throw std::runtime_error("not the library's data directory");
+        if (Surroundings::DataDirectory() != ContextDatabase::kDataDirectory) {
+            throw std::runtime_error("scripts/with-data-directory mounts another directory than the library uses");
         }
-        for (const auto& entry : std::filesystem::directory_iterator(kDataDirectory)) {
+        for (const auto& entry : std::filesystem::directory_iterator(ContextDatabase::kDataDirectory)) {
             std::filesystem::remove_all(entry.path());
         }
         CapturedLog::Clear();
     }
 
-    /// Runs a statement at once.
+    /// Runs a statement immediately.
     static void Write(ContextDatabase& database, const std::string& sql) {
         database.ExecuteQuery(sql.c_str(), {}, /*immediate=*/true);
     }
@@ -254,7 +267,8 @@ protected:
         database.ExecuteQuery(sql.c_str(), {}, /*immediate=*/false);
     }
 
-    /// What a select that must succeed reads.
+    /// Runs a select that must succeed.
+    /// @return its rows.
     static Rows Select(ContextDatabase& database, const std::string& sql,
                        const ContextDatabase::ValueList& values = {}) {
         Rows rows;
@@ -262,25 +276,46 @@ protected:
         return rows;
     }
 
-    /// The number of rows as the object itself sees it: another reader's lock could make its writes fail.
+    /// Expects an open database with an empty table, and that it can be written.
+    static void ExpectFreshAndWorking(ContextDatabase& database, const std::string& name = "x.db") {
+        EXPECT_TRUE(database.IsRunning());
+        EXPECT_TRUE(std::filesystem::is_regular_file(std::filesystem::symlink_status(DatabasePath(name))));
+        EXPECT_EQ(Ids(name), Messages());
+        Write(database, "INSERT INTO t (id) VALUES (7)");
+        EXPECT_EQ(Ids(name), Messages({"7"}));
+    }
+
+    /// Expects a closed database, whose operations only log.
+    static void ExpectClosed(ContextDatabase& database) {
+        EXPECT_FALSE(database.IsRunning());
+        CapturedLog::Clear();
+        Write(database, "INSERT INTO t (id) VALUES (7)");
+        Rows rows = {{{"kept", "row"}}};
+        EXPECT_TRUE(database.SelectQuery("SELECT 1", {}, rows));
+        EXPECT_EQ(rows, Rows({{{"kept", "row"}}}));
+        EXPECT_EQ(CapturedLog::Messages(), Messages({"E DB not opened yet", "E DB not opened yet"}));
+        EXPECT_FALSE(database.IsRunning());
+    }
+
+    /// Counts the rows through the object itself: a second connection could lock the file and make its writes fail.
     static std::string RowCount(ContextDatabase& database) {
         const Rows rows = Select(database, "SELECT count(*) AS n FROM t");
         return rows.empty() ? "none" : rows[0].at("n");
     }
 
-    /// How many descriptors of files in the data directory the process has open, deleted files included.
+    /// Counts the open descriptors of files in the data directory, including deleted files.
     static int OpenDescriptors() {
         int count = 0;
         for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
             std::error_code ignored;
             const std::string target = std::filesystem::read_symlink(entry.path(), ignored);
-            count += target.rfind(kDataDirectory, 0) == 0 ? 1 : 0;
+            count += target.rfind(ContextDatabase::kDataDirectory, 0) == 0 ? 1 : 0;
         }
         return count;
     }
 
-    /// Lets every timer see the stopped clock jump, which moves the deadlines along: from then on each counts from the
-    /// time that the clock shows.
+    /// Makes the stopped clock jump, and waits until the given number of timers have moved their deadlines along. Every
+    /// later deadline counts from the time that the clock then shows.
     static void SettleTimers(int timers) {
         CapturedLog::Clear();
         TestClock::Advance(60);
@@ -288,15 +323,15 @@ protected:
         CapturedLog::Clear();
     }
 
-    /// Moves the stopped clock, a second every other tick, until something has happened.
+    /// Moves the stopped clock by one second every 500 ms until a condition holds.
     template <class Condition>
     static bool AdvanceUntil(Condition condition) {
-        const auto hasHappenedInTime = [&] {
+        const auto holdsAfterNextSecond = [&] {
             TestClock::Advance(1);
             return Waiting::Until(condition, std::chrono::milliseconds(500));
         };
         int seconds = 0;
-        while (!hasHappenedInTime() && seconds < 40) {
+        while (!holdsAfterNextSecond() && seconds < 40) {
             ++seconds;
         }
         return condition();

@@ -7,12 +7,11 @@
 #include <map>
 #include <random>
 #include <string>
-#include <type_traits>
 #include <vector>
 
 #include "CapturedLog.h"
 
-/// What the subject filter and the provider filter promise alike. A test program instantiates it for its filter.
+/// The common behaviour of the subject filter and the provider filter. A test program instantiates it for its class.
 template <class Filter>
 class NameFilterTest : public ::testing::Test {
 protected:
@@ -28,6 +27,7 @@ protected:
     Filter m_filter;
 };
 
+/// Names the one instance of the suite.
 struct FilterName {
     template <class Filter>
     static std::string GetName(int /*index*/) {
@@ -37,18 +37,13 @@ struct FilterName {
 
 TYPED_TEST_SUITE_P(NameFilterTest);
 
-TYPED_TEST_P(NameFilterTest, IsAPlainMapWithoutVirtualOperations) {
-    EXPECT_FALSE(std::is_polymorphic_v<TypeParam>);
-    EXPECT_EQ(sizeof(TypeParam), (sizeof(std::map<std::string, bool>)));
-}
-
 TYPED_TEST_P(NameFilterTest, IsCompleteWithoutNames) {
     EXPECT_TRUE(this->m_filter.Check());
     this->m_filter.Clear();
     EXPECT_TRUE(this->m_filter.Check());
 }
 
-TYPED_TEST_P(NameFilterTest, IsCompleteOnceEveryNameWasSeen) {
+TYPED_TEST_P(NameFilterTest, IsCompleteOnceEveryNameIsSet) {
     this->Register({"a", "b"});
     EXPECT_FALSE(this->m_filter.Check());
     this->m_filter.Set("a");
@@ -57,7 +52,7 @@ TYPED_TEST_P(NameFilterTest, IsCompleteOnceEveryNameWasSeen) {
     EXPECT_TRUE(this->m_filter.Check());
 }
 
-TYPED_TEST_P(NameFilterTest, TakesArrivalsInAnyOrderAndRepeatedly) {
+TYPED_TEST_P(NameFilterTest, AcceptsNamesInAnyOrderAndRepeatedly) {
     this->Register({"a", "b", "c"});
     for (const char* name : {"c", "c", "a", "c"}) {
         this->m_filter.Set(name);
@@ -67,14 +62,14 @@ TYPED_TEST_P(NameFilterTest, TakesArrivalsInAnyOrderAndRepeatedly) {
     EXPECT_TRUE(this->m_filter.Check());
 }
 
-TYPED_TEST_P(NameFilterTest, ChecksWithoutChangingAMark) {
+TYPED_TEST_P(NameFilterTest, CheckDoesNotChangeMarks) {
     this->Register({"a"});
     this->m_filter.Set("a");
     EXPECT_TRUE(this->m_filter.Check());
     EXPECT_TRUE(this->m_filter.Check());
 }
 
-TYPED_TEST_P(NameFilterTest, KeepsItsNamesWhenCleared) {
+TYPED_TEST_P(NameFilterTest, ClearKeepsNames) {
     this->Register({"a", "b"});
     for (int batch = 0; batch < 3; ++batch) {
         EXPECT_FALSE(this->m_filter.Check());
@@ -86,16 +81,16 @@ TYPED_TEST_P(NameFilterTest, KeepsItsNamesWhenCleared) {
     }
 }
 
-TYPED_TEST_P(NameFilterTest, IgnoresANameThatIsNotRegistered) {
+TYPED_TEST_P(NameFilterTest, IgnoresUnregisteredName) {
     this->m_filter.Set("c");
     EXPECT_TRUE(this->m_filter.Check());
     this->m_filter.Clear();
     EXPECT_TRUE(this->m_filter.Check()) << "an unregistered name became registered";
     this->m_filter.Register("c");
-    EXPECT_FALSE(this->m_filter.Check()) << "a name was seen before it was registered";
+    EXPECT_FALSE(this->m_filter.Check()) << "setting a name before its registration counted";
 }
 
-TYPED_TEST_P(NameFilterTest, TakesANameForUnseenWhenItIsRegisteredAgain) {
+TYPED_TEST_P(NameFilterTest, RegisteringAgainResetsMark) {
     this->Register({"a", "b"});
     this->m_filter.Set("a");
     this->m_filter.Set("b");
@@ -105,7 +100,7 @@ TYPED_TEST_P(NameFilterTest, TakesANameForUnseenWhenItIsRegisteredAgain) {
     EXPECT_TRUE(this->m_filter.Check());
 }
 
-TYPED_TEST_P(NameFilterTest, NeedsANameOnceHoweverOftenItIsRegistered) {
+TYPED_TEST_P(NameFilterTest, RegisteringTwiceNeedsOneSet) {
     this->Register({"a", "a", "a"});
     this->m_filter.Set("a");
     EXPECT_TRUE(this->m_filter.Check());
@@ -142,7 +137,7 @@ TYPED_TEST_P(NameFilterTest, ComparesNamesByteByByte) {
     EXPECT_TRUE(this->m_filter.Check());
 }
 
-TYPED_TEST_P(NameFilterTest, CopiesItsMarks) {
+TYPED_TEST_P(NameFilterTest, CopiesNamesAndMarks) {
     this->Register({"a"});
     TypeParam copy = this->m_filter;
     this->m_filter.Set("a");
@@ -151,7 +146,7 @@ TYPED_TEST_P(NameFilterTest, CopiesItsMarks) {
     EXPECT_TRUE(copy.Check());
 }
 
-TYPED_TEST_P(NameFilterTest, AgreesWithAPlainMapOverRandomCalls) {
+TYPED_TEST_P(NameFilterTest, AgreesWithPlainMapOnRandomCalls) {
     std::mt19937 random(20240501);
     std::map<std::string, bool> expected;
     for (int step = 0; step < 20000; ++step) {
@@ -181,10 +176,9 @@ TYPED_TEST_P(NameFilterTest, AgreesWithAPlainMapOverRandomCalls) {
     }
 }
 
-REGISTER_TYPED_TEST_SUITE_P(NameFilterTest, IsAPlainMapWithoutVirtualOperations, IsCompleteWithoutNames,
-                            IsCompleteOnceEveryNameWasSeen, TakesArrivalsInAnyOrderAndRepeatedly,
-                            ChecksWithoutChangingAMark, KeepsItsNamesWhenCleared, IgnoresANameThatIsNotRegistered,
-                            TakesANameForUnseenWhenItIsRegisteredAgain, NeedsANameOnceHoweverOftenItIsRegistered,
-                            ComparesNamesByteByByte, CopiesItsMarks, AgreesWithAPlainMapOverRandomCalls);
+REGISTER_TYPED_TEST_SUITE_P(NameFilterTest, IsCompleteWithoutNames, IsCompleteOnceEveryNameIsSet,
+                            AcceptsNamesInAnyOrderAndRepeatedly, CheckDoesNotChangeMarks, ClearKeepsNames,
+                            IgnoresUnregisteredName, RegisteringAgainResetsMark, RegisteringTwiceNeedsOneSet,
+                            ComparesNamesByteByByte, CopiesNamesAndMarks, AgreesWithPlainMapOnRandomCalls);
 
 #endif  // LUMORA_COMMON_TESTS_NAME_FILTER_SUITE_H

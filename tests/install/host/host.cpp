@@ -21,7 +21,7 @@ int lumora_log_print(int /*buffer*/, int priority, const char* tag, const char* 
     char text[256];
     const int length = std::vsnprintf(text, sizeof text, format, arguments);
     va_end(arguments);
-    const char* message = std::strstr(text, " > ");  // behind the file, the function and the line
+    const char* message = std::strstr(text, " > ");  // after the file, the function and the line
     std::printf("log %d %s%s\n", priority, tag, message != nullptr ? message : text);
     return length;
 }
@@ -52,7 +52,7 @@ public:
     void OnEvent(int eventId, void*) override { std::printf("event %d\n", eventId); }
 };
 
-// Known to the library by its base alone.
+// The library knows this class only by its base class.
 class SecondAction : public ReinforcementLearningAgent {
 public:
     SecondAction() : ReinforcementLearningAgent(2) {}
@@ -77,7 +77,7 @@ int main() {
     Worker worker;
     worker.Start();
     worker.PushEvent(7, nullptr, 0);
-    worker.Stop();  // behind the event
+    worker.Stop();  // after the event has been served
 
     CCuratorAgent curator(CURATOR_AGENT_MRU, 1, 0);
     CuratorBaseData record;

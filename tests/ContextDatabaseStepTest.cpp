@@ -1,0 +1,140 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <dlfcn.h>
+#include <glib.h>
+#include <gtest/gtest.h>
+#include <sqlite3.h>
+
+#include <functional>
+#include <memory>
+#include <string>
+
+#include "ContextDatabase.h"
+#include "ContextTimer.h"
+#include "DatabaseFixture.h"
+
+// The order of the steps in which a database is constructed and destroyed. This program replaces the functions of GLib
+// and SQLite that the steps call, and records the calls of the test's own thread. It is not built for the race checker,
+// which replaces the same GLib functions.
+
+namespace {
+
+thread_local Messages* t_steps = nullptr;  ///< receives the calls of the thread; null records nothing
+TimerId g_timerId = 0;                     ///< the timer that was set last
+std::function<void()> g_beforeJoin;        ///< runs before every recorded g_thread_join(), if set
+
+template <class Function>
+Function* Next(const char* name) {
+    return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
+}
+
+void Record(const std::string& step) {
+    if (t_steps != nullptr) {
+        t_steps->push_back(step);
+    }
+}
+
+}  // namespace
+
+GThread* g_thread_new(const gchar* name, GThreadFunc entry, gpointer data) {
+    Record("start thread");
+    return Next<decltype(g_thread_new)>("g_thread_new")(name, entry, data);
+}
+
+gpointer g_thread_join(GThread* thread) {
+    Record("join thread");
+    if (t_steps != nullptr && g_beforeJoin) {
+        g_beforeJoin();
+    }
+    return Next<decltype(g_thread_join)>("g_thread_join")(thread);
+}
+
+/// Queues the timer's requests, whose data belong to the event thread afterwards.
+void g_async_queue_push_sorted(GAsyncQueue* queue, gpointer data, GCompareDataFunc compare, gpointer userData) {
+    const auto* message = static_cast<const TEventMessage*>(data);
+    if (t_steps != nullptr && message->nEventId == TIMER_EVENT_ADD) {
+        const auto* timer = static_cast<const CTimerData*>(message->pData);
+        g_timerId = timer->timerId;
+        Record("set timer of " + std::to_string(timer->interval) + " s");
+    } else if (t_steps != nullptr && message->nEventId == TIMER_EVENT_REMOVE) {
+        Record(*static_cast<const int*>(message->pData) == g_timerId ? "kill timer" : "kill another timer");
+    }
+    Next<decltype(g_async_queue_push_sorted)>("g_async_queue_push_sorted")(queue, data, compare, userData);
+}
+
+void g_async_queue_push(GAsyncQueue* queue, gpointer data) {
+    Record("queue stop message");
+    Next<decltype(g_async_queue_push)>("g_async_queue_push")(queue, data);
+}
+
+int sqlite3_open(const char* path, sqlite3** database) {
+    Record("open");
+    return Next<decltype(sqlite3_open)>("sqlite3_open")(path, database);
+}
+
+int sqlite3_close(sqlite3* database) {
+    Record(database != nullptr ? "close" : "close nothing");
+    return Next<decltype(sqlite3_close)>("sqlite3_close")(database);
+}
+
+namespace {
+
+class ContextDatabaseStepTest : public DatabaseTest {
+protected:
+    /// @return the steps of an action, in order.
+    static Messages StepsOf(const std::function<void()>& action) {
+        Messages steps;
+        t_steps = &steps;
+        action();
+        t_steps = nullptr;
+        return steps;
+    }
+
+    std::unique_ptr<ContextDatabase> m_database;
+};
+
+TEST_F(ContextDatabaseStepTest, OpensWithoutTimerWhenNoIntervalIsGiven) {
+    const auto construct = [&] { m_database = std::make_unique<ContextDatabase>("x.db", kCreateTable); };
+    EXPECT_EQ(StepsOf(construct), Messages({"open"}));
+    EXPECT_EQ(StepsOf([&] { m_database.reset(); }), Messages({"close"}));
+}
+
+TEST_F(ContextDatabaseStepTest, StartsAndSetsTimerBeforeOpening) {
+    const struct {
+        int interval;
+        const char* timer;
+    } rows[] = {
+        {5, "set timer of 5 s"},
+        {0, "set timer of 0 s"},
+        {-1, "set timer of 4294967295 s"},
+        {-60, "set timer of 4294967236 s"},
+    };
+    for (const auto& row : rows) {
+        const auto construct = [&] {
+            m_database = std::make_unique<ContextDatabase>("x.db", kCreateTable, row.interval);
+        };
+        EXPECT_EQ(StepsOf(construct), Messages({"start thread", "start thread", row.timer, "open"})) << row.interval;
+        m_database.reset();
+    }
+}
+
+TEST_F(ContextDatabaseStepTest, ClosesThenKillsThenStopsTimer) {
+    const auto construct = [&] { m_database = std::make_unique<ContextDatabase>("x.db", kCreateTable, 3600); };
+    StepsOf(construct);
+    EXPECT_EQ(StepsOf([&] { m_database.reset(); }),
+              Messages({"close", "kill timer", "join thread", "queue stop message", "join thread", "close nothing"}));
+    EXPECT_EQ(CapturedLog::Messages(), Messages());
+}
+
+TEST_F(ContextDatabaseStepTest, ForgetsTimerIdBeforeStoppingTimer) {
+    ContextDatabase* database = nullptr;
+    StepsOf([&] { database = new ContextDatabase("x.db", kCreateTable, /*interval=*/3600); });
+    database->OnTimerCb(g_timerId);
+    EXPECT_EQ(CapturedLog::Messages(), Messages()) << "the timer's id is not known";
+    g_beforeJoin = [&] { database->OnTimerCb(g_timerId); };
+    StepsOf([&] { delete database; });
+    g_beforeJoin = nullptr;
+    EXPECT_EQ(CapturedLog::Messages(), Messages({"E NOT matched any timer", "E NOT matched any timer"}))
+        << "one line for each of the timer's two threads";
+}
+
+}  // namespace
