@@ -138,7 +138,8 @@ def files():
         zone = zoneinfo.ZoneInfo(zone_name)
         with open(HISTORIES / f"{name}.csv", encoding="utf-8", newline="") as rows:
             history = [(row["unit_id"], int(row["start_time"]), int(row["duration"])) for row in csv.DictReader(rows)]
-        for suffix, lines in (("sums", sums_lines(learn(history, 0, zone))), ("rankings", rankings_lines(history, zone))):
+        sums = sums_lines(learn(history, 0, zone))
+        for suffix, lines in (("sums", sums), ("rankings", rankings_lines(history, zone))):
             yield VECTORS / f"{name}.{suffix}", "".join(line + "\n" for line in lines)
 
 
