@@ -389,7 +389,7 @@ def check(path, made):
     for number, (committed, new) in enumerate(zip(committed_lines, made_lines), start=1):
         old_words, new_words = committed.split(" "), new.split(" ")
         if len(old_words) != len(new_words) or not all(map(same, old_words, new_words)):
-            sys.exit(f"{path}:{number}: {committed}\nbut made anew:  {new}")
+            sys.exit(f"{path}:{number}: {committed}\nnow written:     {new}")
 
 
 def main():
