@@ -76,11 +76,11 @@ void CompareBytes(const std::string& what, double limit, const std::function<dou
 namespace {
 
 void PrepareHeap() {
-    // It keeps what it has once had: page faults of the first use would blur every comparison.
+    // Keep freed memory: page faults on first use would distort every comparison.
     mallopt(M_TRIM_THRESHOLD, std::numeric_limits<int>::max());
     mallopt(M_MMAP_MAX, 0);
-    // It begins anywhere in a page: by the accident of which data share a cache line, a comparison can be off by a
-    // tenth for as long as the process runs. The next process draws another accident.
+    // Start the heap at a random offset in a page: which data share a cache line can change a comparison by a tenth for
+    // the whole run. Every process gets another offset.
     constexpr unsigned int kPageSize = 4096;
     benchmark::DoNotOptimize(std::malloc(std::random_device()() % kPageSize));
 }

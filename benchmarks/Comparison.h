@@ -7,36 +7,39 @@
 #include <functional>
 #include <string>
 
-/// One row of the table that scripts/bench prints: a call of ours beside the direct use of what lies below it, and
-/// beside what a user would pick instead. All of them run in one program and, repetition by repetition, in random
+/// One row of the table that scripts/bench prints. Compares a call of the library with direct use of its dependencies,
+/// and with alternatives that a user could choose. All of them run in one program, and their repetitions run in random
 /// order.
 ///
-/// Each body is run once for every repetition: what stands before its loop is not measured. Times are those of the
-/// processor, in the thread that measures, unless the row says otherwise.
+/// Each repetition calls the body once; only the loop in the body is measured. Times are processor time of the
+/// measuring thread, unless the row is set up otherwise.
 class Comparison {
 public:
     using Body = std::function<void(benchmark::State&)>;
 
-    /// @param what  names the row; holds neither '|' nor '/'.
+    /// @param what  name of the row, without '|' and '/'.
     explicit Comparison(std::string what) : m_what(std::move(what)) {}
 
-    /// Measures by the clock on the wall: for threads that wait for each other. Stands before the bodies.
+    /// Measures wall-clock time: for threads that wait for each other. Call before adding bodies.
     Comparison& InRealTime();
 
-    /// Counts the time of all threads: for threads that take turns on one processor. Stands before the bodies.
+    /// Measures the processor time of all threads: for threads that share one processor. Call before adding bodies.
     Comparison& OfAllThreads();
 
-    /// Fixes how often a repetition runs the loop: for work that leaves something behind. Stands before the bodies.
+    /// Fixes the number of loop iterations per repetition: for work with side effects. Call before adding bodies.
     Comparison& Iterations(benchmark::IterationCount count);
 
-    /// Fixes the number of repetitions: for work that takes long. Stands before the bodies.
+    /// Fixes the number of repetitions: for slow work. Call before adding bodies.
     Comparison& Repetitions(int count);
 
+    /// Adds the call of the library. Must be the first body.
     Comparison& Ours(Body body);
 
-    /// @param bound  the largest ratio of ours to this that is in order.
+    /// Adds direct use of a dependency.
+    /// @param bound  largest acceptable ratio of our time to this one.
     Comparison& Direct(const std::string& name, double bound, Body body);
 
+    /// Adds an alternative, without a bound.
     Comparison& Peer(const std::string& name, Body body);
 
 private:
@@ -45,15 +48,15 @@ private:
     std::string m_what;
     bool m_isInRealTime = false;
     bool m_isOfAllThreads = false;
-    benchmark::IterationCount m_iterations = 0;  ///< 0 leaves it to the measured time
-    int m_repetitions = 0;                       ///< 0 leaves it to the command line
+    benchmark::IterationCount m_iterations = 0;  ///< 0: until the minimum time has passed
+    int m_repetitions = 0;                       ///< 0: as the command line says
 };
 
-/// Makes a row that shows bytes and a limit for them, not a time.
-/// @param measure  returns the bytes.
+/// Adds a row that shows a number of bytes and its limit instead of times.
+/// @param measure  returns the number of bytes.
 void CompareBytes(const std::string& what, double limit, const std::function<double()>& measure);
 
-/// Registers the rows of a program, which defines this. **Called by** `main`, once.
+/// Registers the rows of a program. Each benchmark program defines it. **Called by** `main`, once.
 void RegisterComparisons();
 
 #endif  // LUMORA_COMMON_BENCHMARKS_COMPARISON_H

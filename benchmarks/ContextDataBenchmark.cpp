@@ -17,7 +17,7 @@ constexpr double kBound = 1.10;
 constexpr const char* kDirect = "Json::Value";
 
 // One usage as a provider publishes it.
-const std::string kName = "Tyler, The Creator";  // too long to be kept inside a std::string
+const std::string kName = "Tyler, The Creator";  // too long for the small-string buffer
 int g_start = 1620479930;
 unsigned int g_duration = 190;
 unsigned long long g_size = 5368709120;
@@ -41,7 +41,7 @@ void Fill(Json::Value& value) {
     value["Score"] = g_score;
 }
 
-/// The text of a ranking of ten units.
+/// JSON text of a ranking of ten units.
 std::string RankingText() {
     std::list<CuratorBaseData> ranking;
     for (int i = 0; i < 10; ++i) {
@@ -51,7 +51,7 @@ std::string RankingText() {
     return CurationResult2JsonData(ranking, CuratorData2ContextData);
 }
 
-/// Compares a call on a document with the same call on the value of such a document.
+/// Compares a call on a document with the same call on a Json::Value with the same members.
 template <typename OnDocument, typename OnValue>
 void CompareCalls(const std::string& what, OnDocument onDocument, OnValue onValue) {
     Comparison(what)
@@ -73,11 +73,10 @@ void CompareCalls(const std::string& what, OnDocument onDocument, OnValue onValu
 
 void CompareWriting() {
     CompareCalls(
-        "set a text (std::string, given away)",
-        [](ContextData& document) { document.SetValue("Name", std::string(kName)); },
+        "set a text (std::string, moved)", [](ContextData& document) { document.SetValue("Name", std::string(kName)); },
         [](Json::Value& value) { value["Name"] = std::string(kName); });
     CompareCalls(
-        "set a text (std::string, kept)", [](ContextData& document) { document.SetValue("Name", kName); },
+        "set a text (std::string, copied)", [](ContextData& document) { document.SetValue("Name", kName); },
         [](Json::Value& value) { value["Name"] = kName; });
     CompareCalls(
         "set a text (const char*)", [](ContextData& document) { document.SetValue("Name", kName.c_str()); },

@@ -49,7 +49,7 @@ const std::vector<Usage>& Usages() {
     return usages;
 }
 
-/// Goes through the usages again and again.
+/// Returns the usages in order, and starts over after the last one.
 class NextUsage {
 public:
     const Usage& operator()() {
@@ -70,7 +70,8 @@ std::string PathOf(const char* name) {
     return std::string(folder) + "/" + name;
 }
 
-/// @return the name, of which there is no file.
+/// Removes the file of that name.
+/// @return the name.
 const char* Fresh(const char* name) {
     std::remove(PathOf(name).c_str());
     return name;
@@ -95,7 +96,7 @@ private:
     ContextDatabase m_database;
 };
 
-/// The same by hand: every statement is prepared, bound, stepped and finalized.
+/// The same with the C interface of SQLite: prepares, binds, steps and finalizes each statement.
 class Plain {
 public:
     explicit Plain(const char* name) {
@@ -160,7 +161,7 @@ private:
     sqlite3* m_database = nullptr;
 };
 
-/// A C++ wrapper of SQLite that a host would pick instead.
+/// A C++ wrapper of SQLite, as an alternative for a host.
 class Wrapper {
 public:
     explicit Wrapper(const char* name) : m_database(PathOf(name), SQLite::OPEN_READWRITE | SQLite::OPEN_CREATE) {
@@ -199,7 +200,7 @@ protected:
     SQLite::Database m_database;
 };
 
-/// The same wrapper at its fastest: its statements are compiled once.
+/// The same wrapper at its fastest: compiles each statement only once.
 class CompiledWrapper : public Wrapper {
 public:
     explicit CompiledWrapper(const char* name)
@@ -313,7 +314,7 @@ void Append(benchmark::State& state) {
 }  // namespace
 
 void RegisterComparisons() {
-    Comparison("insert, a transaction each")
+    Comparison("insert, one transaction each")
         .Iterations(50)
         .Ours(InsertAlone<Ours>)
         .Direct("sqlite3", kImmediateBound, InsertAlone<Plain>)
@@ -331,7 +332,7 @@ void RegisterComparisons() {
         .Direct("sqlite3", kImmediateBound, SelectAll<Plain>)
         .Peer("SQLiteCpp, compiled once", SelectAll<CompiledWrapper>)
         .Peer("SQLiteCpp, compiled per call", SelectAll<Wrapper>);
-    Comparison("deferred write, as its caller sees it")
+    Comparison("deferred write, time of the call")
         .Iterations(10000)
         .Ours(Defer)
         .Direct("a vector under std::mutex", kDeferredBound, Append<StandardLock>)

@@ -21,7 +21,7 @@ constexpr int kStop = -1;
 constexpr int kPlain = 0;
 constexpr int kLast = 1;
 
-/// Lets the pushing thread wait until the last event has been served.
+/// Makes the pushing thread wait until the last event is processed.
 class Served {
 public:
     Served() { sem_init(&m_semaphore, /*pshared=*/0, /*value=*/0); }
@@ -54,7 +54,7 @@ private:
     Served m_served;
 };
 
-/// What a host would write on GLib alone.
+/// The same with GLib only.
 class BareQueue {
 public:
     using PushCall = void (*)(GAsyncQueue*, void*);
@@ -111,7 +111,7 @@ private:
     GThread* m_thread;
 };
 
-/// What a host would write on the standard library; it knows no priorities.
+/// The same with the standard library, without priorities.
 class StandardQueue {
 public:
     StandardQueue() : m_thread([this] { Run_(); }) {}
@@ -152,7 +152,7 @@ private:
     std::thread m_thread;
 };
 
-/// The processors that the program may use, at least one.
+/// Processors that the program may use; at least one.
 std::vector<int> Processors() {
     cpu_set_t set;
     sched_getaffinity(/*pid=*/0, sizeof set, &set);
@@ -165,7 +165,7 @@ std::vector<int> Processors() {
     return processors;
 }
 
-/// Moves the calling thread, and the threads that it starts from then on.
+/// Moves the calling thread to a processor; threads that it starts later inherit this.
 void MoveTo(int processor) {
     cpu_set_t set;
     CPU_ZERO(&set);
@@ -178,7 +178,7 @@ struct Placement {
     int worker;
 };
 
-/// Pushes a number of events while the worker serves them, and waits for the last.
+/// Pushes events while the worker processes them, and waits for the last one.
 template <typename Queue, typename... Arguments>
 Comparison::Body PushAndServe(int count, Placement placement, Arguments... arguments) {
     return [=](benchmark::State& state) {
@@ -210,15 +210,15 @@ void CompareQueues(const std::string& what, int count, Placement placement) {
 
 }  // namespace
 
-// Where the system puts the two threads decides more than anything that they do, so each placement has its own rows.
+// The placement of the two threads affects the times most, so each placement has its own rows.
 void RegisterComparisons() {
     const std::vector<int> processors = Processors();
     const Placement together{processors.front(), processors.front()};
     CompareQueues("1 000 events, on one processor", 1000, together);
-    CompareQueues("one event there and back, on one processor", 1, together);
+    CompareQueues("one event, pushed and processed, on one processor", 1, together);
     if (processors.size() > 1) {
         const Placement apart{processors[0], processors[1]};
         CompareQueues("1 000 events, on two processors", 1000, apart);
-        CompareQueues("one event there and back, on two processors", 1, apart);
+        CompareQueues("one event, pushed and processed, on two processors", 1, apart);
     }
 }

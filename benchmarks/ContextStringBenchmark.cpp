@@ -20,12 +20,12 @@ namespace {
 constexpr double kConvertingBound = 1.10;
 constexpr double kCuttingBound = 1.00;
 
-constexpr std::size_t kLongText = 100;  ///< names in it
+constexpr std::size_t kLongText = 100;  ///< number of names
 
 using Units = std::basic_string<unsigned short>;
 using Words = std::vector<std::string>;
 
-/// @return a text in big-endian byte order, a number of times in a row.
+/// @return `times` copies of a text, in big-endian byte order.
 Units BigEndian(std::u16string_view text, std::size_t times) {
     Units units;
     for (std::size_t i = 0; i < times; ++i) {
@@ -100,7 +100,7 @@ Comparison::Body Repeat(Call call) {
 template <typename OurCall, typename PlainCall>
 void RequireSame(OurCall ours, PlainCall plain) {
     if (ours() != plain()) {
-        throw std::runtime_error("these two do not do the same");
+        throw std::runtime_error("the two calls return different results");
     }
 }
 

@@ -33,7 +33,7 @@ std::unique_ptr<CCuratorAgent> NewAgent() {
     return std::make_unique<CCuratorAgent>(CURATOR_AGENT_DATE, kMaxResult, /*minDuration=*/0);
 }
 
-/// The usages of the first thousand units of the history.
+/// All records of the first thousand units in the history.
 Records RankedRecords() {
     std::unordered_set<std::string> units;
     Records records;
@@ -66,14 +66,14 @@ int SplitAtFullHours(tm current, double remaining) {
     return seen;
 }
 
-/// The calendar calls that a plain implementation makes for a usage.
-int PlainCalendar(time_t start, unsigned int seconds) {
+/// Makes the calendar calls that a simple implementation needs for a usage.
+int SimpleCalendar(time_t start, unsigned int seconds) {
     tm first{};
     localtime_r(&start, &first);
     return SplitAtFullHours(first, seconds);
 }
 
-/// The fewest calendar calls that tell the hours of a usage: both its ends, when it lies within an hour.
+/// Makes as few calendar calls as possible for a usage: two if it lies within an hour.
 int FewestCalendar(time_t start, unsigned int seconds) {
     if (seconds == 0) {
         return 0;
@@ -102,7 +102,7 @@ void Learn(benchmark::State& state) {
     }
 }
 
-/// Reads of each record what learning reads; that alone takes time, since a year of records fits in no cache.
+/// Also reads the fields that learning reads: a year of records does not fit in the cache, so reading takes time.
 template <int (*Calendar)(time_t, unsigned int)>
 void CallCalendar(benchmark::State& state) {
     const Records& records = UsageHistory::Music();
@@ -140,7 +140,7 @@ CCuratorAgent& RankingAgent() {
     return *agent;
 }
 
-/// The scores of the same units, in the same order, for each hour of the week.
+/// Scores of the same units, in the same order, for each hour of the week.
 std::vector<std::vector<double>> BareScores() {
     std::unordered_map<std::string, CCuratorDateUnit*> unitsById;
     std::vector<std::unique_ptr<CCuratorDateUnit>> units;
@@ -196,8 +196,7 @@ constexpr const char* kDatabase = "usage.db";
 constexpr const char* kCreate =
     "CREATE TABLE IF NOT EXISTS usage (unit_id TEXT, unit_name TEXT, start_time INTEGER, duration INTEGER)";
 
-/// The ranking that SQLite can give alone. It credits a usage to the hour in which it starts, unsplit, and weighs
-/// nothing.
+/// A ranking by SQLite alone. It credits a whole usage to the hour in which it starts, and uses no weights.
 constexpr const char* kRankInSql =
     "WITH hourly AS (SELECT unit_id, strftime('%w', start_time, 'unixepoch', 'localtime') AS day,"
     " strftime('%H', start_time, 'unixepoch', 'localtime') AS hour, SUM(duration) AS score"
@@ -288,17 +287,17 @@ void RegisterComparisons() {
     Comparison("LearnHistorys, a year of music (54 429 records)")
         .Ours(Learn)
         .Direct("the fewest calendar calls", 1.3, CallCalendar<FewestCalendar>)
-        .Peer("the same, on bare numbers", CallCalendarAlone)
-        .Peer("the calendar calls of a plain way", CallCalendar<PlainCalendar>);
+        .Peer("the same, without reading records", CallCalendarAlone)
+        .Peer("the calendar calls of a simple loop", CallCalendar<SimpleCalendar>);
     Comparison("RunCurate7x24, the best 10 of 1 000 units")
         .Ours(Rank)
         .Direct("168 std::partial_sort of bare scores", 4.0, SortBareScores);
     CompareBytes("  its peak heap", 4 * kMegabyte, PeakHeapOfRanking);
-    Comparison("that year to weekly rankings, from memory")
+    Comparison("a year of music to weekly rankings, from memory")
         .Repetitions(1)
         .Ours(RankRecords)
         .Peer("SQLite alone, GROUP BY strftime", RankInSql);
-    Comparison("that year to weekly rankings, from the file")
+    Comparison("a year of music to weekly rankings, from a file")
         .Repetitions(1)
         .Ours(RankStoredUsages)
         .Peer("SQLite alone, GROUP BY strftime", RankInSql);

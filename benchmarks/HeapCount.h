@@ -4,15 +4,15 @@
 
 #include <cstddef>
 
-/// Counts what operator new hands out to the program and to the libraries below it. A program that uses it supplies
-/// the operators.
+/// Counts memory that operator new allocates, for the program and its libraries. Linking it into a program replaces the
+/// global operators.
 namespace HeapCount {
 
-/// Counts from nothing.
+/// Starts counting at 0.
 void Start();
 
-/// Ends the counting.
-/// @return the most bytes, as malloc rounds them, that were in use at once since Start().
+/// Stops counting.
+/// @return the maximum number of bytes in use since Start(), with sizes as malloc rounds them.
 std::size_t StopAtPeak();
 
 }  // namespace HeapCount

@@ -11,7 +11,7 @@
 namespace {
 
 constexpr unsigned int kSize = 64;
-constexpr std::size_t kStride = 7;  ///< goes through the blocks out of order, but comes to each
+constexpr std::size_t kStride = 7;  ///< visits all blocks, but not in order
 
 struct Tracked {
     static void* Allocate() { return CMemoryManager::Allocate(kSize, __FILE__, __LINE__); }
@@ -23,7 +23,7 @@ struct Plain {
     static void Release(void* block) { std::free(block); }
 };
 
-/// Releases one of the blocks and allocates another, again and again.
+/// Releases one of the blocks and allocates a new one in a loop.
 template <typename Heap>
 Comparison::Body Exchange(std::size_t count) {
     return [count](benchmark::State& state) {
@@ -55,7 +55,7 @@ void CompareExchange(const std::string& what, std::size_t count) {
 
 }  // namespace
 
-// Nothing is bound: tracking costs what searching the table costs, and here one sees how much that is.
+// There are no bounds: the rows show the cost of tracking, which searches a table.
 void RegisterComparisons() {
     CompareExchange("Release and Allocate, 10 live blocks", 10);
     CompareExchange("Release and Allocate, 500 live blocks", 500);

@@ -28,7 +28,7 @@ constexpr double kBound = 1.10;
 constexpr double kMedian = 0.50;
 constexpr double kSlowest = 0.99;
 constexpr int kRoundTrips = 1000;
-constexpr int kFirstRoundTrips = 100;  ///< not measured: the windows of a new connection are narrow
+constexpr int kFirstRoundTrips = 100;  ///< not measured: a new connection has small windows
 constexpr int kTextSize = 100;
 constexpr int kBufferSize = 1024;
 
@@ -76,7 +76,7 @@ private:
     int m_length = 0;
 };
 
-/// The same bytes by hand: header and text lie in one buffer.
+/// Sends the same bytes with write() and read(), header and text in one buffer.
 class Bare {
 public:
     void Fill() {
@@ -113,7 +113,7 @@ private:
     std::size_t m_size = 0;
 };
 
-/// A client and, in a thread, a server that sends back what it gets until the client closes.
+/// A client, and a server thread that echoes messages until the client closes the connection.
 template <typename Message>
 class EchoedConnection {
 public:
@@ -158,7 +158,7 @@ double Quantile(std::vector<double> values, double fraction) {
     return *nth;
 }
 
-/// Measures every round trip by itself.
+/// Measures each round trip separately.
 template <typename Message>
 Comparison::Body RoundTrips(double fraction) {
     return [fraction](benchmark::State& state) {
@@ -185,7 +185,7 @@ void CompareRoundTrips(const std::string& what, double fraction) {
         .Direct("write and read", kBound, RoundTrips<Bare>(fraction));
 }
 
-/// The threads that are started afterwards stay there too.
+/// Threads started later inherit this.
 void StayOnThisProcessor() {
     cpu_set_t set;
     CPU_ZERO(&set);
@@ -195,7 +195,7 @@ void StayOnThisProcessor() {
 
 }  // namespace
 
-// Both ends share a processor: where the system would put them decides more than anything that they do.
+// Both ends share one processor: otherwise the choice of the scheduler would decide the result.
 void RegisterComparisons() {
     StayOnThisProcessor();
     CompareRoundTrips("request and reply of 100 bytes, median", kMedian);

@@ -14,7 +14,7 @@ namespace {
 
 constexpr double kBound = 1.00;
 
-/// Draws again and again what a maker of draws makes, anew for every repetition.
+/// Calls in a loop what `makeDraw` returns; each repetition makes a new one.
 template <typename MakeDraw>
 Comparison::Body Draw(MakeDraw makeDraw) {
     return [makeDraw](benchmark::State& state) {
@@ -75,7 +75,7 @@ void CompareGamma(const std::string& what, double shape) {
 
 }  // namespace
 
-// The others draw from a generator of the same kind.
+// The other libraries draw from a linear congruential generator, too.
 void RegisterComparisons() {
     CompareBeta("RandomBeta, neither parameter above 1", 0.5, 0.75);
     CompareBeta("RandomBeta, parameters above 1", 2.5, 7.0);

@@ -4,11 +4,9 @@
 #include <cmath>
 #include <cstdlib>
 #include <ctime>
-#include <memory>
 #include <stdexcept>
 #include <string>
-#include <type_traits>
-#include <utility>
+#include <vector>
 
 #include "Comparison.h"
 #include "Provider/RandomSampling.h"
@@ -16,8 +14,7 @@
 namespace {
 
 constexpr double kBound = 1.20;
-constexpr int kMostActions = 1000;
-constexpr int kLearntBefore = 16;  ///< rewards of each action
+constexpr int kLearntBefore = 16;  ///< rewards of each action before the measurement
 constexpr int kComparedChoices = 1000;
 
 constexpr double kEpsilon = 0.1;
@@ -30,7 +27,188 @@ constexpr double kInitialVariance = 1.0;
 
 constexpr double kSoftmaxDraw = 0.13153778773876065;
 
-/// The second value of the polar method on the minimal standard generator.
+/// Gives the reward of an action: of even actions every second try succeeds, of odd ones every third.
+class Rewards {
+public:
+    int Next(int action) { return ++m_given % (2 + action % 2) == 0; }
+
+    /// Calls `update` with the first rewards of each action.
+    template <typename Update>
+    void TeachBefore(int n, Update update) {
+        for (int action = 0; action < n; ++action) {
+            for (int i = 0; i < kLearntBefore; ++i) {
+                update(action, Next(action));
+            }
+        }
+    }
+
+private:
+    int m_given = 0;
+};
+
+/// Takes the place of the benchmark's state in a loop and records the actions of a fixed number of steps.
+class Recording {
+public:
+    struct Iterator {
+        int left;
+        bool operator!=(const Iterator& other) const { return left != other.left; }
+        void operator++() { --left; }
+        int operator*() const { return left; }
+    };
+
+    Iterator begin() const { return {kComparedChoices}; }
+    Iterator end() const { return {0}; }
+
+    std::vector<int> actions;
+};
+
+void Keep(benchmark::State& /*steps*/, int action) {
+    benchmark::DoNotOptimize(action);
+}
+
+void Keep(Recording& steps, int action) {
+    steps.actions.push_back(action);
+}
+
+/// A host's loop: chooses an action and learns its reward.
+template <typename Steps>
+void RunAgent(Steps& steps, int n, ReinforcementLearningAgent& agent) {
+    Rewards rewards;
+    rewards.TeachBefore(n, [&agent](int action, int reward) { agent.UpdateQ(action, reward); });
+    for ([[maybe_unused]] auto _ : steps) {
+        const int action = agent.ChooseAction();
+        agent.UpdateQ(action, rewards.Next(action));
+        Keep(steps, action);
+    }
+}
+
+// The same loops with arrays instead of agents.
+
+std::size_t Index(int action) {
+    return static_cast<std::size_t>(action);
+}
+
+struct Means {
+    explicit Means(int n) : count(Index(n)), q(Index(n)) {}
+
+    void Update(int action, int reward) {
+        const std::size_t i = Index(action);
+        ++count[i];
+        q[i] += (1.0 / count[i]) * (reward - q[i]);
+    }
+
+    std::vector<int> count;
+    std::vector<double> q;
+};
+
+/// @return the lowest index of the highest value; `values` must not be empty.
+template <typename Value>
+int Highest(const std::vector<Value>& values) {
+    std::size_t best = 0;
+    Value highest = values[0];
+    for (std::size_t i = 1; i < values.size(); ++i) {
+        if (values[i] > highest) {
+            highest = values[i];
+            best = i;
+        }
+    }
+    return static_cast<int>(best);
+}
+
+/// What epsilon-greedy and softmax agents do before each choice; it takes most of the time of a small choice.
+void SeedRand() {
+    std::srand(static_cast<unsigned int>(std::time(nullptr)));
+}
+
+template <typename Steps>
+void RunEpsilonGreedy(Steps& steps, int n, bool seedsRand) {
+    static unsigned int seed = 1;
+    Means means(n);
+    Rewards rewards;
+    rewards.TeachBefore(n, [&means](int action, int reward) { means.Update(action, reward); });
+    for ([[maybe_unused]] auto _ : steps) {
+        if (seedsRand) {
+            SeedRand();
+        }
+        const double r = rand_r(&seed) / 2147483647.0;
+        int action = Highest(means.q);
+        if (kEpsilon > r || means.q[Index(action)] <= 1e-7) {
+            action = rand_r(&seed) % n;
+        }
+        means.Update(action, rewards.Next(action));
+        Keep(steps, action);
+    }
+}
+
+int ChooseSoftmax(const std::vector<double>& q) {
+    double sum = 0.0;
+    for (const double mean : q) {
+        sum += std::exp(mean / kTemperature);
+    }
+    double cumulative = 0.0;
+    for (std::size_t i = 0; i < q.size(); ++i) {
+        cumulative += std::exp(q[i] / kTemperature) / sum;
+        if (cumulative > kSoftmaxDraw) {
+            return static_cast<int>(i);
+        }
+    }
+    return static_cast<int>(q.size()) - 1;
+}
+
+template <typename Steps>
+void RunSoftmax(Steps& steps, int n, bool seedsRand) {
+    Means means(n);
+    Rewards rewards;
+    rewards.TeachBefore(n, [&means](int action, int reward) { means.Update(action, reward); });
+    for ([[maybe_unused]] auto _ : steps) {
+        if (seedsRand) {
+            SeedRand();
+        }
+        const int action = ChooseSoftmax(means.q);
+        means.Update(action, rewards.Next(action));
+        Keep(steps, action);
+    }
+}
+
+template <typename Steps>
+void RunMostFrequent(Steps& steps, int n) {
+    Means means(n);
+    Rewards rewards;
+    rewards.TeachBefore(n, [&means](int action, int reward) { means.Update(action, reward); });
+    for ([[maybe_unused]] auto _ : steps) {
+        const int action = Highest(means.count);
+        means.Update(action, rewards.Next(action));
+        Keep(steps, action);
+    }
+}
+
+template <typename Steps>
+void RunThompson(Steps& steps, int n) {
+    Means means(n);
+    std::vector<int> success(Index(n));
+    std::vector<int> failure(Index(n));
+    const auto update = [&](int action, int reward) {
+        ++(reward == 1 ? success : failure)[Index(action)];
+        means.Update(action, reward);
+    };
+    Rewards rewards;
+    rewards.TeachBefore(n, update);
+    for ([[maybe_unused]] auto _ : steps) {
+        int action = 0;
+        double highest = -1.0;
+        for (int i = 0; i < n; ++i) {
+            const double theta = RandomBeta(success[Index(i)] + kPrior, failure[Index(i)] + kPrior);
+            if (theta > highest) {
+                highest = theta;
+                action = i;
+            }
+        }
+        update(action, rewards.Next(action));
+        Keep(steps, action);
+    }
+}
+
+/// A normal variate by the polar method, from the minimal standard generator with state 1.
 double KalmanDraw() {
     constexpr double kOutputs = 2147483646.0;
     unsigned long long state = 1;
@@ -52,241 +230,124 @@ double KalmanDraw() {
     return y * std::sqrt(-2.0 * std::log(r2) / r2);
 }
 
-template <typename Value>
-int Highest(const Value* values, int n) {
-    int best = 0;
-    Value highest = values[0];
-    for (int i = 1; i < n; ++i) {
-        if (values[i] > highest) {
-            highest = values[i];
-            best = i;
+template <typename Steps>
+void RunKalman(Steps& steps, int n) {
+    Means means(n);
+    std::vector<double> mean(Index(n), kInitialMean);
+    std::vector<double> variance(Index(n), kInitialVariance);
+    const auto update = [&](int action, int reward) {
+        means.Update(action, reward);
+        for (double& value : variance) {
+            value += kProcessNoise;
         }
-    }
-    return best;
-}
-
-/// The same as the agents do, in bare arrays.
-struct BareMeans {
-    explicit BareMeans(int size) : n(size) {}
-
-    void Update(int action, int reward) {
-        ++count[action];
-        q[action] += (1.0 / count[action]) * (reward - q[action]);
-    }
-
-    int n;
-    int count[kMostActions] = {};
-    double q[kMostActions] = {};
-};
-
-struct BareEpsilonGreedy : BareMeans {
-    using BareMeans::BareMeans;
-
-    int Choose() const {
-        const double r = rand_r(&seed) / 2147483647.0;
-        const int best = Highest(q, n);
-        return kEpsilon > r || q[best] <= 1e-7 ? rand_r(&seed) % n : best;
-    }
-
-    static inline unsigned int seed = 1;
-};
-
-struct BareSoftmax : BareMeans {
-    using BareMeans::BareMeans;
-
-    int Choose() const {
-        double sum = 0.0;
-        for (int i = 0; i < n; ++i) {
-            sum += std::exp(q[i] / kTemperature);
-        }
-        double cumulative = 0.0;
-        for (int i = 0; i < n; ++i) {
-            cumulative += std::exp(q[i] / kTemperature) / sum;
-            if (cumulative > kSoftmaxDraw) {
-                return i;
-            }
-        }
-        return n - 1;
-    }
-};
-
-/// The two agents above restart the host's generator for every choice, which takes most of a small choice's time.
-template <typename Bare>
-struct Restarting : Bare {
-    using Bare::Bare;
-
-    int Choose() const {
-        std::srand(static_cast<unsigned int>(std::time(nullptr)));
-        return Bare::Choose();
-    }
-};
-
-struct BareMostFrequent : BareMeans {
-    using BareMeans::BareMeans;
-
-    int Choose() const { return Highest(count, n); }
-};
-
-struct BareThompson : BareMeans {
-    using BareMeans::BareMeans;
-
-    void Update(int action, int reward) {
-        ++(reward == 1 ? success : failure)[action];
-        BareMeans::Update(action, reward);
-    }
-    int Choose() const {
-        int best = 0;
-        double highest = -1.0;
-        for (int i = 0; i < n; ++i) {
-            const double theta = RandomBeta(success[i] + kPrior, failure[i] + kPrior);
-            if (theta > highest) {
-                highest = theta;
-                best = i;
-            }
-        }
-        return best;
-    }
-
-    int success[kMostActions] = {};
-    int failure[kMostActions] = {};
-};
-
-struct BareKalman : BareMeans {
-    explicit BareKalman(int size) : BareMeans(size) {
-        for (int i = 0; i < n; ++i) {
-            mean[i] = kInitialMean;
-            variance[i] = kInitialVariance;
-        }
-    }
-
-    void Update(int action, int reward) {
-        BareMeans::Update(action, reward);
-        for (int i = 0; i < n; ++i) {
-            variance[i] += kProcessNoise;
-        }
-        const double p = variance[action];
-        mean[action] = (100.0 * p * reward + kObservationNoise * mean[action]) / (p + kObservationNoise);
-        variance[action] = kObservationNoise * p / (p + kObservationNoise);
-    }
-    int Choose() const {
-        int best = 0;
-        double highest = 0.0;
-        for (int i = 0; i < n; ++i) {
+        const std::size_t i = Index(action);
+        const double p = variance[i];
+        mean[i] = (100.0 * p * reward + kObservationNoise * mean[i]) / (p + kObservationNoise);
+        variance[i] = kObservationNoise * p / (p + kObservationNoise);
+    };
+    Rewards rewards;
+    rewards.TeachBefore(n, update);
+    const double draw = KalmanDraw();
+    for ([[maybe_unused]] auto _ : steps) {
+        std::size_t best = 0;
+        double highest = draw * variance[0] + mean[0];
+        for (std::size_t i = 1; i < mean.size(); ++i) {
             const double sample = draw * variance[i] + mean[i];
-            if (i == 0 || sample > highest) {
+            if (sample > highest) {
                 highest = sample;
                 best = i;
             }
         }
-        return best;
+        const int action = static_cast<int>(best);
+        update(action, rewards.Next(action));
+        Keep(steps, action);
     }
-
-    double draw = KalmanDraw();
-    double mean[kMostActions];
-    double variance[kMostActions];
-};
-
-void Update(ReinforcementLearningAgent& agent, int action, int reward) {
-    agent.UpdateQ(action, reward);
 }
 
-int Choose(ReinforcementLearningAgent& agent) {
-    return agent.ChooseAction();
-}
-
-template <typename Bare>
-void Update(Bare& bare, int action, int reward) {
-    bare.Update(action, reward);
-}
-
-template <typename Bare>
-int Choose(Bare& bare) {
-    return bare.Choose();
-}
-
-/// A host's loop: it chooses an action and learns what that brought.
-template <typename Agent>
-class Host {
-public:
-    Host(std::unique_ptr<Agent> agent, int n) : m_agent(std::move(agent)) {
-        for (int action = 0; action < n; ++action) {
-            for (int i = 0; i < kLearntBefore; ++i) {
-                Update(*m_agent, action, Reward_(action));
-            }
-        }
+template <typename OurLoop, typename BareLoop>
+void RequireSameChoices(OurLoop ours, BareLoop bare) {
+    Recording ourSteps;
+    Recording bareSteps;
+    ours(ourSteps);
+    bare(bareSteps);
+    if (ourSteps.actions != bareSteps.actions) {
+        throw std::runtime_error("the agent and the bare loop choose different actions");
     }
+}
 
-    int Go() {
-        const int action = Choose(*m_agent);
-        Update(*m_agent, action, Reward_(action));
-        return action;
-    }
+std::string RowName(const std::string& agent, int n) {
+    return agent + ", choose and update, " + (n == 10 ? "10" : "1 000") + " actions";
+}
 
-private:
-    /// Of some actions every second one succeeds, of others every third.
-    int Reward_(int action) { return ++m_given % (2 + action % 2) == 0; }
+template <typename OurLoop, typename BareLoop>
+void Compare(const std::string& agent, int n, OurLoop ours, BareLoop bare) {
+    Comparison(RowName(agent, n)).Ours(ours).Direct("bare arrays", kBound, bare);
+}
 
-    std::unique_ptr<Agent> m_agent;
-    int m_given = 0;
-};
+/// Compares with a bare loop that seeds `rand` as the agent does, and shows its time without that.
+template <typename OurLoop, typename BareLoop>
+void CompareSeeding(const std::string& agent, int n, OurLoop ours, BareLoop bare) {
+    const auto seeding = [bare](auto& steps) { bare(steps, /*seedsRand=*/true); };
+    const auto alone = [bare](auto& steps) { bare(steps, /*seedsRand=*/false); };
+    RequireSameChoices(ours, seeding);
+    Comparison(RowName(agent, n))
+        .Ours(ours)
+        .Direct("bare arrays, srand(time)", kBound, seeding)
+        .Peer("bare arrays alone", alone);
+}
 
-template <typename MakeHost>
-Comparison::Body Run(MakeHost makeHost) {
-    return [makeHost](benchmark::State& state) {
-        auto host = makeHost();
-        for ([[maybe_unused]] auto _ : state) {
-            benchmark::DoNotOptimize(host.Go());
-        }
+void CompareEpsilonGreedy(int n) {
+    const auto ours = [n](auto& steps) {
+        EpsilonGreedyAgent agent(n, kEpsilon);
+        RunAgent(steps, n, agent);
     };
+    CompareSeeding("EpsilonGreedyAgent", n, ours,
+                   [n](auto& steps, bool seedsRand) { RunEpsilonGreedy(steps, n, seedsRand); });
 }
 
-template <typename OurHost, typename BareHost>
-void RequireSameChoices(OurHost ours, BareHost bare) {
-    for (int i = 0; i < kComparedChoices; ++i) {
-        if (ours.Go() != bare.Go()) {
-            throw std::runtime_error("these two do not choose the same");
-        }
-    }
+void CompareSoftmax(int n) {
+    const auto ours = [n](auto& steps) {
+        SoftmaxAgent agent(n, kTemperature);
+        RunAgent(steps, n, agent);
+    };
+    CompareSeeding("SoftmaxAgent", n, ours, [n](auto& steps, bool seedsRand) { RunSoftmax(steps, n, seedsRand); });
 }
 
-template <typename Bare>
-struct Unrestarted {
-    using Type = void;
-};
+void CompareMostFrequent(int n) {
+    const auto ours = [n](auto& steps) {
+        MFUAgent agent(n);
+        RunAgent(steps, n, agent);
+    };
+    const auto bare = [n](auto& steps) { RunMostFrequent(steps, n); };
+    RequireSameChoices(ours, bare);
+    Compare("MFUAgent", n, ours, bare);
+}
 
-template <typename Bare>
-struct Unrestarted<Restarting<Bare>> {
-    using Type = Bare;
-};
+// The choices are not compared: both loops draw from one random state.
+void CompareThompson(int n) {
+    const auto ours = [n](auto& steps) {
+        ThomsonSamplingAgent agent(n, kPrior, kPrior);
+        RunAgent(steps, n, agent);
+    };
+    Compare("ThomsonSamplingAgent", n, ours, [n](auto& steps) { RunThompson(steps, n); });
+}
 
-template <typename Agent, typename Bare, typename... Arguments>
-void CompareAgents(const std::string& name, Arguments... arguments) {
-    for (const int n : {10, kMostActions}) {
-        const auto makeOurs = [=] {
-            return Host<ReinforcementLearningAgent>(std::make_unique<Agent>(n, arguments...), n);
-        };
-        const auto makeBare = [=] { return Host<Bare>(std::make_unique<Bare>(n), n); };
-        if constexpr (!std::is_same_v<Bare, BareThompson>) {  // whose draws come from one state for both
-            RequireSameChoices(makeOurs(), makeBare());
-        }
-        using Plain = typename Unrestarted<Bare>::Type;
-        constexpr bool kIsRestarting = !std::is_void_v<Plain>;
-        Comparison comparison(name + ", choose and update, " + (n == 10 ? "10" : "1 000") + " actions");
-        comparison.Ours(Run(makeOurs))
-            .Direct(kIsRestarting ? "bare arrays, srand(time)" : "bare arrays", kBound, Run(makeBare));
-        if constexpr (kIsRestarting) {
-            comparison.Peer("bare arrays alone", Run([=] { return Host<Plain>(std::make_unique<Plain>(n), n); }));
-        }
-    }
+void CompareKalman(int n) {
+    const auto ours = [n](auto& steps) {
+        KalmanFilterAgent agent(n, kObservationNoise, kProcessNoise, kInitialMean, kInitialVariance);
+        RunAgent(steps, n, agent);
+    };
+    const auto bare = [n](auto& steps) { RunKalman(steps, n); };
+    RequireSameChoices(ours, bare);
+    Compare("KalmanFilterAgent", n, ours, bare);
 }
 
 }  // namespace
 
 void RegisterComparisons() {
-    CompareAgents<EpsilonGreedyAgent, Restarting<BareEpsilonGreedy>>("EpsilonGreedyAgent", kEpsilon);
-    CompareAgents<SoftmaxAgent, Restarting<BareSoftmax>>("SoftmaxAgent", kTemperature);
-    CompareAgents<MFUAgent, BareMostFrequent>("MFUAgent");
-    CompareAgents<ThomsonSamplingAgent, BareThompson>("ThomsonSamplingAgent", kPrior, kPrior);
-    CompareAgents<KalmanFilterAgent, BareKalman>("KalmanFilterAgent", kObservationNoise, kProcessNoise, kInitialMean,
-                                                 kInitialVariance);
+    for (const auto compare :
+         {CompareEpsilonGreedy, CompareSoftmax, CompareMostFrequent, CompareThompson, CompareKalman}) {
+        compare(10);
+        compare(1000);
+    }
 }

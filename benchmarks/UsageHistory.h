@@ -11,10 +11,10 @@
 
 #include "Provider/CuratorBaseData.h"
 
-/// A year of music, as one person heard it: what the benchmarks work on.
+/// The usage history for the benchmarks: one person's music during a year.
 namespace UsageHistory {
 
-/// Cuts one line of comma-separated fields, of which any may stand in quotes.
+/// Splits a line of comma-separated fields; fields may be quoted.
 inline std::vector<std::string> Fields(const std::string& line) {
     std::vector<std::string> fields(1);
     bool isQuoted = false;
@@ -54,13 +54,13 @@ inline std::vector<CuratorBaseData> Read(const std::string& path) {
     return records;
 }
 
-/// 54429 records of 2169 units, in the order of their start times.
+/// 54429 records of 2169 units, ordered by start time.
 inline const std::vector<CuratorBaseData>& Music() {
     static const std::vector<CuratorBaseData> records = Read(LUMORA_HISTORIES "/music_d.csv");
     return records;
 }
 
-/// Moves the process to where the music was heard.
+/// Sets the time zone of the process to the one of the history.
 inline void SetTimeZone() {
     setenv("TZ", "Europe/Copenhagen", /*overwrite=*/1);
     tzset();

@@ -1,11 +1,11 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: Apache-2.0
-"""Prints one table of ratios from the JSON files that the benchmark programs wrote.
+"""Prints one table of ratios from the JSON output of the benchmark programs.
 
     table.py FILE...
 
-Each FILE is called NAMEBenchmark.ROUND.json and holds what one run of a program measured. Ratios are formed within a
-run. Exits with 1 when a bound is missed for certain.
+Each FILE is named NAMEBenchmark.ROUND.json and contains the output of one run of a program. Ratios compare times of the
+same run. Exits with 1 if a bound is missed by more than the spread.
 """
 import json
 import os
@@ -14,16 +14,15 @@ import statistics
 import sys
 
 SECONDS = {"ns": 1e-9, "us": 1e-6, "ms": 1e-3, "s": 1.0}
-HEADER = ["", "ours", "beside", "theirs", "ratio", "", "bound", ""]
-TO_THE_RIGHT = (1, 3, 4, 5, 6)
+HEADER = ["", "ours", "compared with", "theirs", "ratio", "", "bound", ""]
+RIGHT_ALIGNED = (1, 3, 4, 5, 6)
 LEGEND = """
-Ratios are ours to theirs: medians of the runs of each program, and ± half of the range that holds the middle half of
-them. MISS? is a miss by no more than that. Times are medians, of the processor or, in rows with a star, of the clock
-on the wall."""
+A ratio is our time divided by theirs: the median over all runs, ± half of the interquartile range. MISS? marks a miss
+within this spread. Times are medians of processor time or, in rows with a star, of wall-clock time."""
 
 
 class Measured:
-    """One benchmark: what it was registered as, and what its repetitions took in each run of the program."""
+    """One registered benchmark, with the times of its repetitions in each run of the program."""
 
     def __init__(self, name):
         self.what, self.role, rest = name.split("|")
@@ -34,7 +33,7 @@ class Measured:
 
     def add(self, path, run):
         time = run["real_time"] if self.is_real_time else run["cpu_time"]
-        seconds = run.get("seconds", time * SECONDS[run["time_unit"]])  # what a program has measured itself counts
+        seconds = run.get("seconds", time * SECONDS[run["time_unit"]])  # a time that the program measured itself
         self.seconds.setdefault(path, []).append(seconds)
         self.counters = {key: run[key] for key in ("bound", "bytes", "limit") if key in run}
 
@@ -46,7 +45,7 @@ class Measured:
 
 
 def read(paths):
-    """Returns the benchmarks of one program, row by row, in the order in which they were registered."""
+    """Returns the benchmarks of one program by row, in order of registration."""
     benchmarks = {}
     for path in paths:
         with open(path, encoding="utf-8") as file:
@@ -74,7 +73,7 @@ def verdict(value, bound, spread=0.0):
 
 
 def lines_of(what, row):
-    """Returns the lines of one row: one for each use that ours stands beside."""
+    """Returns the lines of one row: one for each use that ours is compared with."""
     ours = row[0]
     if ours.role == "bytes":
         count, limit = ours.counters["bytes"], ours.counters["limit"]
@@ -103,12 +102,12 @@ def main():
             lines += lines_of("  " + what, row)
     widths = [max(len(line[column]) for line in lines) for column in range(len(HEADER))]
     for line in lines:
-        cells = [cell.rjust(width) if column in TO_THE_RIGHT else cell.ljust(width)
+        cells = [cell.rjust(width) if column in RIGHT_ALIGNED else cell.ljust(width)
                  for column, (cell, width) in enumerate(zip(line, widths))]
         print("  ".join(cells).rstrip())
     print(LEGEND)
     missed = sum(line[-1] == "MISS" for line in lines)
-    print(f"Missed: {missed} of the bounds." if missed else "No bound is missed for certain.")
+    print(f"Missed: {missed} of the bounds." if missed else "No bound is missed by more than the spread.")
     return 1 if missed else 0
 
 

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// A plugin for the emulator: counts the instructions that a program executes, all its threads together, and writes
-// the number to the file that the argument "to" names. The few declarations are those of the emulator's plugin
-// interface, version 1, which Debian ships without its header.
+// A plugin for the emulator. Counts the instructions that a program executes in all threads, and writes the number to
+// the file named by the argument "to". The declarations below are from the emulator's plugin interface, version 1;
+// Debian does not ship its header.
 
 #include <inttypes.h>
 #include <stdbool.h>

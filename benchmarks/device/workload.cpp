@@ -1,10 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
-// Does a fixed piece of work and ends, so that an emulator can count what it took.
+// Performs a fixed amount of work and exits, so that an emulator can count its instructions.
 //
 //   device-workload STEP
 //
-// The steps over a history of 54429 records, each with those before it: read, learn, rank, weekly, json. The others:
-// nothing; events (10 000); database (opens one); writes (that, and 1 000 deferred writes).
+// Steps over a history of 54429 records, each including the ones before it: read, learn, rank, weekly, json.
+// Other steps: nothing; events (10 000 events); database (opens a database); writes (opens it and makes 1 000 deferred
+// writes).
 
 #include <semaphore.h>
 

@@ -15,30 +15,34 @@
 /// @addtogroup curation
 /// @{
 
-/// What a CCuratorAgent ranks by.
+/// How a CCuratorAgent scores units.
 enum ECuratorAgentType : int {
-    CURATOR_AGENT_MRU = 0,   ///< most recently used: by the start of the record learnt last
+    CURATOR_AGENT_MRU = 0,   ///< most recently used: by the start time of the record learnt last
     CURATOR_AGENT_MFU = 1,   ///< most frequently used: by total seconds of use
-    CURATOR_AGENT_DATE = 2,  ///< by the pattern of the week
+    CURATOR_AGENT_DATE = 2,  ///< by time of the week
 };
 
-/// The curation engine: learns a usage history and ranks the units in it.
+/// The curation engine: learns a usage history and ranks its units.
 ///
-/// It keeps one scoring unit for each unit id, in the order in which the ids first appeared. A ranking lists the units
-/// by score, highest first; equal scores keep that order.
+/// The agent keeps one scoring unit for each unit id. A ranking lists the units by score, highest first; units with
+/// equal scores are listed in the order in which their ids first appeared. Nothing is forgotten until the agent is
+/// destroyed.
 ///
-/// **Units.** Durations are seconds; scores are seconds (since the epoch for the MRU type; of use, weighted for the
-/// date type).
-/// **Ownership.** The agent owns its units; records are copied in and out. It forgets nothing until it is destroyed.
-/// **Threads.** One at a time; no locking.
-/// **Errors.** Logged, as stated below. A date agent reads the time zone of the process whenever it learns.
+/// A date agent works in the local time of the process. It calls `tzset` in LearnHistory() and LearnHistorys(), so a
+/// change of `TZ` takes effect there.
+///
+/// **Units.** Durations are seconds. Scores are seconds: since the epoch (MRU), of use (MFU), or of use and weighted
+/// (date).
+/// **Ownership.** The agent owns its units. It copies records in and out.
+/// **Threads.** Not thread-safe.
+/// **Errors.** Logged, as stated for each method.
 class LUMORA_API CCuratorAgent {
 public:
     /// Starts without units.
-    /// @param type         what to rank by.
-    /// @param maxResult    largest number of records in one ranking; a negative one cuts every ranking to nothing.
-    /// @param minDuration  seconds; shorter records are not learnt and make no unit. Compared as unsigned: with a
-    ///                     negative one next to nothing is learnt.
+    /// @param type         how units are scored.
+    /// @param maxResult    maximum number of records in a ranking; if it is 0 or negative, every ranking is empty.
+    /// @param minDuration  seconds; shorter records are ignored. Compared as unsigned, so a negative value excludes
+    ///                     nearly every record.
     CCuratorAgent(const ECuratorAgentType& type, const int& maxResult, const int& minDuration);
     virtual ~CCuratorAgent();
 
@@ -47,21 +51,21 @@ public:
 
     /// Learns one usage record.
     ///
-    /// Metadata that is not empty replaces what is known of the unit; empty metadata erases nothing. An agent of an
-    /// unknown type logs "Error! curator agent type not found! [%d]" and learns nothing.
+    /// Creates the unit if its id is new. Non-empty metadata replaces the metadata of the unit; empty metadata is
+    /// ignored. An agent of an unknown type logs "Error! curator agent type not found! [%d]" and learns nothing.
     void LearnHistory(const CuratorBaseData& record);
 
-    /// Learns records in the order of the vector.
+    /// Learns records in vector order, each as LearnHistory() does.
     void LearnHistorys(const std::vector<CuratorBaseData>& records);
 
-    /// Ranks all units as of now.
-    /// @return the ranking, at most `maxResult` records. Each carries the unit id, the score and the metadata;
-    ///         all other fields are at their defaults.
+    /// Ranks all units by their scores for the current time.
+    /// @return at most `maxResult` records. The unit id, the score and the metadata are set; all other fields have
+    ///         their defaults.
     std::list<CuratorBaseData> RunCurate();
 
-    /// Ranks all units for the whole week.
-    /// @return one ranking, as above, for each hour of the week. An agent that is not of the date type returns an empty
-    ///         grid and logs "7x24 Not support! - Agent type is not DATE".
+    /// Ranks all units for each hour of the week.
+    /// @return one ranking for each hour, with records as from RunCurate(). An agent of another type than date logs
+    ///         "7x24 Not support! - Agent type is not DATE" and returns an empty grid.
     CuratorBaseData7x24 RunCurate7x24();
 
 private:
@@ -76,8 +80,9 @@ private:
     ECuratorAgentType m_eType;
     int m_nMaxResult;
     int m_nMinDuration;
-    std::vector<CCuratorBaseUnit*> m_vecUnits;  ///< owned; in order of first appearance; may hold null
-    std::unordered_map<std::string_view, CCuratorBaseUnit*> m_mapUnits;  ///< finds in m_vecUnits; keys lie in the units
+    std::vector<CCuratorBaseUnit*> m_vecUnits;  ///< owned; in order of first appearance; null if of an unknown type
+    std::unordered_map<std::string_view, CCuratorBaseUnit*>
+        m_mapUnits;  ///< index of m_vecUnits; the units own the keys
 };
 
 /// @}

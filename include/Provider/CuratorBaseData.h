@@ -11,83 +11,89 @@
 /// @addtogroup curation
 /// @{
 
-/// One record of the curation engine: a usage on the way in, a ranked unit on the way out.
+/// One record of the curation engine: a usage when it is learnt, a ranked unit in a result.
 ///
-/// A value that is copied freely. In a result only the unit id, the score and the two metadata texts are set.
+/// A value type. In a result, only the unit id, the score and the two metadata texts are set.
 ///
-/// **Units.** Times are seconds since the epoch, durations seconds.
-/// **Threads.** One at a time, as any value.
+/// **Units.** Times are seconds since the epoch; durations are seconds.
+/// **Threads.** Not thread-safe.
 class LUMORA_API CuratorBaseData {
 public:
-    /// Every text empty, every number 0.
+    /// Leaves every text empty and every number 0.
     CuratorBaseData() = default;
     virtual ~CuratorBaseData() = default;
 
     CuratorBaseData(const CuratorBaseData&) = default;             ///< Copies every field.
     CuratorBaseData& operator=(const CuratorBaseData&) = default;  ///< Copies every field.
-    CuratorBaseData(CuratorBaseData&&) = default;                  ///< Takes the texts over.
-    CuratorBaseData& operator=(CuratorBaseData&&) = default;       ///< Takes the texts over.
+    CuratorBaseData(CuratorBaseData&&) = default;                  ///< Moves the texts.
+    CuratorBaseData& operator=(CuratorBaseData&&) = default;       ///< Moves the texts.
 
-    /// Returns to the default-constructed state.
+    /// Resets every field to its default.
     virtual void clear();
 
     /// @name Identity
-    /// The id is the key under which a history is accumulated; the names are carried for the host.
+    /// The engine accumulates a history for each unit id. It does not read the names, and leaves them empty in results.
     /// @{
-    void SetUnitId(const std::string& unitId) { m_strUnitId = unitId; }                          ///< Sets the id.
-    void SetUnitName(const std::string& unitName) { m_strUnitName = unitName; }                  ///< Sets the name.
-    void SetUnitDeviceName(const std::string& deviceName) { m_strUnitDeviceName = deviceName; }  ///< Sets the device.
-    std::string GetUnitId() const { return m_strUnitId; }                                        ///< A copy of the id.
-    std::string GetUnitName() const { return m_strUnitName; }              ///< A copy of the name.
-    std::string GetUnitDeviceName() const { return m_strUnitDeviceName; }  ///< A copy of the device.
+    void SetUnitId(const std::string& unitId) { m_strUnitId = unitId; }          ///< Sets the id.
+    void SetUnitName(const std::string& unitName) { m_strUnitName = unitName; }  ///< Sets the name.
+    void SetUnitDeviceName(const std::string& deviceName) {
+        m_strUnitDeviceName = deviceName;
+    }                                                                      ///< Sets the device name.
+    std::string GetUnitId() const { return m_strUnitId; }                  ///< Returns a copy.
+    std::string GetUnitName() const { return m_strUnitName; }              ///< Returns a copy.
+    std::string GetUnitDeviceName() const { return m_strUnitDeviceName; }  ///< Returns a copy.
     /// @}
 
-    std::string m_strMetaData;     ///< about the unit; in a result the latest that was not empty
-    std::string m_strMetaDataSrc;  ///< where the metadata came from; in a result the latest that was not empty
-    int m_nStartTime = 0;          ///< start of the usage; read as unsigned where recency is scored
-    int m_nAux = 0;                ///< the host's own; carried along
+    std::string m_strMetaData;     ///< metadata of the unit; in a result the latest non-empty one
+    std::string m_strMetaDataSrc;  ///< source of the metadata; in a result the latest non-empty one
+    int m_nStartTime = 0;          ///< start of the usage; read as unsigned by CCuratorMRUUnit
+    int m_nAux = 0;                ///< for the host; never read, 0 in a result
     unsigned int m_nDuration = 0;  ///< length of the usage
     double m_dScore = 0.0;         ///< in a result: the unit's score
-    double m_dAux[4] = {};         ///< the host's own; carried along
+    double m_dAux[4] = {};         ///< for the host; never read, 0 in a result
 
 private:
     friend LUMORA_API bool IsSequenceEqual(const std::list<CuratorBaseData>& a, const std::list<CuratorBaseData>& b);
 
-    std::string m_strUnitId;  ///< the key under which a history is accumulated
+    std::string m_strUnitId;
     std::string m_strUnitName;
     std::string m_strUnitDeviceName;
 };
 
-/// One ranking for each hour of the week: [day, 0 = Sunday][hour, 0 to 23], as `tm_wday` and `tm_hour` count.
+/// One ranking for each hour of the week, indexed as `tm_wday` (0 = Sunday) and `tm_hour` count.
 struct LUMORA_API CuratorBaseData7x24 {
-    std::list<CuratorBaseData> m_listData[7][24];  ///< a ranking each
+    std::list<CuratorBaseData> m_listData[7][24];  ///< rankings by day and hour
 };
 
-/// Compares two rankings by their unit ids alone: scores and all other fields do not count.
-/// @return true when both list the same ids in the same order.
+/// Compares two rankings by their unit ids only; scores and all other fields are ignored.
+/// @return true if both contain the same ids in the same order.
 LUMORA_API bool IsSequenceEqual(const std::list<CuratorBaseData>& a, const std::list<CuratorBaseData>& b);
 
-/// Compares two weekly grids, cell by cell, by the unit ids alone.
+/// Compares two weekly grids cell by cell, by unit ids only.
+/// @return true if all 168 pairs of rankings compare equal.
 LUMORA_API bool IsSequenceEqual(const CuratorBaseData7x24& a, const CuratorBaseData7x24& b);
 
-/// The standard writer of one result record: "Id", "Score", and "MetaDataSrc" when it is not empty.
+/// The standard writer for one record of a result: sets "Id", "Score" and, if it is not empty, "MetaDataSrc".
 /// @param record  the record to write.
-/// @param out     an empty document, which becomes an object.
+/// @param out     an empty document; becomes an object.
 LUMORA_API void CuratorData2ContextData(const CuratorBaseData& record, ContextData& out);
 
-/// Writes a ranking as JSON text: {"list": [ {...}, ... ], "Size": n} and a line feed. An empty ranking has no "list".
+/// Serialises a ranking.
 /// @param result  the ranking.
-/// @param writer  writes one record into an empty document; CuratorData2ContextData() or the host's own. Not null.
+/// @param writer  writes one record into an empty document: CuratorData2ContextData() or a function of the host.
+///                Not null.
+/// @return JSON text, {"list": [ {...}, ... ], "Size": n}, and a line feed. An empty ranking has no "list".
 LUMORA_API std::string CurationResult2JsonData(const std::list<CuratorBaseData>& result,
                                                void (*writer)(const CuratorBaseData&, ContextData&));
 
-/// Writes a weekly grid as JSON text and a line feed:
-/// {"Sun": [ {"20": [ {"list": [ {...}, ... ], "Size": 3} ]} ], ..., "Size": n}.
+/// Serialises a weekly grid.
 ///
-/// Days are "Sun" to "Sat", hours "0" to "23"; those without a ranking are left out. The outer "Size" counts the days
-/// that are present. The arrays of one element around each day and each hour are part of the format.
+/// Days are "Sun" to "Sat", hours are "0" to "23". Hours with an empty ranking are omitted, and so are days without
+/// any hour. The outer "Size" is the number of days written. Each day and each hour is wrapped in an array of one
+/// element; these arrays are part of the format.
 /// @param result  the grid.
-/// @param writer  as above.
+/// @param writer  writes one record, as for a ranking. Not null.
+/// @return JSON text, {"Sun": [ {"20": [ {"list": [ {...}, ... ], "Size": 3} ]} ], ..., "Size": n}, and a line feed.
 LUMORA_API std::string CurationResult2JsonData(const CuratorBaseData7x24& result,
                                                void (*writer)(const CuratorBaseData&, ContextData&));
 

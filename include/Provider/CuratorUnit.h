@@ -11,69 +11,69 @@
 /// @addtogroup curation
 /// @{
 
-/// Everything learnt about one unit, and its score. CCuratorAgent makes and owns the units; a host needs them only to
-/// score a single unit by itself.
+/// Accumulates the usage of one unit and scores it. CCuratorAgent creates and owns its units; you need this class only
+/// to score a single unit without an agent.
 ///
-/// A unit accumulates for its whole life: nothing decays and nothing is forgotten.
+/// Accumulated usage never decays and is never reset.
 ///
-/// **Units.** Seconds, in double precision.
-/// **Threads.** One at a time; no locking.
+/// **Units.** Scores are seconds, as doubles.
+/// **Threads.** Not thread-safe.
 /// **Errors.** None; nothing is logged.
 class LUMORA_API CCuratorBaseUnit {
 public:
-    /// Knows nothing of the unit but its id.
-    /// @param unitId  the unit that this object stands for.
+    /// Starts with a score of 0.
+    /// @param unitId  id of the unit; copied.
     explicit CCuratorBaseUnit(const std::string& unitId);
     virtual ~CCuratorBaseUnit();
 
     CCuratorBaseUnit(const CCuratorBaseUnit&) = delete;
     CCuratorBaseUnit& operator=(const CCuratorBaseUnit&) = delete;
 
-    /// Adds one usage record.
-    /// @param record  its unit id is not looked at.
-    /// @param weight  scales what is credited, where the unit weighs at all; the agent passes 1.0.
+    /// Learns one usage record.
+    /// @param record  the usage; its unit id is ignored.
+    /// @param weight  factor for the credited seconds; only CCuratorDateUnit uses it. The agent passes 1.0.
     virtual void LearnHistory(const CuratorBaseData& record, double weight) = 0;
 
-    /// Scores the unit as of now.
-    /// @return the higher, the further in front.
+    /// Scores the unit for the current time.
+    /// @return the score; units with higher scores rank first.
     virtual double GetScore() = 0;
 
     /// Scores the unit for an hour of the week.
     /// @param dayOfWeek  0 (Sunday) to 6; not checked.
     /// @param hour       0 to 23; not checked.
-    /// @return the score for that hour of the week.
+    /// @return the score; units with higher scores rank first.
     virtual double GetScore(const int& dayOfWeek, const int& hour) = 0;
 
 protected:
     friend class CCuratorAgent;
 
-    std::string m_strUnitId;       ///< the unit that this object stands for
-    std::string m_strMetaDataSrc;  ///< latest that was not empty; written by the agent
-    std::string m_strMetaData;     ///< latest that was not empty; written by the agent
-    double m_dScore;               ///< what has been accumulated; 0.0 at first
+    std::string m_strUnitId;       ///< id of the unit
+    std::string m_strMetaDataSrc;  ///< latest non-empty source of the metadata; set by the agent
+    std::string m_strMetaData;     ///< latest non-empty metadata; set by the agent
+    double m_dScore;               ///< accumulated score, 0.0 at first; of a date unit, the total seconds
 };
 
-/// Scores by recency: the start time of the record that was learnt *last*, even when it is an older one.
+/// Scores by recency: the start time of the record learnt *last*, even if an earlier record started later.
 class LUMORA_API CCuratorMRUUnit : public CCuratorBaseUnit {
 public:
     /// Scores 0 until it learns.
     explicit CCuratorMRUUnit(const std::string& unitId);
 
-    /// Remembers the start of the usage, whatever was there before.
-    /// @param record  its start time, read as an unsigned number, becomes the score.
+    /// Replaces the score.
+    /// @param record  its start time, read as unsigned, becomes the score.
     /// @param weight  ignored.
     void LearnHistory(const CuratorBaseData& record, double weight) override;
     double GetScore() override;
     double GetScore(const int& dayOfWeek, const int& hour) override;  ///< the same at any hour
 };
 
-/// Scores by total use: the sum of all durations, not the number of uses.
+/// Scores by total use: the sum of all durations, not the number of records.
 class LUMORA_API CCuratorMFUUnit : public CCuratorBaseUnit {
 public:
     /// Scores 0 until it learns.
     explicit CCuratorMFUUnit(const std::string& unitId);
 
-    /// Adds the usage up.
+    /// Adds to the score.
     /// @param record  its duration is added to the score.
     /// @param weight  ignored.
     void LearnHistory(const CuratorBaseData& record, double weight) override;
@@ -81,46 +81,49 @@ public:
     double GetScore(const int& dayOfWeek, const int& hour) override;  ///< the same at any hour
 };
 
-/// Scores by the pattern of the week, in the local time of the process.
+/// Scores by time of the week, in the local time of the process.
 ///
-/// A usage is split at the full hours of local time, and each piece is credited to its hour of the day, its day of the
-/// week, and its hour of the week. The score of an hour adds 0.1 of the total, what was used at that hour of any day,
-/// 6 times what was used on that day of the week, and 11 times what was used at that hour of the week.
+/// A usage is split at the full hours of local time. Each piece is credited to the total, to its hour of the day, to
+/// its day of the week and to its hour of the week. The score for an hour of the week is the sum of
+/// - 0.1 times the total seconds,
+/// - the seconds at that hour of the day, on any day,
+/// - 6 times the seconds on that day of the week, and
+/// - 11 times the seconds at that hour of the week.
 ///
-/// The hours are the calendar's own: a day on which the clock changes has 23 or 25 of them. Where the calendar cannot
-/// tell the next full hour (the end of a 32-bit `time_t`, or a zone whose standard offset changes there while its
-/// daylight flag does not), what remains of the usage is credited to the current hour.
+/// Hours follow the calendar calls of the C library: a day on which the clock changes by an hour has 23 or 25 hours.
+/// Sometimes these calls cannot give the next full hour: at the end of a 32-bit `time_t`, and where a zone changes its
+/// standard offset but not its daylight-saving flag. The rest of the usage is then credited to the current hour.
 class LUMORA_API CCuratorDateUnit : public CCuratorBaseUnit {
 public:
-    /// The longest part of one usage that counts, in seconds.
+    /// Cap on the duration of one usage, in seconds.
     static constexpr unsigned int kMaxLearntSeconds = 12000;
 
-    /// Scores 0 at every hour until it learns.
+    /// Scores 0 at any hour until it learns.
     explicit CCuratorDateUnit(const std::string& unitId);
 
     /// Credits the usage to the hours that it covers.
-    /// @param record  at most the first #kMaxLearntSeconds of its duration count.
-    /// @param weight  scales every credit.
+    /// @param record  the usage; only the first #kMaxLearntSeconds of its duration count.
+    /// @param weight  factor for the credited seconds.
     void LearnHistory(const CuratorBaseData& record, double weight) override;
 
-    /// Scores the unit for the present local hour.
+    /// Calls the other GetScore() with the current local day and hour.
     double GetScore() override;
     double GetScore(const int& dayOfWeek, const int& hour) override;
 
 protected:
-    double m_dHour[24];        ///< seconds by hour of day
-    double m_dDay[7];          ///< seconds by day of week, 0 = Sunday
-    double m_dDayHour[7][24];  ///< seconds by hour of week
-    double m_dWeight[4];       ///< of total, hour, day, and hour of week
+    double m_dHour[24];        ///< seconds by hour of the day
+    double m_dDay[7];          ///< seconds by day of the week, 0 = Sunday
+    double m_dDayHour[7][24];  ///< seconds by hour of the week
+    double m_dWeight[4];       ///< weights of the total, hour, day, and hour of the week
 
 private:
     friend class CCuratorAgent;
 
-    /// A stretch of time inside one hour of local time, without a change of the clock in it.
+    /// Part of one hour of local time in which the clock does not change.
     struct LocalHour {
         time_t begin = 0;
         time_t end = 0;  ///< exclusive: the next full hour
-        tm local{};      ///< tells the hour and the day
+        tm local{};      ///< broken-down time of a moment in it
     };
 
     void Learn_(const CuratorBaseData& record, double weight, LocalHour& lastHour);

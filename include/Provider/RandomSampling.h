@@ -8,50 +8,52 @@
 /// @{
 
 /// @name Random variates
-/// What the bandit agents draw.
+/// Random numbers for the bandit agents.
 ///
-/// All draws of a process, the agents' too, advance one state of the C library's `rand_r`, which is 1 at the start and
-/// cannot be set: a process that makes the same draws gets the same variates. The state of the C library's `rand` is
-/// not touched.
+/// All draws of a process, including those of the agents, advance one shared state of the C library's `rand_r`. It is
+/// initially 1 and cannot be set: processes that make the same draws get the same variates. The functions do not
+/// touch the state of the C library's `rand`.
 ///
-/// **Range.** RandomDouble() delivers the *lower half* of the unit interval, and so all that is made of it differs
-/// from the textbook's: see each function. Agents and hosts rely on these sequences, so the ranges are promises.
-/// **Threads.** One at a time in the whole process: the state is shared and has no lock.
+/// **Range.** RandomDouble() returns values in the *lower half* of the unit interval only. All other variates derive
+/// from it and therefore differ from the textbook distributions, as each function states. Agents and hosts rely on
+/// these sequences, so the ranges are guaranteed.
+/// **Threads.** Not thread-safe: the state is shared by the whole process and has no lock.
 /// **Errors.** None; nothing is logged.
 /// @{
 
-/// A uniform variate of 53 bits, made of two draws.
-/// @return at least 0 and below 0.5, where the textbook has 1: `rand_r` gives 31 bits at a time, not 32.
+/// Returns a uniform variate, a multiple of 2^-53, made from two draws.
+/// @return at least 0 and below 0.5. The textbook range ends at 1; a draw has only 31 of the 32 bits that the method
+///         expects.
 LUMORA_API double RandomDouble();
 
-/// An exponential variate, by inversion of one RandomDouble().
-/// @return 0 to log 2, where the textbook's has mean 1 and no upper end.
+/// Returns an exponential variate, by inversion of one RandomDouble().
+/// @return 0 to log 2. The textbook variate has mean 1 and no upper limit.
 LUMORA_API double StandardExponential();
 
-/// A normal variate, by the polar method (Marsaglia and Bray, 1964). The second value of each pair is discarded.
-/// @return below 0, where the textbook's is as often above.
+/// Returns a normal variate, by the polar method (Marsaglia and Bray, 1964). One value of each pair is discarded.
+/// @return below 0. The textbook variate is positive half of the time.
 LUMORA_API double Gauss();
 
-/// A gamma variate of scale 1.
+/// Returns a gamma variate of scale 1.
 ///
-/// A shape of 1 is a StandardExponential(); a lower one takes the rejection method of Ahrens and Dieter (1974), a
-/// higher one that of Marsaglia and Tsang (2000).
-/// @tparam T     double; the library has no other.
-/// @param shape  0 or more.
-/// @return 0 or more; below `shape - 1/3` where the shape is above 1, and below 1 elsewhere, where the textbook's have
-///         no upper end. Not a number, without a draw, when the shape is negative or not a number.
+/// Uses the rejection method of Ahrens and Dieter (1974) for shapes below 1, StandardExponential() for a shape of 1,
+/// and the rejection method of Marsaglia and Tsang (2000) for shapes above 1.
+/// @tparam T     double; no other type is instantiated.
+/// @param shape  0 or more, and finite.
+/// @return 0 or more; below `shape - 1/3` for shapes above 1, below 1 for other shapes. The textbook variate has no
+///         upper limit. NaN, without a draw, if the shape is negative or NaN.
 template <typename T>
 T StandardGamma(T shape);
 
-/// A beta variate.
+/// Returns a beta variate.
 ///
-/// Where neither parameter is above 1 it takes Jöhnk's method (1964), else the ratio of two StandardGamma(), that of
-/// `a` drawn first.
-/// @tparam T  double; the library has no other.
-/// @param a   0 or more.
-/// @param b   0 or more.
-/// @return 0 to 1. RandomBeta(1.0, 1.0) is not the textbook's uniform variate but favours the middle. Not a number when
-///         a parameter is negative or not a number, or when both are 0.
+/// If neither parameter is above 1, uses the method of Jöhnk (1964). Otherwise draws x = StandardGamma(a), then
+/// y = StandardGamma(b), and returns x / (x + y).
+/// @tparam T  double; no other type is instantiated.
+/// @param a   0 or more, and finite.
+/// @param b   0 or more, and finite.
+/// @return 0 to 1. The textbook RandomBeta(1.0, 1.0) is uniform; this one favours the middle. NaN if a parameter is
+///         negative or NaN, or if both are 0.
 template <typename T>
 T RandomBeta(const T& a, const T& b);
 

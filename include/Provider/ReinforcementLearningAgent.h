@@ -9,145 +9,147 @@
 /// @addtogroup bandits
 /// @{
 
-/// Base of the multi-armed bandits: chooses among n actions and learns from the reward of each choice.
+/// Base class of the multi-armed bandits, which choose among n actions and learn from the reward of each choice.
 ///
-/// The host calls ChooseAction(), performs the action, and calls UpdateQ() with the action and its reward. Every
-/// choice of a highest value gives the lowest of the actions that share it.
+/// You call ChooseAction(), perform the action, and call UpdateQ() with the action and its reward. Where an agent
+/// chooses the highest of some values, the lowest action wins a tie.
 ///
-/// **Units.** Actions are numbered 0 to n - 1. Rewards are any integers; the value of an action is their mean.
-/// **State.** Kept for the agent's whole life: nothing is saved and nothing decays.
-/// **Threads.** One thread per agent. EpsilonGreedyAgent and ThomsonSamplingAgent also draw from the state that all
-/// random variates of the process share without a lock: these, and RandomSampling.h, belong to one thread.
-/// **The host's rand().** EpsilonGreedyAgent and SoftmaxAgent begin every choice with the C library's `srand` and the
-/// current time, although no agent draws from `rand`. The sequence of a host that does so starts anew: choices within
-/// one second make it repeat itself. This is kept on purpose; a host that needs a sequence of its own takes another
-/// generator.
-/// **Errors.** None; nothing is logged. Actions are not checked: one outside 0 to n - 1 writes where it must not.
+/// **Units.** Actions are numbered 0 to n - 1. A reward is any integer; the value of an action is the mean of its
+/// rewards.
+/// **State.** Statistics last as long as the agent: they are not saved and do not decay.
+/// **Threads.** Not thread-safe. EpsilonGreedyAgent and ThomsonSamplingAgent also share a random state with all
+/// functions of RandomSampling.h, without a lock: use all of these from one thread.
+/// **The host's rand().** Every choice of EpsilonGreedyAgent and SoftmaxAgent calls the C library's `srand` with the
+/// current time, although no agent calls `rand`. This restarts the host's `rand` sequence, so `rand` repeats its
+/// values if two choices fall in the same second. Hosts can observe this, so it stays; use another generator if you
+/// need an undisturbed sequence.
+/// **Errors.** None; nothing is logged. Actions are not checked: an action outside 0 to n - 1 is undefined behaviour.
 class LUMORA_API ReinforcementLearningAgent {
 public:
-    /// Knows nothing of the actions but their number.
-    /// @param n  how many actions; a negative number counts as 0. With none, there is nothing to choose and nothing may
-    ///           be learnt.
+    /// Starts without statistics.
+    /// @param n  number of actions; a negative number counts as 0. Without actions, UpdateQ() must not be called.
     explicit ReinforcementLearningAgent(const int& n);
     virtual ~ReinforcementLearningAgent();
 
     ReinforcementLearningAgent(const ReinforcementLearningAgent&) = delete;
     ReinforcementLearningAgent& operator=(const ReinforcementLearningAgent&) = delete;
 
-    /// Learns that an action brought a reward.
+    /// Learns the reward of an action.
     virtual void UpdateQ(const int& action, const int& reward);
 
-    /// Chooses.
-    /// @return the action to perform next; 0 without actions, unless the agent says otherwise.
+    /// Chooses the next action.
+    /// @return the action; without actions 0, except from SoftmaxAgent.
     virtual int ChooseAction() = 0;
 
 protected:
-    int m_nActions;               ///< n
-    std::vector<int> m_vecCount;  ///< how often each action was updated
+    int m_nActions;               ///< number of actions
+    std::vector<int> m_vecCount;  ///< number of updates of each action
     std::vector<double> m_vecQ;   ///< mean reward of each action
 };
 
-/// Exploits the best mean reward, but explores with probability epsilon, and while no mean is above 1e-7.
+/// Chooses the action with the highest mean reward, but explores (chooses at random) with probability epsilon, and
+/// always while no mean reward is above 1e-7.
 class LUMORA_API EpsilonGreedyAgent : public ReinforcementLearningAgent {
 public:
-    /// Begins without a preference.
-    /// @param n        how many actions.
-    /// @param epsilon  the probability, 0 to 1; not checked.
+    /// Starts without statistics.
+    /// @param n        number of actions.
+    /// @param epsilon  probability of exploring, 0 to 1; not checked.
     EpsilonGreedyAgent(const int& n, const double& epsilon);
     ~EpsilonGreedyAgent() override;
 
     int ChooseAction() override;
 
 protected:
-    double m_dEpsilon;  ///< the probability of exploring
+    double m_dEpsilon;  ///< probability of exploring
 };
 
-/// Chooses with probabilities that grow with the exponential of the mean rewards, against one fixed draw.
+/// Gives each action a probability proportional to exp(mean reward / temperature), and chooses with a fixed draw.
 ///
-/// The draw comes from the minimal standard generator (Park and Miller, 1988), begun anew for every choice, so it is
-/// 0.13153778773876065 every time: unlike the textbook's, the choice is a function of the mean rewards alone.
+/// The draw comes from the minimal standard generator (Park and Miller, 1988), which is seeded with 1 for every choice,
+/// so it is always 0.13153778773876065. Unlike in textbooks, the choice depends on the mean rewards only.
 class LUMORA_API SoftmaxAgent : public ReinforcementLearningAgent {
 public:
-    /// Begins without a preference.
-    /// @param n            how many actions.
-    /// @param temperature  the higher, the more alike are the probabilities; 0 or less makes them equal.
+    /// Starts without statistics.
+    /// @param n            number of actions.
+    /// @param temperature  higher values make the probabilities more equal; 0 or less makes them all equal.
     SoftmaxAgent(const int& n, const double& temperature);
     ~SoftmaxAgent() override;
 
-    /// Chooses against the fixed draw.
-    /// @return the first action at which the cumulative probability exceeds the draw. The last one, n - 1, when there
-    ///         is none: so without actions (-1), and when the exponentials overflow or vanish, with a mean reward above
-    ///         some 709 temperatures or all of them below -745.
+    /// Chooses by the fixed draw.
+    /// @return the first action at which the cumulative probability exceeds the draw, or n - 1 if there is none. There
+    ///         is none without actions (the result is -1), if any exponential overflows (a mean reward above about 709
+    ///         temperatures), or if all of them underflow (every mean reward below about -745 temperatures).
     int ChooseAction() override;
 
 protected:
-    double m_dTemperature;  ///< how alike the probabilities are
+    double m_dTemperature;  ///< divides the mean rewards
 };
 
-/// Chooses what was updated most often, whatever the rewards.
+/// Chooses the action with the most updates; rewards are ignored.
 class LUMORA_API MFUAgent : public ReinforcementLearningAgent {
 public:
-    /// Begins with every count at 0.
+    /// Starts without statistics.
     explicit MFUAgent(const int& n);
     ~MFUAgent() override;
 
     int ChooseAction() override;
 };
 
-/// Draws a beta variate for every action, from its successes and failures, and chooses the highest (Thompson, 1933).
+/// Draws a beta variate for every action from its successes and failures, and chooses the action with the highest one
+/// (Thompson, 1933).
 ///
-/// The variates are those of RandomBeta(), whose ranges are not the textbook's.
+/// RandomBeta() draws the variates; their distribution is not the textbook one.
 class LUMORA_API ThomsonSamplingAgent : public ReinforcementLearningAgent {
 public:
-    /// Begins with the prior alone.
-    /// @param n      how many actions.
-    /// @param alpha  added to the successes; with beta the prior. Above 0.
-    /// @param beta   added to the failures. Above 0.
+    /// Starts without successes and failures.
+    /// @param n      number of actions.
+    /// @param alpha  prior: added to the successes of each action. Above 0; not checked.
+    /// @param beta   prior: added to the failures of each action. Above 0; not checked.
     ThomsonSamplingAgent(const int& n, const double& alpha, const double& beta);
     ~ThomsonSamplingAgent() override;
 
     /// Learns a success or a failure.
-    /// @param action  the action that brought it.
-    /// @param reward  exactly 1 is a success; any other is a failure, and counts in the mean all the same.
+    /// @param action  the action that earned the reward.
+    /// @param reward  1 counts as a success, any other value as a failure. The mean uses the value itself.
     void UpdateQ(const int& action, const int& reward) override;
     int ChooseAction() override;
 
 protected:
     double m_dAlpha;                ///< added to the successes
     double m_dBeta;                 ///< added to the failures
-    std::vector<int> m_vecSuccess;  ///< of each action
-    std::vector<int> m_vecFailure;  ///< of each action
+    std::vector<int> m_vecSuccess;  ///< number of successes of each action
+    std::vector<int> m_vecFailure;  ///< number of failures of each action
 };
 
-/// Follows the value of each action with a Kalman filter of one dimension, and chooses by value less a share of its
-/// uncertainty.
+/// Tracks the value of each action with a one-dimensional Kalman filter, and chooses the action with the highest sample
+/// of its value.
 ///
-/// Two things differ from the textbook, and are promises. A reward enters the mean 100 times. A choice draws the same
-/// standard normal value for every action every time, about -0.121966, and takes the *variance* as the spread: the
-/// choice is the highest `mean - 0.121966 * variance`, so it slightly favours what is better known.
+/// Two differences from the textbook are guaranteed. A reward is multiplied by 100 before it enters the mean. Every
+/// sample uses the same standard normal value, about -0.121966, and uses the *variance* as the standard deviation: the
+/// agent chooses the highest `mean - 0.121966 * variance`, which slightly favours actions with a small variance.
 class LUMORA_API KalmanFilterAgent : public ReinforcementLearningAgent {
 public:
-    /// Begins with the same value for every action.
-    /// @param n                 how many actions.
+    /// Starts with the same mean and variance for every action.
+    /// @param n                 number of actions.
     /// @param observationNoise  variance of a reward around the value.
-    /// @param processNoise      variance that every update adds to the value of every action.
-    /// @param initialMean       of every action.
-    /// @param initialVariance   of every action.
+    /// @param processNoise      variance that each update adds to every action.
+    /// @param initialMean       mean of every action at first.
+    /// @param initialVariance   variance of every action at first.
     KalmanFilterAgent(const int& n, const double& observationNoise, const double& processNoise,
                       const double& initialMean, const double& initialVariance);
     ~KalmanFilterAgent() override;
 
-    /// Also widens the uncertainty of all other actions.
+    /// Learns the reward of an action, and adds the process noise to the variance of every action.
     void UpdateQ(const int& action, const int& reward) override;
     int ChooseAction() override;
 
 protected:
     double m_dObservationNoise;         ///< variance of a reward around the value
-    double m_dProcessNoise;             ///< what every update adds to each variance
-    double m_dInitialMean;              ///< of every action
-    double m_dInitialVariance;          ///< of every action
-    std::vector<double> m_vecMean;      ///< of each action
-    std::vector<double> m_vecVariance;  ///< of each action
+    double m_dProcessNoise;             ///< added to every variance by each update
+    double m_dInitialMean;              ///< mean of every action at first
+    double m_dInitialVariance;          ///< variance of every action at first
+    std::vector<double> m_vecMean;      ///< mean of each action
+    std::vector<double> m_vecVariance;  ///< variance of each action
 };
 
 /// @}

@@ -4,8 +4,42 @@
 #include <algorithm>
 #include <ctime>
 #include <limits>
+#include <numeric>
 
 #include "Log.h"
+
+namespace {
+
+constexpr double kNoScore = -std::numeric_limits<double>::infinity();  ///< ranks a null entry after every unit
+
+using Score = std::vector<double>::const_iterator;
+
+/// @return the `count` highest scores, highest first; equal scores keep their order.
+std::vector<Score> HighestFirst(const std::vector<double>& scores, std::size_t count) {
+    const auto ranksBefore = [](Score a, Score b) { return *a > *b || (*a == *b && a < b); };
+    std::vector<Score> highest(std::min(count, scores.size()));
+    if (highest.empty()) {
+        return highest;
+    }
+    std::iota(highest.begin(), highest.end(), scores.begin());
+    const Score others = highest.back() + 1;
+
+    // A heap with the lowest score at its front. Another score enters only if it is higher: an equal one comes later.
+    std::make_heap(highest.begin(), highest.end(), ranksBefore);
+    double lowest = *highest.front();
+    const auto enters = [&lowest](double score) { return score > lowest; };
+    for (Score next = std::find_if(others, scores.end(), enters); next != scores.end();
+         next = std::find_if(next + 1, scores.end(), enters)) {
+        std::pop_heap(highest.begin(), highest.end(), ranksBefore);
+        highest.back() = next;
+        std::push_heap(highest.begin(), highest.end(), ranksBefore);
+        lowest = *highest.front();
+    }
+    std::sort_heap(highest.begin(), highest.end(), ranksBefore);
+    return highest;
+}
+
+}  // namespace
 
 CCuratorAgent::CCuratorAgent(const ECuratorAgentType& type, const int& maxResult, const int& minDuration)
     : m_eType(type), m_nMaxResult(maxResult), m_nMinDuration(minDuration) {}
@@ -18,7 +52,7 @@ CCuratorAgent::~CCuratorAgent() {
 
 void CCuratorAgent::LearnHistory(const CuratorBaseData& record) {
     if (m_eType == CURATOR_AGENT_DATE) {
-        tzset();  // localtime_r need not notice that the time zone has changed
+        tzset();  // localtime_r may miss a change of the time zone
     }
     CCuratorDateUnit::LocalHour unknown;
     Learn_(record, unknown);
@@ -105,68 +139,42 @@ void CCuratorAgent::Learn_(const CuratorBaseData& record, CCuratorDateUnit::Loca
     }
 }
 
-// One score for each entry of m_vecUnits, null entries included.
+// Returns one score for each entry of m_vecUnits.
 std::vector<double> CCuratorAgent::GetAllCandidates_() {
     std::vector<double> scores;
     scores.reserve(m_vecUnits.size());
     for (CCuratorBaseUnit* unit : m_vecUnits) {
-        scores.push_back(unit != nullptr ? unit->GetScore() : 0.0);
+        scores.push_back(unit != nullptr ? unit->GetScore() : kNoScore);
     }
     return scores;
 }
 
-// A whole day at once: a unit is far larger than its scores of a day, so that going through all units for every hour
-// would wait for memory most of the time.
+// Scores a whole day in one pass over the units. A unit is far larger than its 24 scores: a pass for each hour would
+// mostly wait for memory.
 void CCuratorAgent::GetAllCandidates_(const int& day, std::vector<double> (&scores)[24]) {
-    for (std::vector<double>& ofHour : scores) {
-        ofHour.resize(m_vecUnits.size());
+    for (std::vector<double>& hourScores : scores) {
+        hourScores.resize(m_vecUnits.size());
     }
-    double ofDay[24];
+    double dayScores[24];
     for (std::size_t order = 0; order < m_vecUnits.size(); ++order) {
-        static_cast<const CCuratorDateUnit*>(m_vecUnits[order])->GetScores_(day, ofDay);
+        static_cast<const CCuratorDateUnit*>(m_vecUnits[order])->GetScores_(day, dayScores);
         for (std::size_t hour = 0; hour < 24; ++hour) {
-            scores[hour][order] = ofDay[hour];
+            scores[hour][order] = dayScores[hour];
         }
     }
 }
 
 std::list<CuratorBaseData> CCuratorAgent::Rank_(const std::vector<double>& scores) {
-    struct Candidate {
-        double dScore;
-        std::size_t nOrder;  // position in m_vecUnits
-    };
-    // The order of first appearance decides between equal scores: what a stable sort of everything would give. Of the
-    // best so far, `best` is a heap with the one that would have to go in front.
-    const auto ranksBefore = [](const Candidate& a, const Candidate& b) {
-        return a.dScore > b.dScore || (a.dScore == b.dScore && a.nOrder < b.nOrder);
-    };
-    const std::size_t kept = std::min(scores.size(), static_cast<std::size_t>(std::max(m_nMaxResult, 0)));
-    std::vector<Candidate> best;
-    best.reserve(kept);
-    std::size_t order = 0;
-    for (; order < scores.size() && best.size() < kept; ++order) {
-        if (m_vecUnits[order] != nullptr) {
-            best.push_back({scores[order], order});
-        }
-    }
-    std::make_heap(best.begin(), best.end(), ranksBefore);
-    double lowest = best.empty() ? std::numeric_limits<double>::infinity() : best.front().dScore;
-    for (; order < scores.size(); ++order) {
-        if (scores[order] > lowest && m_vecUnits[order] != nullptr) {
-            std::pop_heap(best.begin(), best.end(), ranksBefore);
-            best.back() = {scores[order], order};
-            std::push_heap(best.begin(), best.end(), ranksBefore);
-            lowest = best.front().dScore;
-        }
-    }
-    std::sort_heap(best.begin(), best.end(), ranksBefore);
-
     std::list<CuratorBaseData> ranking;
-    for (const Candidate& candidate : best) {
-        const CCuratorBaseUnit& unit = *m_vecUnits[candidate.nOrder];
+    for (const Score score : HighestFirst(scores, static_cast<std::size_t>(std::max(m_nMaxResult, 0)))) {
+        const auto order = static_cast<std::size_t>(score - scores.begin());
+        if (m_vecUnits[order] == nullptr) {
+            break;  // only null entries follow
+        }
+        const CCuratorBaseUnit& unit = *m_vecUnits[order];
         CuratorBaseData& record = ranking.emplace_back();
         record.SetUnitId(unit.m_strUnitId);
-        record.m_dScore = candidate.dScore;
+        record.m_dScore = *score;
         record.m_strMetaData = unit.m_strMetaData;
         record.m_strMetaDataSrc = unit.m_strMetaDataSrc;
     }

@@ -69,7 +69,7 @@ std::string CurationResult2JsonData(const CuratorBaseData7x24& result, Writer wr
                 continue;
             }
             hasData = true;
-            // Views into the one document: appending finished sub-documents would copy every ranking twice.
+            // Views into the document: appending complete sub-documents would copy every ranking twice.
             ContextData dayDocument = document.GetValuePtr(kDayKeys[day], 0);
             ContextData hourDocument = dayDocument.GetValuePtr(std::to_string(hour).c_str(), 0);
             WriteRanking(ranking, writer, hourDocument);

@@ -9,8 +9,8 @@ namespace {
 
 constexpr int kSecondsPerHour = 3600;
 
-/// Apart from the class, whose methods a host could replace, so that the compiler may merge it into a loop. The order
-/// of the sum is part of the promise to the last bit.
+/// A free function: an exported member could be interposed, which prevents inlining. The terms are added in a fixed
+/// order, because scores are exact to the last bit.
 double Weigh(const double (&weights)[4], double total, double hour, double day, double dayHour) {
     double score = total * weights[0];
     score += hour * weights[1];
@@ -72,8 +72,8 @@ double CCuratorDateUnit::GetScore(const int& dayOfWeek, const int& hour) {
     return ScoreOf_(dayOfWeek, hour);
 }
 
-// Most usages end within the hour of the one before. They need no call of the calendar, and so none of the slower ones
-// that find the next full hour. `lastHour` is good for as long as the time zone stays the same.
+// Most usages end in the same hour as the previous one and then need no calendar call. `lastHour` caches that hour; it
+// is valid until the time zone changes.
 void CCuratorDateUnit::Learn_(const CuratorBaseData& record, double weight, LocalHour& lastHour) {
     const unsigned int seconds = std::min(record.m_nDuration, unsigned{kMaxLearntSeconds});
     const time_t start = record.m_nStartTime;
@@ -104,8 +104,8 @@ void CCuratorDateUnit::LearnAcrossHours_(tm current, double remaining, double we
         ++next.tm_hour;
         next.tm_min = 0;
         next.tm_sec = 0;
-        // Each call normalises its argument and leaves behind the offset from which the next resolves an ambiguous
-        // local time: neither their number nor their order is free.
+        // mktime normalises its argument and remembers the offset that it used; the next call resolves an ambiguous
+        // local time with that offset. The number and the order of the calls affect the result.
         mktime(&next);
         const time_t currentTime = mktime(&current);
         const time_t nextTime = mktime(&next);

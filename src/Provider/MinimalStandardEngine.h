@@ -4,17 +4,21 @@
 
 #include <cstdint>
 
-/// The minimal standard generator with state 1, and doubles from it as the standard library's canonical generation
-/// makes them; our own, because that generation is free to change from one standard library to the next.
+/// The minimal standard generator (multiplier 16807, modulus 2^31 - 1), seeded with 1.
+///
+/// Canonical() returns what `std::generate_canonical` of the GNU C++ library returns. It is reimplemented here because
+/// other standard libraries may compute other values.
 class MinimalStandardEngine {
 public:
-    /// @return a variate of 53 bits, at least 0 and below 1, made of two outputs.
+    /// Takes two outputs of the generator.
+    /// @return a uniform variate, at least 0 and below 1.
     constexpr double Canonical() {
         const std::uint32_t first = Next_();
         const std::uint32_t second = Next_();
         return CanonicalOf(first, second);
     }
 
+    /// @return the variate that two successive outputs give.
     static constexpr double CanonicalOf(std::uint32_t first, std::uint32_t second) {
         const double low = first - 1;
         const double high = second - 1;
@@ -24,7 +28,7 @@ public:
 
 private:
     static constexpr std::uint32_t kModulus = 2147483647;
-    static constexpr double kOutputs = 2147483646.0;  ///< how many there are: 1 to this
+    static constexpr double kOutputs = 2147483646.0;  ///< number of outputs: they are 1 to this
     static constexpr double kJustBelowOne = 0x1.fffffffffffffp-1;
 
     constexpr std::uint32_t Next_() {

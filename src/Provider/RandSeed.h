@@ -5,15 +5,16 @@
 #include <cstdint>
 #include <cstdlib>
 
-/// The state of `rand_r` for every draw of the process: the variates' and the agents'. No lock guards it.
+/// State of `rand_r` for all draws of the process, by variates and agents. Not guarded by a lock.
 extern unsigned int rand_seed;
 
-/// Draws from `rand_r`, two at a time, what uniform variates are made of. It takes the state for its scope and then
-/// leaves it where `rand_r` does.
+/// Computes the bits of two `rand_r` results at a time, as uniform variates need them.
 ///
-/// For a draw, the GNU C library goes three steps of a linear congruential generator, each of which waits for the one
-/// before. Here all six are calculated from the first state, side by side: the same to the last bit, in a fraction of
-/// the time. Any other C library is asked itself.
+/// Works on a copy of the state and writes it back when destroyed: the state is then the one that `rand_r` leaves.
+///
+/// For one result, the GNU C library takes three steps of a linear congruential generator, and each step waits for the
+/// previous one. Here all six states of two results are computed from the current state, independently of each other,
+/// which is faster and gives the same bits. With another C library, `rand_r` itself is called.
 class RandR {
 public:
     explicit RandR(unsigned int& state) : m_origin(state), m_state(state) {}
@@ -22,10 +23,11 @@ public:
     RandR(const RandR&) = delete;
     RandR& operator=(const RandR&) = delete;
 
-    /// @return 52 bits: 26 of one draw, one that is always 0, and 25 of the next draw.
+    /// @return 52 bits: the upper 26 of one result, a 0, and the upper 25 of the next result.
     std::uint64_t operator()() {
 #ifdef __GLIBC__
-        // Of the three states of a draw the bits from the 16th on: 11, 10 and 10.
+        // A result joins 11, 10 and 10 bits of three states, each from bit 16 upwards. Its lowest bits are not needed:
+        // 5 of the first result, 6 of the second.
         const std::uint64_t high = std::uint64_t{Bits_<1>(0x07FF0000)} << 25 |
                                    std::uint64_t{Bits_<2>(0x03FF0000)} << 15 | std::uint64_t{Bits_<3>(0x03E00000)} << 5;
         const std::uint32_t low = Bits_<4>(0x07FF0000) >> 2 | Bits_<5>(0x03FF0000) >> 12 | Bits_<6>(0x03C00000) >> 22;
@@ -45,6 +47,7 @@ private:
         std::uint32_t increment;
     };
 
+    /// @return the steps of the generator combined into one.
     static constexpr Jump JumpBy_(int steps) {
         Jump jump{1, 0};
         for (int i = 0; i < steps; ++i) {
@@ -54,7 +57,7 @@ private:
         return jump;
     }
 
-    /// @return the state some steps on.
+    /// @return the state after `kSteps` steps of the generator.
     template <int kSteps>
     std::uint32_t After_() const {
         constexpr Jump kJump = JumpBy_(kSteps);

@@ -13,12 +13,12 @@
 
 namespace {
 
-constexpr double kLargestDraw = 2147483647.0;  ///< of `rand_r`
-constexpr double kNothingPositiveYet = 1e-7;   ///< a highest mean reward up to this is still explored
-constexpr double kRewardScale = 100.0;         ///< how often a reward enters the Kalman mean
+constexpr double kLargestDraw = 2147483647.0;  ///< largest result of `rand_r`
+constexpr double kNothingPositiveYet = 1e-7;   ///< explores while no mean reward is above this
+constexpr double kRewardScale = 100.0;         ///< factor of a reward in the Kalman mean
 
-/// Asks for the value of every action in turn.
-/// @return the lowest action with the highest value; 0 when there is none.
+/// Calls `valueOf` once for each action, in order.
+/// @return the lowest action with the highest value; 0 if there are no actions.
 template <typename ValueOf>
 std::size_t Highest(std::size_t n, ValueOf valueOf) {
     if (n == 0) {
@@ -28,7 +28,7 @@ std::size_t Highest(std::size_t n, ValueOf valueOf) {
     auto highest = valueOf(0);
     for (std::size_t i = 1; i < n; ++i) {
         const auto value = valueOf(i);
-        // Said to be rare, so that the processor guesses the outcomes and need not wait for one value after the other.
+        // The hint makes GCC emit a branch: a conditional move would make each comparison wait for the previous one.
         if (__builtin_expect(value > highest, false)) {
             best = i;
             highest = value;
@@ -37,7 +37,7 @@ std::size_t Highest(std::size_t n, ValueOf valueOf) {
     return best;
 }
 
-/// The polar method on the minimal standard generator, which gives the same value every time.
+/// @return a normal variate by the polar method, from a new minimal standard generator: always the same value.
 double FixedNormal() {
     MinimalStandardEngine engine;
     double y = 0.0;
@@ -60,9 +60,10 @@ constexpr double FixedUniform() {
 }
 
 constexpr double kFixedUniform = FixedUniform();
-static_assert(kFixedUniform == 0.13153778773876065, "the softmax agent's draw is a promise");
+static_assert(kFixedUniform == 0.13153778773876065, "the softmax agent's draw is fixed");
 
-void RestartHostsGenerator() {
+/// Reseeds the C library's `rand`, which no agent uses. Hosts observe this, so it stays.
+void ReseedHostGenerator() {
     std::srand(static_cast<unsigned int>(std::time(nullptr)));
 }
 
@@ -85,7 +86,7 @@ EpsilonGreedyAgent::EpsilonGreedyAgent(const int& n, const double& epsilon)
 EpsilonGreedyAgent::~EpsilonGreedyAgent() = default;
 
 int EpsilonGreedyAgent::ChooseAction() {
-    RestartHostsGenerator();
+    ReseedHostGenerator();
     const double r = rand_r(&rand_seed) / kLargestDraw;
     const std::size_t best = Highest(m_vecQ.size(), [this](std::size_t i) { return m_vecQ[i]; });
     if (m_nActions > 0 && !(m_dEpsilon > r) && m_vecQ[best] > kNothingPositiveYet) {
@@ -101,7 +102,7 @@ SoftmaxAgent::SoftmaxAgent(const int& n, const double& temperature)
 SoftmaxAgent::~SoftmaxAgent() = default;
 
 int SoftmaxAgent::ChooseAction() {
-    RestartHostsGenerator();
+    ReseedHostGenerator();
     const auto weightOf = [this](double q) { return m_dTemperature > 0.0 ? std::exp(q / m_dTemperature) : 1.0; };
     double sum = 0.0;
     for (const double q : m_vecQ) {

@@ -9,14 +9,14 @@
 #include <cstring>
 #include <limits>
 
-static_assert(FLT_EVAL_METHOD == 0, "the variates are promised to the last bit: calculate in double");
+static_assert(FLT_EVAL_METHOD == 0, "variates are exact to the last bit: compute in double");
 
-/// The random variates, from any source: a call of it gives 52 bits, as RandR's do.
+/// The random variates. `draw` is the source of random bits: `draw()` returns 52 bits, as RandR does.
 ///
-/// Calls inside one expression have no order: every draw stands in a statement of its own.
+/// C++ leaves the order of calls within an expression open, so each draw is a statement by itself.
 namespace Variates {
 
-/// @return 1 + bits * 2^-52, exactly: the bits become the fraction of the number.
+/// @return 1 + bits * 2^-52, exactly: the bits are the fraction of the double.
 inline double OneToTwo(std::uint64_t bits) {
     bits |= std::uint64_t{0x3FF} << 52;
     double value = 0.0;
@@ -36,13 +36,13 @@ double Exponential(Source& draw) {
     return -std::log(1.0 - Uniform(draw));
 }
 
-/// Inline even where it is long, so that the source's state stays in a register.
+/// Always inlined, so that the state of the source stays in a register.
 template <typename Source>
 [[gnu::always_inline]] inline double Normal(Source& draw) {
     double x2 = 0.0;
     double r2 = 0.0;
     do {
-        const double x1 = OneToTwo(draw()) - 2.0;  // 2 * Uniform() - 1: no step of either rounds
+        const double x1 = OneToTwo(draw()) - 2.0;  // equals 2 * Uniform() - 1: neither expression rounds
         x2 = OneToTwo(draw()) - 2.0;
         r2 = x1 * x1 + x2 * x2;
     } while (!(r2 < 1.0 && r2 > 0.0));
@@ -96,7 +96,7 @@ double Gamma(Source& draw, double shape) {
         return Exponential(draw);
     }
     if (!(shape >= 0.0)) {
-        return std::numeric_limits<double>::quiet_NaN();  // nothing would ever be accepted
+        return std::numeric_limits<double>::quiet_NaN();  // the loop would never accept a value
     }
     return shape < 1.0 ? GammaBelowOne(draw, shape) : GammaAboveOne(draw, shape);
 }
@@ -104,7 +104,7 @@ double Gamma(Source& draw, double shape) {
 template <typename Source>
 double BetaUpToOne(Source& draw, double a, double b) {
     if (a < 0.0 || b < 0.0) {
-        return std::numeric_limits<double>::quiet_NaN();  // nothing would ever be accepted
+        return std::numeric_limits<double>::quiet_NaN();  // the loop would never accept a value
     }
     const double exponentA = 1.0 / a;
     const double exponentB = 1.0 / b;

@@ -67,7 +67,7 @@ class CuratorAgentTest : public ::testing::Test {
 protected:
     void SetUp() override { CapturedLog::Clear(); }
 
-    /// Expects one error in the log and nothing else.
+    /// Expects exactly one line in the log, an error.
     static void ExpectLogged(const char* function, const char* format, const std::string& message) {
         const std::vector<CapturedLog::Line> lines = CapturedLog::Lines();
         ASSERT_EQ(lines.size(), 1U);
@@ -83,19 +83,15 @@ protected:
     const TimeZone m_zone{"UTC"};
 };
 
-TEST_F(CuratorAgentTest, NumbersItsTypes) {
-    EXPECT_EQ(static_cast<int>(CURATOR_AGENT_MRU), 0);
-    EXPECT_EQ(static_cast<int>(CURATOR_AGENT_MFU), 1);
-    EXPECT_EQ(static_cast<int>(CURATOR_AGENT_DATE), 2);
-}
-
-TEST_F(CuratorAgentTest, IsDestroyedThroughItsBaseAndNotCopied) {
+TEST_F(CuratorAgentTest, HasAVirtualDestructorAndIsNotCopyable) {
     EXPECT_TRUE(std::has_virtual_destructor_v<CCuratorAgent>);
     EXPECT_FALSE(std::is_copy_constructible_v<CCuratorAgent>);
     EXPECT_FALSE(std::is_copy_assignable_v<CCuratorAgent>);
 }
 
-TEST_F(CuratorAgentTest, RanksNothingBeforeItHasLearnt) {
+// Ranking.
+
+TEST_F(CuratorAgentTest, RanksNothingBeforeLearning) {
     for (const ECuratorAgentType type : kKnownTypes) {
         CCuratorAgent agent(type, 10, 0);
         EXPECT_TRUE(agent.RunCurate().empty());
@@ -104,7 +100,7 @@ TEST_F(CuratorAgentTest, RanksNothingBeforeItHasLearnt) {
     EXPECT_TRUE(CapturedLog::Lines().empty());
 }
 
-TEST_F(CuratorAgentTest, RanksByTheStartOfTheRecordLearntLast) {
+TEST_F(CuratorAgentTest, RanksMRUByStartOfTheLastRecord) {
     CCuratorAgent agent(CURATOR_AGENT_MRU, 10, 0);
     agent.LearnHistory(Usage("a", 100, 5));
     agent.LearnHistory(Usage("b", 300, 1));
@@ -115,7 +111,7 @@ TEST_F(CuratorAgentTest, RanksByTheStartOfTheRecordLearntLast) {
                                                    {"d", 4294967295.0}, {"c", 200.0}, {"a", 100.0}, {"b", 50.0}}));
 }
 
-TEST_F(CuratorAgentTest, RanksByTheSecondsOfUse) {
+TEST_F(CuratorAgentTest, RanksMFUBySecondsOfUse) {
     CCuratorAgent agent(CURATOR_AGENT_MFU, 10, 0);
     agent.LearnHistory(Usage("a", 100, 5));
     agent.LearnHistory(Usage("b", 300, 8));
@@ -126,7 +122,7 @@ TEST_F(CuratorAgentTest, RanksByTheSecondsOfUse) {
               (std::vector<std::pair<std::string, double>>{{"c", 8000000000.0}, {"a", 10.0}, {"b", 8.0}}));
 }
 
-TEST_F(CuratorAgentTest, RanksByTheHourOfTheWeekThatTheClockTells) {
+TEST_F(CuratorAgentTest, RanksDateByTheCurrentHourOfTheWeek) {
     CCuratorAgent agent(CURATOR_AGENT_DATE, 10, 0);
     agent.LearnHistory(Usage("morning", kMonday20h - 12 * kHour, 600));
     agent.LearnHistory(Usage("evening", kMonday20h, 300));
@@ -141,7 +137,7 @@ TEST_F(CuratorAgentTest, RanksByTheHourOfTheWeekThatTheClockTells) {
               (std::vector<std::pair<std::string, double>>{{"morning", 60.0 + 600.0}, {"evening", 30.0}}));
 }
 
-TEST_F(CuratorAgentTest, WeighsEveryRecordByOne) {
+TEST_F(CuratorAgentTest, LearnsWithAWeightOfOne) {
     CCuratorAgent agent(CURATOR_AGENT_DATE, 10, 0);
     agent.LearnHistory(Usage("a", kMonday20h, 3600));
     EXPECT_EQ(agent.RunCurate7x24().m_listData[1][20].front().m_dScore, 360.0 + 3600.0 + 21600.0 + 39600.0);
@@ -158,7 +154,7 @@ TEST_F(CuratorAgentTest, OrdersEqualScoresByFirstAppearance) {
     EXPECT_EQ(Ids(agent.RunCurate()), (std::vector<std::string>{"e", "a", "d", "b", "c"}));
 }
 
-TEST_F(CuratorAgentTest, CutsTheRankingFromItsEnd) {
+TEST_F(CuratorAgentTest, KeepsOnlyTheHighestScores) {
     const struct {
         int maxResult;
         std::vector<std::string> ids;
@@ -187,7 +183,9 @@ TEST_F(CuratorAgentTest, CutsTheRankingFromItsEnd) {
     }
 }
 
-TEST_F(CuratorAgentTest, LearnsNoRecordThatIsTooShort) {
+// Learning.
+
+TEST_F(CuratorAgentTest, IgnoresRecordsThatAreTooShort) {
     CCuratorAgent agent(CURATOR_AGENT_MFU, 10, 30);
     agent.LearnHistory(Usage("short", 0, 29));
     agent.LearnHistory(Usage("none", 0, 0));
@@ -202,7 +200,7 @@ TEST_F(CuratorAgentTest, LearnsNoRecordThatIsTooShort) {
     EXPECT_EQ(ranking.back().m_strMetaDataSrc, "source");
 }
 
-TEST_F(CuratorAgentTest, LearnsARecordWithoutADurationWhenNoneIsRequired) {
+TEST_F(CuratorAgentTest, LearnsADurationOf0WhenTheMinimumIs0) {
     for (const ECuratorAgentType type : kKnownTypes) {
         CCuratorAgent agent(type, 10, 0);
         agent.LearnHistory(Usage("a", 0, 0));
@@ -210,7 +208,7 @@ TEST_F(CuratorAgentTest, LearnsARecordWithoutADurationWhenNoneIsRequired) {
     }
 }
 
-TEST_F(CuratorAgentTest, ComparesDurationsAsUnsignedNumbers) {
+TEST_F(CuratorAgentTest, ComparesDurationsAsUnsigned) {
     const struct {
         int minDuration;
         unsigned int tooShort;
@@ -227,7 +225,7 @@ TEST_F(CuratorAgentTest, ComparesDurationsAsUnsignedNumbers) {
     }
 }
 
-TEST_F(CuratorAgentTest, KeepsTheLatestMetadataThatIsNotEmpty) {
+TEST_F(CuratorAgentTest, KeepsTheLatestNonEmptyMetadata) {
     for (const ECuratorAgentType type : kKnownTypes) {
         CCuratorAgent agent(type, 10, 0);
         const auto expectMetadata = [&](const char* metaData, const char* metaDataSrc) {
@@ -254,7 +252,7 @@ TEST_F(CuratorAgentTest, KeepsTheLatestMetadataThatIsNotEmpty) {
     }
 }
 
-TEST_F(CuratorAgentTest, KeepsTheMetadataOfEachUnitApart) {
+TEST_F(CuratorAgentTest, KeepsMetadataPerUnit) {
     CCuratorAgent agent(CURATOR_AGENT_MFU, 10, 0);
     agent.LearnHistorys({Usage("a", 0, 2, "meta a", "source a"), Usage("b", 0, 1, "meta b", "source b")});
     const Ranking ranking = agent.RunCurate();
@@ -264,7 +262,7 @@ TEST_F(CuratorAgentTest, KeepsTheMetadataOfEachUnitApart) {
     EXPECT_EQ(ranking.back().m_strMetaDataSrc, "source b");
 }
 
-TEST_F(CuratorAgentTest, LeavesTheOtherFieldsOfAResultAtTheirDefaults) {
+TEST_F(CuratorAgentTest, LeavesOtherFieldsOfResultsAtTheirDefaults) {
     CuratorBaseData usage = Usage("a", kMonday20h, 60, "meta", "source");
     usage.SetUnitName("name");
     usage.SetUnitDeviceName("device");
@@ -292,7 +290,7 @@ TEST_F(CuratorAgentTest, LeavesTheOtherFieldsOfAResultAtTheirDefaults) {
     }
 }
 
-TEST_F(CuratorAgentTest, TellsUnitsApartByteByByte) {
+TEST_F(CuratorAgentTest, ComparesUnitIdsByteByByte) {
     const std::vector<std::string> ids = {"a",
                                           "A",
                                           "",
@@ -316,7 +314,7 @@ TEST_F(CuratorAgentTest, TellsUnitsApartByteByByte) {
     }
 }
 
-TEST_F(CuratorAgentTest, LearnsAVectorInItsOrderAndLeavesItAsItIs) {
+TEST_F(CuratorAgentTest, LearnsAVectorInOrderWithoutChangingIt) {
     const std::vector<CuratorBaseData> history = {Usage("b", 3, 1), Usage("a", 2, 1),
                                                   Usage("b", 1, 1, "meta", "source")};
     std::vector<CuratorBaseData> learnt = history;
@@ -333,7 +331,7 @@ TEST_F(CuratorAgentTest, LearnsAVectorInItsOrderAndLeavesItAsItIs) {
     }
 }
 
-TEST_F(CuratorAgentTest, LearnsAVectorAsItLearnsItsRecordsOneByOne) {
+TEST_F(CuratorAgentTest, LearnsAVectorLikeItsSingleRecords) {
     std::vector<CuratorBaseData> history(400);
     std::mt19937 random(3);
     for (CuratorBaseData& record : history) {
@@ -353,7 +351,7 @@ TEST_F(CuratorAgentTest, LearnsAVectorAsItLearnsItsRecordsOneByOne) {
     }
 }
 
-TEST_F(CuratorAgentTest, ForgetsNothingBetweenRankings) {
+TEST_F(CuratorAgentTest, KeepsScoresBetweenRankings) {
     CCuratorAgent agent(CURATOR_AGENT_MFU, 1, 0);
     agent.LearnHistory(Usage("a", 0, 5));
     agent.LearnHistory(Usage("b", 0, 4));
@@ -363,7 +361,7 @@ TEST_F(CuratorAgentTest, ForgetsNothingBetweenRankings) {
     EXPECT_EQ(IdsAndScores(agent.RunCurate()), (std::vector<std::pair<std::string, double>>{{"b", 8.0}}));
 }
 
-TEST_F(CuratorAgentTest, HandsOutRankingsThatOutliveIt) {
+TEST_F(CuratorAgentTest, ReturnsRankingsThatOutliveTheAgent) {
     Ranking ranking;
     CuratorBaseData7x24 grid;
     {
@@ -376,7 +374,9 @@ TEST_F(CuratorAgentTest, HandsOutRankingsThatOutliveIt) {
     EXPECT_EQ(Ids(grid.m_listData[0][0]), std::vector<std::string>{"a unit with a rather long name"});
 }
 
-TEST_F(CuratorAgentTest, SupportsTheWeeklyGridForTheDateTypeAlone) {
+// Types.
+
+TEST_F(CuratorAgentTest, RefusesTheWeeklyGridForOtherTypes) {
     for (const ECuratorAgentType type : {CURATOR_AGENT_MRU, CURATOR_AGENT_MFU, kUnknownTypes[0]}) {
         CCuratorAgent agent(type, 10, 10);
         agent.LearnHistory(Usage("a", kMonday20h, 60));
@@ -398,14 +398,16 @@ TEST_F(CuratorAgentTest, LogsAnUnknownTypeAndRanksNothing) {
         ExpectLogged("NewUnit_", "Error! curator agent type not found! [%d]",
                      "Error! curator agent type not found! [" + std::to_string(static_cast<int>(type)) + "]");
         agent.LearnHistorys({Usage("b", 0, 10), Usage("c", 0, 10)});
-        EXPECT_EQ(CapturedLog::Lines().size(), 3U) << "each new unit id is logged";
+        EXPECT_EQ(CapturedLog::Lines().size(), 3U) << "one line for each record";
         EXPECT_TRUE(agent.RunCurate().empty());
         agent.LearnHistory(Usage("a", 0, 10));
         EXPECT_TRUE(agent.RunCurate().empty());
     }
 }
 
-TEST_F(CuratorAgentTest, RanksEveryHourOfTheWeekByItsOwnScores) {
+// The weekly grid, and time.
+
+TEST_F(CuratorAgentTest, RanksEachHourOfTheWeekByItsScores) {
     CCuratorAgent agent(CURATOR_AGENT_DATE, 10, 0);
     agent.LearnHistory(Usage("monday", kMonday20h, 600));
     agent.LearnHistory(Usage("sunday", kMonday20h - kDay - 20 * kHour, 600));
@@ -426,7 +428,7 @@ TEST_F(CuratorAgentTest, RanksEveryHourOfTheWeekByItsOwnScores) {
     EXPECT_TRUE(CapturedLog::Lines().empty());
 }
 
-TEST_F(CuratorAgentTest, LearnsAUsageThatLastsBeyondTheLastSecond) {
+TEST_F(CuratorAgentTest, LearnsAUsageBeyondTheEndOf32BitTime) {
     const TimeZone zone("UTC");  // the last second is Tuesday, 2038-01-19 03:14:07
     CCuratorAgent agent(CURATOR_AGENT_DATE, 1, 0);
     std::vector<CuratorBaseData> history = {Usage("a", kMonday20h, 60), Usage("a", INT_MAX - 7, 60)};
@@ -437,8 +439,8 @@ TEST_F(CuratorAgentTest, LearnsAUsageThatLastsBeyondTheLastSecond) {
     EXPECT_EQ(grid.m_listData[2][3].front().m_dScore, scoreOfEither);
 }
 
-TEST_F(CuratorAgentTest, FollowsAChangeOfTheTimeZoneBetweenRecords) {
-    // The host changes the zone and does not call tzset() itself.
+TEST_F(CuratorAgentTest, FollowsATimeZoneChangeBetweenRecords) {
+    // The host changes TZ without calling tzset().
     CCuratorAgent agent(CURATOR_AGENT_DATE, 10, 0);
     agent.LearnHistory(Usage("a", kMonday20h, 60));
     const auto learnIn = [&](const char* zone, const std::string& unitId, bool asVector) {
@@ -459,10 +461,12 @@ TEST_F(CuratorAgentTest, FollowsAChangeOfTheTimeZoneBetweenRecords) {
     EXPECT_EQ(Ids(grid.m_listData[1][15]), (std::vector<std::string>{"c", "a", "d", "b"}));
 }
 
-/// The same engine without any care for speed: a list of units, a list of all of them sorted as it stands, and a cut.
-class PlainAgent {
+// Against a simple reference.
+
+/// A slow reference implementation: searches a list of units, sorts a list of all results and cuts it.
+class ReferenceAgent {
 public:
-    PlainAgent(ECuratorAgentType type, int maxResult, int minDuration)
+    ReferenceAgent(ECuratorAgentType type, int maxResult, int minDuration)
         : m_type(type), m_maxResult(maxResult), m_minDuration(minDuration) {}
 
     void Learn(const CuratorBaseData& record) {
@@ -540,7 +544,7 @@ void ExpectEqual(const Ranking& ranking, const Ranking& expected) {
 
 class RandomAgentTest : public ::testing::TestWithParam<unsigned int> {};
 
-TEST_P(RandomAgentTest, RanksAsAPlainSortedListWould) {
+TEST_P(RandomAgentTest, RanksLikeTheReference) {
     const TimeZone zone("Europe/Paris");
     std::mt19937 random(GetParam());
     const auto below = [&](unsigned int bound) { return static_cast<unsigned int>(random() % bound); };
@@ -549,23 +553,23 @@ TEST_P(RandomAgentTest, RanksAsAPlainSortedListWould) {
         const int maxResult = static_cast<int>(below(unitCount + 10)) - 2;
         const int minDuration = static_cast<int>(below(3) * 300);
         CCuratorAgent agent(type, maxResult, minDuration);
-        PlainAgent plain(type, maxResult, minDuration);
+        ReferenceAgent reference(type, maxResult, minDuration);
         for (unsigned int record = 0; record < 400; ++record) {
-            // Few durations and few starts, so that many scores are equal.
+            // Few different durations and starts, so many scores are equal.
             CuratorBaseData usage = Usage("unit " + std::to_string(below(unitCount)),
                                           kMonday20h + static_cast<int>(below(40)) * kHour * 5, below(5) * 300);
             usage.m_strMetaData = below(3) == 0 ? std::to_string(record) : "";
             usage.m_strMetaDataSrc = below(3) == 0 ? std::to_string(record) : "";
             agent.LearnHistory(usage);
-            plain.Learn(usage);
+            reference.Learn(usage);
         }
         const TestClock::Frozen clock(kMonday20h + static_cast<int>(below(1000000)));
-        ExpectEqual(agent.RunCurate(), plain.Rank());
+        ExpectEqual(agent.RunCurate(), reference.Rank());
         if (type == CURATOR_AGENT_DATE) {
             const CuratorBaseData7x24 grid = agent.RunCurate7x24();
             for (int day = 0; day < 7; ++day) {
                 for (int hour = 0; hour < 24; ++hour) {
-                    ExpectEqual(grid.m_listData[day][hour], plain.Rank(day, hour));
+                    ExpectEqual(grid.m_listData[day][hour], reference.Rank(day, hour));
                 }
             }
         }
@@ -575,7 +579,7 @@ TEST_P(RandomAgentTest, RanksAsAPlainSortedListWould) {
 
 INSTANTIATE_TEST_SUITE_P(Seeds, RandomAgentTest, ::testing::Range(1U, 9U));
 
-TEST_F(CuratorAgentTest, FindsEachOfManyUnitsAgain) {
+TEST_F(CuratorAgentTest, FindsEachOf5000Units) {
     CCuratorAgent agent(CURATOR_AGENT_MFU, INT_MAX, 0);
     for (int round = 0; round < 3; ++round) {
         for (int unit = 0; unit < 5000; ++unit) {

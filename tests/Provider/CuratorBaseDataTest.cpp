@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstdint>
 #include <iterator>
 #include <limits>
 #include <list>
@@ -36,7 +35,7 @@ Ranking Units(const std::vector<std::string>& unitIds) {
     return ranking;
 }
 
-/// A record in which every field has a value of its own.
+/// Returns a record in which every field has a different value.
 CuratorBaseData Filled() {
     CuratorBaseData record;
     record.m_strMetaData = "meta";
@@ -86,7 +85,9 @@ void ExpectDefaults(const CuratorBaseData& record) {
     EXPECT_EQ(record.GetUnitDeviceName(), "");
 }
 
-TEST(CuratorBaseDataTest, StartsWithEmptyTextsAndZeroes) {
+// Records and grids.
+
+TEST(CuratorBaseDataTest, StartsWithEmptyTextsAndZeros) {
     alignas(CuratorBaseData) unsigned char storage[sizeof(CuratorBaseData)];
     std::fill(std::begin(storage), std::end(storage), static_cast<unsigned char>(0xA5));
     auto* record = new (storage) CuratorBaseData();
@@ -94,29 +95,7 @@ TEST(CuratorBaseDataTest, StartsWithEmptyTextsAndZeroes) {
     record->~CuratorBaseData();
 }
 
-TEST(CuratorBaseDataTest, HoldsItsNumbersIn32BitsAndItsScoresInDoubles) {
-    EXPECT_TRUE((std::is_same_v<decltype(CuratorBaseData::m_nStartTime), std::int32_t>));
-    EXPECT_TRUE((std::is_same_v<decltype(CuratorBaseData::m_nAux), std::int32_t>));
-    EXPECT_TRUE((std::is_same_v<decltype(CuratorBaseData::m_nDuration), std::uint32_t>));
-    EXPECT_TRUE((std::is_same_v<decltype(CuratorBaseData::m_dScore), double>));
-    EXPECT_TRUE((std::is_same_v<decltype(CuratorBaseData::m_dAux), double[4]>));
-}
-
-TEST(CuratorBaseDataTest, LaysItsFieldsOutInTheirFixedOrder) {
-    const CuratorBaseData record;
-    const std::vector<const void*> addresses = {
-        &record,        &record.m_strMetaData, &record.m_strMetaDataSrc, &record.m_nStartTime,
-        &record.m_nAux, &record.m_nDuration,   &record.m_dScore,         &record.m_dAux[0]};
-    for (std::size_t field = 1; field < addresses.size(); ++field) {
-        EXPECT_LT(addresses[field - 1], addresses[field]) << "field " << field;
-    }
-    const auto* end = reinterpret_cast<const char*>(&record) + sizeof(record);
-    EXPECT_GE(end - reinterpret_cast<const char*>(&record.m_dAux[4]),
-              static_cast<std::ptrdiff_t>(3 * sizeof(std::string)))
-        << "the unit's id, name and device name are not behind the rest";
-}
-
-TEST(CuratorBaseDataTest, HandsOutCopiesOfItsAccessorTexts) {
+TEST(CuratorBaseDataTest, ReturnsCopiesOfNamesAndId) {
     const CuratorBaseData record = Filled();
     EXPECT_TRUE((std::is_same_v<decltype(record.GetUnitId()), std::string>));
     EXPECT_TRUE((std::is_same_v<decltype(record.GetUnitName()), std::string>));
@@ -124,7 +103,7 @@ TEST(CuratorBaseDataTest, HandsOutCopiesOfItsAccessorTexts) {
     ExpectFilled(record);
 }
 
-TEST(CuratorBaseDataTest, SetsTheAccessorTextsApartFromOneAnother) {
+TEST(CuratorBaseDataTest, SetsNamesAndIdIndependently) {
     CuratorBaseData record;
     record.SetUnitName("name");
     EXPECT_EQ(record.GetUnitId(), "");
@@ -140,7 +119,7 @@ TEST(CuratorBaseDataTest, SetsTheAccessorTextsApartFromOneAnother) {
     EXPECT_EQ(record.GetUnitId(), "");
 }
 
-TEST(CuratorBaseDataTest, CarriesEveryFieldIntoACopy) {
+TEST(CuratorBaseDataTest, CopiesAndMovesEveryField) {
     CuratorBaseData original = Filled();
     const CuratorBaseData constructed(original);
     CuratorBaseData assigned;
@@ -157,7 +136,7 @@ TEST(CuratorBaseDataTest, CarriesEveryFieldIntoACopy) {
     ExpectFilled(assigned);
 }
 
-TEST(CuratorBaseDataTest, ReturnsToTheDefaultsWhenCleared) {
+TEST(CuratorBaseDataTest, ResetsEveryFieldOnClear) {
     CuratorBaseData record = Filled();
     record.clear();
     ExpectDefaults(record);
@@ -165,7 +144,7 @@ TEST(CuratorBaseDataTest, ReturnsToTheDefaultsWhenCleared) {
     ExpectDefaults(record);
 }
 
-/// A host's record with a field of its own.
+/// A derived record with one more field.
 class HostRecord : public CuratorBaseData {
 public:
     explicit HostRecord(int* destroyed) : m_destroyed(destroyed) {}
@@ -181,7 +160,7 @@ private:
     int* m_destroyed;
 };
 
-TEST(CuratorBaseDataTest, IsClearedAndDestroyedThroughItsBase) {
+TEST(CuratorBaseDataTest, CallsDerivedClearAndDestructorThroughBase) {
     int destroyed = 0;
     auto* derived = new HostRecord(&destroyed);
     CuratorBaseData* base = derived;
@@ -194,25 +173,17 @@ TEST(CuratorBaseDataTest, IsClearedAndDestroyedThroughItsBase) {
     EXPECT_EQ(destroyed, 1);
 }
 
-TEST(CuratorBaseDataTest, KeepsClearBehindThePairOfDestructorsInItsVirtualTable) {
-    int destroyed = 0;
-    HostRecord record(&destroyed);
-    record.m_visits = 7;
-    void** table = *reinterpret_cast<void***>(&record);
-    reinterpret_cast<void (*)(CuratorBaseData*)>(table[2])(&record);
-    EXPECT_EQ(record.m_visits, 0);
-}
-
-TEST(CuratorBaseData7x24Test, HoldsAnEmptyListForEachHourOfTheWeek) {
+TEST(CuratorBaseData7x24Test, HasAnEmptyListForEachHourOfTheWeek) {
     const CuratorBaseData7x24 grid;
     EXPECT_TRUE((std::is_same_v<decltype(grid.m_listData), std::list<CuratorBaseData>[7][24]>));
-    EXPECT_EQ(sizeof(grid), sizeof(Ranking) * 7 * 24);
     for (const auto& day : grid.m_listData) {
         for (const Ranking& hour : day) {
             EXPECT_TRUE(hour.empty());
         }
     }
 }
+
+// Comparing.
 
 struct SequenceRow {
     const char* name;
@@ -226,27 +197,27 @@ const std::vector<SequenceRow>& SequenceRows() {
         {"both empty", {}, {}, true},
         {"one empty", {}, {"a"}, false},
         {"the same one", {"a"}, {"a"}, true},
-        {"another one", {"a"}, {"b"}, false},
+        {"a different one", {"a"}, {"b"}, false},
         {"the same three", {"a", "b", "c"}, {"a", "b", "c"}, true},
-        {"another order", {"a", "b", "c"}, {"a", "c", "b"}, false},
+        {"a different order", {"a", "b", "c"}, {"a", "c", "b"}, false},
         {"reversed", {"a", "b"}, {"b", "a"}, false},
-        {"another first", {"x", "b", "c"}, {"a", "b", "c"}, false},
-        {"another last", {"a", "b", "x"}, {"a", "b", "c"}, false},
+        {"a different first", {"x", "b", "c"}, {"a", "b", "c"}, false},
+        {"a different last", {"a", "b", "x"}, {"a", "b", "c"}, false},
         {"a prefix of the other", {"a", "b"}, {"a", "b", "c"}, false},
         {"the same twice", {"a", "a"}, {"a", "a"}, true},
-        {"once against twice", {"a"}, {"a", "a"}, false},
+        {"once and twice", {"a"}, {"a", "a"}, false},
         {"empty ids", {"", ""}, {"", ""}, true},
-        {"an empty id against another", {""}, {"a"}, false},
-        {"another case", {"a"}, {"A"}, false},
+        {"an empty id and another", {""}, {"a"}, false},
+        {"a different case", {"a"}, {"A"}, false},
         {"a longer id", {"a"}, {"aa"}, false},
         {"a zero byte at the end", {"a"}, {std::string("a\0", 2)}, false},
         {"equal with zero bytes", {std::string("a\0b", 3)}, {std::string("a\0b", 3)}, true},
-        {"different behind a zero byte", {std::string("a\0b", 3)}, {std::string("a\0c", 3)}, false},
+        {"different after a zero byte", {std::string("a\0b", 3)}, {std::string("a\0c", 3)}, false},
     };
     return rows;
 }
 
-TEST(IsSequenceEqualTest, ComparesListsByIdsAndTheirOrder) {
+TEST(IsSequenceEqualTest, ComparesIdsAndTheirOrder) {
     for (const SequenceRow& row : SequenceRows()) {
         SCOPED_TRACE(row.name);
         EXPECT_EQ(IsSequenceEqual(Units(row.first), Units(row.second)), row.isEqual);
@@ -254,7 +225,7 @@ TEST(IsSequenceEqualTest, ComparesListsByIdsAndTheirOrder) {
     }
 }
 
-TEST(IsSequenceEqualTest, LooksAtNothingButTheId) {
+TEST(IsSequenceEqualTest, IgnoresAllFieldsExceptTheId) {
     CuratorBaseData bare;
     bare.SetUnitId("id");
     EXPECT_TRUE(IsSequenceEqual(Ranking{Filled()}, Ranking{bare}));
@@ -263,7 +234,7 @@ TEST(IsSequenceEqualTest, LooksAtNothingButTheId) {
     EXPECT_FALSE(IsSequenceEqual(Ranking{Filled()}, Ranking{same}));
 }
 
-TEST(IsSequenceEqualTest, ComparesGridsInEveryCell) {
+TEST(IsSequenceEqualTest, ComparesEveryCellOfGrids) {
     CuratorBaseData7x24 first;
     CuratorBaseData7x24 second;
     EXPECT_TRUE(IsSequenceEqual(first, second));
@@ -281,7 +252,7 @@ TEST(IsSequenceEqualTest, ComparesGridsInEveryCell) {
     }
 }
 
-TEST(IsSequenceEqualTest, TellsTheSameListInAnotherCellApart) {
+TEST(IsSequenceEqualTest, DistinguishesCellsWithTheSameList) {
     CuratorBaseData7x24 first;
     CuratorBaseData7x24 second;
     first.m_listData[1][8] = Units({"a"});
@@ -289,13 +260,15 @@ TEST(IsSequenceEqualTest, TellsTheSameListInAnotherCellApart) {
     EXPECT_FALSE(IsSequenceEqual(first, second));
 }
 
-TEST(CuratorData2ContextDataTest, WritesIdScoreAndASourceThatIsNotEmpty) {
+// Writing a record.
+
+TEST(CuratorData2ContextDataTest, WritesIdScoreAndNonEmptySource) {
     ContextData out;
     CuratorData2ContextData(Filled(), out);
     EXPECT_STREQ(out.MakeStr(), "{\"Id\":\"id\",\"MetaDataSrc\":\"source\",\"Score\":4.5}\n");
 }
 
-TEST(CuratorData2ContextDataTest, LeavesAnEmptySourceOut) {
+TEST(CuratorData2ContextDataTest, OmitsAnEmptySource) {
     CuratorBaseData record = Filled();
     record.m_strMetaDataSrc.clear();
     ContextData out;
@@ -303,13 +276,13 @@ TEST(CuratorData2ContextDataTest, LeavesAnEmptySourceOut) {
     EXPECT_STREQ(out.MakeStr(), "{\"Id\":\"id\",\"Score\":4.5}\n");
 }
 
-TEST(CuratorData2ContextDataTest, WritesARecordWithoutAnId) {
+TEST(CuratorData2ContextDataTest, WritesAnEmptyId) {
     ContextData out;
     CuratorData2ContextData(CuratorBaseData(), out);
     EXPECT_STREQ(out.MakeStr(), "{\"Id\":\"\",\"Score\":0.0}\n");
 }
 
-TEST(CuratorData2ContextDataTest, WritesTextsAsStringsAndTheScoreAsAReal) {
+TEST(CuratorData2ContextDataTest, WritesStringsAndARealScore) {
     ContextData out;
     CuratorData2ContextData(Filled(), out);
     const Json::Value& item = *out.GetValue();
@@ -318,7 +291,7 @@ TEST(CuratorData2ContextDataTest, WritesTextsAsStringsAndTheScoreAsAReal) {
     EXPECT_EQ(item["MetaDataSrc"].type(), Json::stringValue);
 }
 
-TEST(CuratorData2ContextDataTest, KeepsTheScoreToTheLastBit) {
+TEST(CuratorData2ContextDataTest, WritesTheScoreExactly) {
     for (const double score : {0.0, 0.1, 1.0 / 3.0, -1.5, 4294967295.0, 18060.000000000004, 1e300,
                                std::numeric_limits<double>::denorm_min(), std::numeric_limits<double>::max()}) {
         ContextData out;
@@ -329,7 +302,7 @@ TEST(CuratorData2ContextDataTest, KeepsTheScoreToTheLastBit) {
     }
 }
 
-TEST(CuratorData2ContextDataTest, WritesAnyIdSoThatItCanBeReadBack) {
+TEST(CuratorData2ContextDataTest, WritesAnyIdReadably) {
     for (const std::string& id : {std::string("a\"b\\c/d\n\t\x01"), std::string("\xC3\xA9\xE2\x82\xAC\xF0\x9F\x8E\xB5"),
                                   std::string("a\0b", 3), std::string(" ")}) {
         ContextData out;
@@ -341,7 +314,9 @@ TEST(CuratorData2ContextDataTest, WritesAnyIdSoThatItCanBeReadBack) {
     }
 }
 
-/// What NotingWriter() was called with.
+// Writing results.
+
+/// Arguments of one call of RecordingWriter().
 struct WriterCall {
     const CuratorBaseData* record;
     std::string document;
@@ -350,10 +325,10 @@ struct WriterCall {
 
 std::vector<WriterCall> g_writerCalls;
 
-/// A host's writer: notes what it gets, and writes the id alone.
-void NotingWriter(const CuratorBaseData& record, ContextData& out) {
+/// A host's writer: records its arguments and writes only the id.
+void RecordingWriter(const CuratorBaseData& record, ContextData& out) {
     WriterCall call{&record, out.MakeStr(), false};
-    // A view would hand out the element, an owning document hands out the array.
+    // GetValue() of a view would return the element; of an owning document it returns the array.
     out.SetValueInArray("probe", "x");
     call.ownsItsDocument = out.GetValue("probe").GetValue()->isArray();
     out.RemoveMember("probe");
@@ -391,12 +366,12 @@ protected:
     }
 };
 
-TEST_F(CurationResult2JsonDataTest, WritesAnEmptyListAsItsSizeAlone) {
+TEST_F(CurationResult2JsonDataTest, WritesOnlyTheSizeOfAnEmptyList) {
     EXPECT_EQ(Text(Ranking()), "{\"Size\":0}\n");
     EXPECT_EQ(CurationResult2JsonData(Ranking(), WriteNothing), "{\"Size\":0}\n");
 }
 
-TEST_F(CurationResult2JsonDataTest, WritesAListInItsOrder) {
+TEST_F(CurationResult2JsonDataTest, WritesAListInOrder) {
     EXPECT_EQ(Text(Ranking{Ranked("b", 2.5)}), "{\"Size\":1,\"list\":[{\"Id\":\"b\",\"Score\":2.5}]}\n");
     EXPECT_EQ(Text(Ranking{Ranked("b", 1.0, "web"), Ranked("a", 7.25), Ranked("", 0.0), Ranked("b", 1.0)}),
               "{\"Size\":4,\"list\":["
@@ -406,16 +381,16 @@ TEST_F(CurationResult2JsonDataTest, WritesAListInItsOrder) {
               "{\"Id\":\"b\",\"Score\":1.0}]}\n");
 }
 
-TEST_F(CurationResult2JsonDataTest, CountsALongList) {
+TEST_F(CurationResult2JsonDataTest, WritesTheSizeOfALongList) {
     ContextData document;
     ASSERT_TRUE(document.MakeData(Text(Ranking(1000, Ranked("a", 1.0))).c_str()));
     EXPECT_EQ(document.GetValueUInt("Size"), 1000U);
     EXPECT_EQ(document.GetSize("list"), 1000);
 }
 
-TEST_F(CurationResult2JsonDataTest, HandsEachRecordOfAListToTheHostsWriter) {
+TEST_F(CurationResult2JsonDataTest, CallsTheWriterForEachRecordOfAList) {
     const Ranking ranking = Units({"c", "a", "b"});
-    EXPECT_EQ(CurationResult2JsonData(ranking, NotingWriter),
+    EXPECT_EQ(CurationResult2JsonData(ranking, RecordingWriter),
               "{\"Size\":3,\"list\":[{\"n\":\"c\"},{\"n\":\"a\"},{\"n\":\"b\"}]}\n");
     ASSERT_EQ(g_writerCalls.size(), ranking.size());
     auto call = g_writerCalls.begin();
@@ -427,7 +402,7 @@ TEST_F(CurationResult2JsonDataTest, HandsEachRecordOfAListToTheHostsWriter) {
     }
 }
 
-TEST_F(CurationResult2JsonDataTest, AppendsWhateverTheWriterLeavesBehind) {
+TEST_F(CurationResult2JsonDataTest, AppendsAnyValueThatTheWriterMakes) {
     Ranking ranking = Units({"a", "b"});
     ranking.front().m_nAux = 1;
     ranking.back().m_nAux = -2;
@@ -439,11 +414,11 @@ TEST_F(CurationResult2JsonDataTest, AppendsWhateverTheWriterLeavesBehind) {
               "{\"Size\":\"own\",\"list\":{\"Size\":-1,\"list\":\"b\"}}]}\n");
 }
 
-TEST_F(CurationResult2JsonDataTest, WritesAnEmptyGridAsItsSizeAlone) {
+TEST_F(CurationResult2JsonDataTest, WritesOnlyTheSizeOfAnEmptyGrid) {
     EXPECT_EQ(Text(CuratorBaseData7x24()), "{\"Size\":0}\n");
 }
 
-TEST_F(CurationResult2JsonDataTest, WrapsTheDayAndTheHourOfAGridInArraysOfOne) {
+TEST_F(CurationResult2JsonDataTest, WrapsDaysAndHoursInArraysOfOneElement) {
     CuratorBaseData7x24 grid;
     grid.m_listData[1][8] = {Ranked("a", 2.0, "web"), Ranked("b", 1.0)};
     EXPECT_EQ(Text(grid),
@@ -451,7 +426,7 @@ TEST_F(CurationResult2JsonDataTest, WrapsTheDayAndTheHourOfAGridInArraysOfOne) {
               "{\"Id\":\"a\",\"MetaDataSrc\":\"web\",\"Score\":2.0},{\"Id\":\"b\",\"Score\":1.0}]}]}],\"Size\":1}\n");
 }
 
-TEST_F(CurationResult2JsonDataTest, CountsTheDaysOfAGridNotItsHoursOrRecords) {
+TEST_F(CurationResult2JsonDataTest, CountsOnlyTheDaysOfAGrid) {
     CuratorBaseData7x24 grid;
     grid.m_listData[0][0] = {Ranked("a", 1.0)};
     grid.m_listData[0][9] = {Ranked("b", 1.0), Ranked("c", 0.5)};
@@ -466,7 +441,7 @@ TEST_F(CurationResult2JsonDataTest, CountsTheDaysOfAGridNotItsHoursOrRecords) {
               "\"9\":[{\"Size\":2,\"list\":[{\"Id\":\"b\",\"Score\":1.0},{\"Id\":\"c\",\"Score\":0.5}]}]}]}\n");
 }
 
-TEST_F(CurationResult2JsonDataTest, NamesEveryDayAndHourOfAGrid) {
+TEST_F(CurationResult2JsonDataTest, WritesEveryDayAndHourKey) {
     const char* const days[7] = {"Sun", "Mon", "Tue", "Wed", "Thu", "Fri", "Sat"};
     for (int day = 0; day < 7; ++day) {
         for (int hour = 0; hour < 24; ++hour) {
@@ -474,7 +449,7 @@ TEST_F(CurationResult2JsonDataTest, NamesEveryDayAndHourOfAGrid) {
             grid.m_listData[day][hour] = Units({"a"});
             const std::string item = "[{\"" + std::to_string(hour) + "\":[{\"Size\":1,\"list\":[null]}]}]";
             const std::string dayMember = "\"" + std::string(days[day]) + "\":" + item;
-            // Members are in the order of their names, and "Sun" alone comes behind "Size" with "Thu", "Tue" and "Wed".
+            // Members are sorted by name: "Sun", "Thu", "Tue" and "Wed" come after "Size".
             const bool isBeforeSize = std::string(days[day]) < "Size";
             EXPECT_EQ(CurationResult2JsonData(grid, WriteNothing),
                       isBeforeSize ? "{" + dayMember + ",\"Size\":1}\n" : "{\"Size\":1," + dayMember + "}\n");
@@ -498,7 +473,7 @@ TEST_F(CurationResult2JsonDataTest, WritesAFullGrid) {
     for (int day = 0; day < 7; ++day) {
         ASSERT_EQ(document.GetSize(days[day]), 1);
         ContextData dayDocument = document.GetValue(days[day], 0);
-        EXPECT_EQ(dayDocument.GetValue()->size(), 24U) << "a day has a member for each hour, and no size";
+        EXPECT_EQ(dayDocument.GetValue()->size(), 24U) << "a day has one member for each hour and no size";
         for (int hour = 0; hour < 24; ++hour) {
             const std::string key = std::to_string(hour);
             ASSERT_EQ(dayDocument.GetSize(key.c_str()), 1);
@@ -510,12 +485,12 @@ TEST_F(CurationResult2JsonDataTest, WritesAFullGrid) {
     }
 }
 
-TEST_F(CurationResult2JsonDataTest, HandsEachRecordOfAGridToTheHostsWriter) {
+TEST_F(CurationResult2JsonDataTest, CallsTheWriterForEachRecordOfAGrid) {
     CuratorBaseData7x24 grid;
     grid.m_listData[3][5] = Units({"d", "c"});
     grid.m_listData[0][7] = Units({"a"});
     grid.m_listData[3][4] = Units({"b"});
-    EXPECT_EQ(CurationResult2JsonData(grid, NotingWriter),
+    EXPECT_EQ(CurationResult2JsonData(grid, RecordingWriter),
               "{\"Size\":2,"
               "\"Sun\":[{\"7\":[{\"Size\":1,\"list\":[{\"n\":\"a\"}]}]}],"
               "\"Wed\":[{\"4\":[{\"Size\":1,\"list\":[{\"n\":\"b\"}]}],"
@@ -531,7 +506,7 @@ TEST_F(CurationResult2JsonDataTest, HandsEachRecordOfAGridToTheHostsWriter) {
     }
 }
 
-TEST_F(CurationResult2JsonDataTest, KeepsTheIdsOfTheWritersOwnItemsApartFromTheGrids) {
+TEST_F(CurationResult2JsonDataTest, KeepsMembersOfItemsWithTheKeysOfTheGrid) {
     CuratorBaseData7x24 grid;
     grid.m_listData[5][0] = Units({"a"});
     EXPECT_EQ(CurationResult2JsonData(grid, WriteANestedItem),

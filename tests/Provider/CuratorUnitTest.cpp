@@ -26,6 +26,8 @@ namespace {
 
 using Surroundings::TimeZone;
 
+constexpr unsigned int kCap = CCuratorDateUnit::kMaxLearntSeconds;
+
 enum Day { kSunday, kMonday, kTuesday, kWednesday, kThursday, kFriday, kSaturday };
 
 CuratorBaseData Usage(int startTime, unsigned int duration) {
@@ -36,7 +38,7 @@ CuratorBaseData Usage(int startTime, unsigned int duration) {
     return record;
 }
 
-/// The sums of a date unit.
+/// The accumulated seconds of a date unit.
 struct Sums {
     double total = 0.0;
     double hour[24] = {};
@@ -70,7 +72,7 @@ std::ostream& operator<<(std::ostream& out, const Sums& sums) {
     return out;
 }
 
-/// A unit whose protected side lies open.
+/// Makes the protected members of a unit public.
 template <class Unit>
 class Open : public Unit {
 public:
@@ -100,11 +102,11 @@ public:
     }
 };
 
-/// How a usage is split, step by step, without any short cut. Steps that the calendar does not advance end it: the
-/// rest goes to the current hour.
-/// @return whether it ended by itself.
-bool SplitStepByStep(const CuratorBaseData& record, double weight, Sums& sums) {
-    double remaining = record.m_nDuration < 12000U ? record.m_nDuration : 12000U;
+/// Splits a usage with calendar calls for every step. A step that does not advance the time ends the loop; the rest is
+/// then credited to the current hour.
+/// @return false if such a step ended the loop.
+bool SplitByCalendar(const CuratorBaseData& record, double weight, Sums& sums) {
+    double remaining = std::min(record.m_nDuration, kCap);
     const time_t start = record.m_nStartTime;
     tm tm1{};
     localtime_r(&start, &tm1);
@@ -149,6 +151,8 @@ struct CuratorUnitTest : public ::testing::Test {};
 using AllUnits = ::testing::Types<CCuratorMRUUnit, CCuratorMFUUnit, CCuratorDateUnit>;
 TYPED_TEST_SUITE(CuratorUnitTest, AllUnits, UnitName);
 
+// All units.
+
 TYPED_TEST(CuratorUnitTest, StartsWithItsIdAndAScoreOfZero) {
     for (const std::string& id : {std::string("unit"), std::string(), std::string("a\0b", 3)}) {
         Open<TypeParam> unit(id);
@@ -162,7 +166,7 @@ TYPED_TEST(CuratorUnitTest, StartsWithItsIdAndAScoreOfZero) {
     }
 }
 
-TYPED_TEST(CuratorUnitTest, AccumulatesNumbersAloneAndLeavesTheTextsToTheAgent) {
+TYPED_TEST(CuratorUnitTest, IgnoresTheIdAndMetadataOfARecord) {
     Open<TypeParam> unit("unit");
     CuratorBaseData record = Usage(1000, 10);
     record.SetUnitId("another unit");
@@ -172,10 +176,10 @@ TYPED_TEST(CuratorUnitTest, AccumulatesNumbersAloneAndLeavesTheTextsToTheAgent) 
     EXPECT_EQ(unit.m_strUnitId, "unit");
     EXPECT_EQ(unit.m_strMetaData, "");
     EXPECT_EQ(unit.m_strMetaDataSrc, "");
-    EXPECT_GT(unit.m_dScore, 0.0) << "a record of another id is learnt all the same";
+    EXPECT_GT(unit.m_dScore, 0.0) << "a record with a different id was not learnt";
 }
 
-TYPED_TEST(CuratorUnitTest, WorksThroughItsBase) {
+TYPED_TEST(CuratorUnitTest, WorksThroughItsBaseClass) {
     const TimeZone zone("UTC");
     std::unique_ptr<CCuratorBaseUnit> unit = std::make_unique<TypeParam>("unit");
     EXPECT_TRUE(std::has_virtual_destructor_v<CCuratorBaseUnit>);
@@ -187,40 +191,7 @@ TYPED_TEST(CuratorUnitTest, WorksThroughItsBase) {
     EXPECT_EQ(unit->GetScore(), at8);
 }
 
-TYPED_TEST(CuratorUnitTest, HasItsFieldsInTheirFixedOrder) {
-    const Open<TypeParam> unit("unit");
-    const std::vector<const void*> addresses = {&unit, &unit.m_strUnitId, &unit.m_strMetaDataSrc, &unit.m_strMetaData,
-                                                &unit.m_dScore};
-    for (std::size_t field = 1; field < addresses.size(); ++field) {
-        EXPECT_LT(addresses[field - 1], addresses[field]) << "field " << field;
-    }
-}
-
-/// Answers each virtual operation with a number of its own.
-class NumberedUnit : public CCuratorBaseUnit {
-public:
-    NumberedUnit() : CCuratorBaseUnit("unit") {}
-    void LearnHistory(const CuratorBaseData& record, double weight) override {
-        m_dScore = weight + record.m_nStartTime;
-    }
-    double GetScore() override { return m_dScore; }
-    double GetScore(const int& dayOfWeek, const int& hour) override { return 100.0 * dayOfWeek + hour; }
-};
-
-TEST(CuratorBaseUnitTest, KeepsItsOperationsInTheirFixedSlots) {
-    NumberedUnit unit;
-    void** table = *reinterpret_cast<void***>(&unit);  // behind the pair of destructors
-    const CuratorBaseData record = Usage(7, 0);
-    using Learn = void (*)(CCuratorBaseUnit*, const CuratorBaseData&, double);
-    reinterpret_cast<Learn>(table[2])(&unit, record, 0.5);
-    EXPECT_EQ(reinterpret_cast<double (*)(CCuratorBaseUnit*)>(table[3])(&unit), 7.5);
-    using ScoreAt = double (*)(CCuratorBaseUnit*, const int&, const int&);
-    EXPECT_EQ(reinterpret_cast<ScoreAt>(table[4])(&unit, 3, 21), 321.0);
-}
-
-TYPED_TEST(WithoutWeekTest, AddsNoFields) {
-    EXPECT_EQ(sizeof(TypeParam), sizeof(CCuratorBaseUnit));
-}
+// MRU and MFU units.
 
 TYPED_TEST(WithoutWeekTest, ScoresTheSameAtAnyHour) {
     Open<TypeParam> unit("unit");
@@ -246,7 +217,7 @@ TYPED_TEST(WithoutWeekTest, IgnoresTheWeight) {
     }
 }
 
-TEST(CuratorMRUUnitTest, ScoresTheRecordLearntLastEvenWhenItIsOlder) {
+TEST(CuratorMRUUnitTest, ScoresTheLastRecordEvenIfItIsOlder) {
     CCuratorMRUUnit unit("unit");
     unit.LearnHistory(Usage(2000, 5), 1.0);
     EXPECT_EQ(unit.GetScore(), 2000.0);
@@ -256,7 +227,7 @@ TEST(CuratorMRUUnitTest, ScoresTheRecordLearntLastEvenWhenItIsOlder) {
     EXPECT_EQ(unit.GetScore(), 0.0);
 }
 
-TEST(CuratorMRUUnitTest, ReadsTheStartAsAnUnsignedNumber) {
+TEST(CuratorMRUUnitTest, ReadsTheStartAsUnsigned) {
     const struct {
         int startTime;
         double score;
@@ -269,7 +240,7 @@ TEST(CuratorMRUUnitTest, ReadsTheStartAsAnUnsignedNumber) {
     }
 }
 
-TEST(CuratorMFUUnitTest, ScoresTheSecondsOfUseNotTheUses) {
+TEST(CuratorMFUUnitTest, ScoresSecondsNotRecords) {
     CCuratorMFUUnit often("often");
     CCuratorMFUUnit once("once");
     for (int use = 0; use < 10; ++use) {
@@ -282,41 +253,30 @@ TEST(CuratorMFUUnitTest, ScoresTheSecondsOfUseNotTheUses) {
     EXPECT_EQ(often.GetScore(), 50.0);
 }
 
-TEST(CuratorMFUUnitTest, SumsUnsignedDurationsBeyond32BitsAndWithoutACap) {
+TEST(CuratorMFUUnitTest, SumsUncappedDurationsBeyond32Bits) {
     CCuratorMFUUnit unit("unit");
-    unit.LearnHistory(Usage(0, 12001), 1.0);
-    EXPECT_EQ(unit.GetScore(), 12001.0);
+    unit.LearnHistory(Usage(0, kCap + 1), 1.0);
+    EXPECT_EQ(unit.GetScore(), kCap + 1.0);
     unit.LearnHistory(Usage(0, UINT_MAX), 1.0);
-    EXPECT_EQ(unit.GetScore(), 4294979296.0);
+    EXPECT_EQ(unit.GetScore(), kCap + 1.0 + 4294967295.0);
     unit.LearnHistory(Usage(0, 2147483648U), 1.0);
-    EXPECT_EQ(unit.GetScore(), 6442462944.0);
+    EXPECT_EQ(unit.GetScore(), kCap + 1.0 + 4294967295.0 + 2147483648.0);
 }
+
+// Date units: splitting a usage.
 
 TEST(CuratorDateUnitTest, StartsEmptyWithTheFourWeights) {
     OpenDateUnit unit;
     EXPECT_EQ(unit.Read(), Sums());
     EXPECT_EQ(std::vector<double>(std::begin(unit.m_dWeight), std::end(unit.m_dWeight)),
               (std::vector<double>{0.1, 1.0, 6.0, 11.0}));
-    unit.LearnHistory(Usage(0, 12000), 1.0);
+    unit.LearnHistory(Usage(0, 3600), 1.0);
     unit.GetScore();
     EXPECT_EQ(std::vector<double>(std::begin(unit.m_dWeight), std::end(unit.m_dWeight)),
               (std::vector<double>{0.1, 1.0, 6.0, 11.0}));
 }
 
-TEST(CuratorDateUnitTest, AddsItsSumsBehindTheBaseInTheirFixedOrder) {
-    const OpenDateUnit unit;
-    EXPECT_TRUE((std::is_same_v<decltype(OpenDateUnit::m_dHour), double[24]>));
-    EXPECT_TRUE((std::is_same_v<decltype(OpenDateUnit::m_dDay), double[7]>));
-    EXPECT_TRUE((std::is_same_v<decltype(OpenDateUnit::m_dDayHour), double[7][24]>));
-    EXPECT_TRUE((std::is_same_v<decltype(OpenDateUnit::m_dWeight), double[4]>));
-    EXPECT_EQ(sizeof(CCuratorDateUnit), sizeof(CCuratorBaseUnit) + (24 + 7 + 7 * 24 + 4) * sizeof(double));
-    EXPECT_LT(&unit.m_dScore, &unit.m_dHour[0]);
-    EXPECT_LT(&unit.m_dHour[0], &unit.m_dDay[0]);
-    EXPECT_LT(&unit.m_dDay[0], &unit.m_dDayHour[0][0]);
-    EXPECT_LT(&unit.m_dDayHour[0][0], &unit.m_dWeight[0]);
-}
-
-/// A usage, and the seconds that its hours of the week get.
+/// A usage and the seconds expected in each hour of the week.
 struct SplitRow {
     const char* name;
     const char* zone;
@@ -351,7 +311,7 @@ void ExpectSplits(const std::vector<SplitRow>& rows) {
     }
 }
 
-TEST(CuratorDateUnitTest, SplitsAUsageAtTheFullHoursOfLocalTime) {
+TEST(CuratorDateUnitTest, SplitsAUsageAtFullHoursOfLocalTime) {
     constexpr int kMonday20h = 1609790400;    // 2021-01-04 20:00 UTC
     constexpr int kSaturday23h = 1610233200;  // 2021-01-09 23:00 UTC
     const std::vector<SplitRow> rows = {
@@ -427,48 +387,48 @@ TEST(CuratorDateUnitTest, SplitsAUsageAtTheFullHoursOfLocalTime) {
     ExpectSplits(rows);
 }
 
-TEST(CuratorDateUnitTest, CreditsTheRestToTheCurrentHourWhereTheCalendarKnowsNoNextOne) {
-    // The full hour is left out on days whose standard time moves forward, and the daylight flag does not tell.
+TEST(CuratorDateUnitTest, CreditsTheRestWithoutANextHourToTheCurrentOne) {
+    // Standard time moves forward over the full hour, and the daylight-saving flag does not change.
     const std::vector<SplitRow> rows = {
         {"within the hour", "Europe/Moscow", 1301180400 - 1800, 60, {{kSunday, 1, 60}}},
         {"over the change", "Europe/Moscow", 1301180400 - 1800, 3600, {{kSunday, 1, 3600}}},
-        {"capped", "Europe/Moscow", 1301180400 - 1800, 20000, {{kSunday, 1, 12000}}},
+        {"capped", "Europe/Moscow", 1301180400 - 1800, 20000, {{kSunday, 1, kCap}}},
         {"from the hour before", "Europe/Moscow", 1301180400 - 5400, 7200, {{kSunday, 0, 1800}, {kSunday, 1, 5400}}},
-        {"a day left out", "Pacific/Kiritimati", 788868000 - 60, 120, {{kFriday, 23, 120}}},
+        {"a skipped day", "Pacific/Kiritimati", 788868000 - 60, 120, {{kFriday, 23, 120}}},
     };
     ExpectSplits(rows);
 }
 
-TEST(CuratorDateUnitTest, LearnsUpToTheLatestStart) {
-    // The last second is Tuesday, 2038-01-19 03:14:07; behind it, 32 bits hold no next full hour.
+TEST(CuratorDateUnitTest, LearnsStartsUpToTheEndOf32BitTime) {
+    // The last second is Tuesday, 2038-01-19 03:14:07 UTC; 32 bits cannot hold the next full hour.
     constexpr bool kIsTimeShort = sizeof(time_t) == 4;
     using Parts = decltype(SplitRow::parts);
     const std::vector<SplitRow> rows = {
         {"within the hour", "UTC", INT_MAX - 7, 60, {{kTuesday, 3, 60}}},
         {"over the hour", "UTC", INT_MAX, 4000,
          kIsTimeShort ? Parts{{kTuesday, 3, 4000}} : Parts{{kTuesday, 3, 2753}, {kTuesday, 4, 1247}}},
-        {"from the hour before", "UTC", INT_MAX - 3600, 12000,
-         kIsTimeShort ? Parts{{kTuesday, 2, 2753}, {kTuesday, 3, 9247}}
-                      : Parts{{kTuesday, 2, 2753}, {kTuesday, 3, 3600}, {kTuesday, 4, 3600}, {kTuesday, 5, 2047}}},
+        {"from the hour before", "UTC", INT_MAX - 3600, 10000,
+         kIsTimeShort ? Parts{{kTuesday, 2, 2753}, {kTuesday, 3, 7247}}
+                      : Parts{{kTuesday, 2, 2753}, {kTuesday, 3, 3600}, {kTuesday, 4, 3600}, {kTuesday, 5, 47}}},
         {"a zone half an hour off", "Asia/Kolkata", INT_MAX, 1000,
          kIsTimeShort ? Parts{{kTuesday, 8, 1000}} : Parts{{kTuesday, 8, 953}, {kTuesday, 9, 47}}},
     };
     ExpectSplits(rows);
 }
 
-TEST(CuratorDateUnitTest, AccumulatesOverItsRecords) {
+TEST(CuratorDateUnitTest, AccumulatesRecords) {
     const TimeZone zone("UTC");
     OpenDateUnit unit;
     Sums expected;
     for (int record = 0; record < 500; ++record) {
         const CuratorBaseData usage = Usage(1609790400 + record * 4321, static_cast<unsigned int>(record * 31));
-        EXPECT_TRUE(SplitStepByStep(usage, 1.0, expected));
+        EXPECT_TRUE(SplitByCalendar(usage, 1.0, expected));
         unit.LearnHistory(usage, 1.0);
         ASSERT_EQ(unit.Read(), expected);
     }
 }
 
-TEST(CuratorDateUnitTest, WeighsEachPieceAndAddsThePiecesInOrder) {
+TEST(CuratorDateUnitTest, WeighsPiecesAndAddsThemInOrder) {
     const TimeZone zone("Europe/Paris");
     for (const double weight : {0.1, 1.0 / 3.0, 0.7, 2.5, 0.0, -1.0, 1e15 + 0.3}) {
         OpenDateUnit unit;
@@ -477,12 +437,14 @@ TEST(CuratorDateUnitTest, WeighsEachPieceAndAddsThePiecesInOrder) {
         for (int record = 0; record < 300; ++record) {
             const CuratorBaseData usage =
                 Usage(1609790400 + static_cast<int>(random() % 2000000), static_cast<unsigned int>(random() % 13000));
-            SplitStepByStep(usage, weight, expected);
+            SplitByCalendar(usage, weight, expected);
             unit.LearnHistory(usage, weight);
             ASSERT_EQ(unit.Read(), expected) << "weight " << weight << ", record " << record;
         }
     }
 }
+
+// Date units: splitting at changes of the clock.
 
 /// A zone and a moment at which its clock changes.
 struct ChangeRow {
@@ -509,7 +471,7 @@ const ChangeRow kChanges[] = {
     {"Australia/Lord_Howe", 1633188600, 37800, 39600},
     {"Antarctica/Troll", 1616893200, 0, 7200},
     {"Antarctica/Troll", 1635642000, 7200, 0},
-    // from hours that are no multiple of ours
+    // offsets that are not full hours
     {"Asia/Kolkata", -872058600, 23400, 19800},
     {"Asia/Kolkata", -862637400, 19800, 23400},
     {"Asia/Kathmandu", 504901800, 19800, 20700},
@@ -519,13 +481,13 @@ const ChangeRow kChanges[] = {
     {"America/St_Johns", 594178260, -5400, -12600},
     {"America/St_Johns", 1268537460, -12600, -9000},
     {"America/St_Johns", 1289097060, -9000, -12600},
-    // a day left out
+    // a day is skipped
     {"Pacific/Apia", 1325239200, -36000, 50400},
     {"Pacific/Apia", 1333202400, 50400, 46800},
     {"Pacific/Kiritimati", 788868000, -36000, 50400},
-    // the daylight flag changes without the offset
+    // the daylight-saving flag changes, the offset does not
     {"Europe/Moscow", 670374000, 10800, 10800},
-    // the offset changes without the daylight flag
+    // the offset changes, the daylight-saving flag does not
     {"Europe/Moscow", 695779200, 7200, 10800},
     {"Europe/Moscow", 1301180400, 10800, 14400},
     {"Europe/Moscow", 1414274400, 14400, 10800},
@@ -533,7 +495,7 @@ const ChangeRow kChanges[] = {
     {"America/Caracas", 1462086000, -16200, -14400},
     {"Asia/Pyongyang", 1439564400, 32400, 30600},
     {"Asia/Pyongyang", 1525446000, 30600, 32400},
-    // daylight time is behind standard time
+    // negative daylight saving
     {"Africa/Casablanca", 1557021600, 3600, 0},
     {"Africa/Casablanca", 1560045600, 0, 3600},
     {"Europe/Dublin", 1616893200, 0, 3600},
@@ -543,7 +505,7 @@ const ChangeRow kChanges[] = {
     {"AAA0BBB,M3.2.0/2:30,M11.1.0/2:30", 1636248600, 3600, 0},
     {"AAA0BBB-0:15,M3.2.0/2:50,M11.1.0/3:05", 1615690200, 0, 900},
     {"AAA0BBB-0:15,M3.2.0/2:50,M11.1.0/3:05", 1636253400, 900, 0},
-    // nothing changes, or what changes is the year and the number's sign
+    // no change of the clock: the turn of a year, and the epoch
     {"UTC", 1609459200, 0, 0},
     {"UTC", 0, 0, 0},
     {"Asia/Kolkata", 1609459200, 19800, 19800},
@@ -565,35 +527,35 @@ protected:
     const TimeZone m_zone{GetParam().zone};
 };
 
-TEST_P(CuratorDateUnitAroundTest, SplitsEveryUsageAsTheCalendarDoesStepByStep) {
+TEST_P(CuratorDateUnitAroundTest, SplitsEveryUsageLikeTheCalendar) {
     constexpr int kSpan = 5 * 3600;
     for (int distance = -kSpan; distance <= kSpan; distance += 300) {
         for (const int seconds : {-1, 0, 1, 137}) {
             for (const unsigned int duration :
-                 {1U, 59U, 60U, 599U, 1800U, 3599U, 3600U, 3601U, 7200U, 11999U, 12000U, 20000U}) {
+                 {1U, 59U, 60U, 599U, 1800U, 3599U, 3600U, 3601U, 7200U, kCap - 1, kCap, kCap + 8000}) {
                 const CuratorBaseData usage = Usage(GetParam().change + distance + seconds, duration);
                 Sums expected;
-                SplitStepByStep(usage, 1.0, expected);
+                SplitByCalendar(usage, 1.0, expected);
                 OpenDateUnit unit;
                 unit.LearnHistory(usage, 1.0);
                 ASSERT_EQ(unit.Read(), expected) << "start " << usage.m_nStartTime << ", duration " << duration;
-                ASSERT_EQ(unit.m_dScore, std::min(duration, 12000U)) << "start " << usage.m_nStartTime;
+                ASSERT_EQ(unit.m_dScore, std::min(duration, kCap)) << "start " << usage.m_nStartTime;
             }
         }
     }
 }
 
-TEST_P(CuratorDateUnitAroundTest, SplitsAWholeHistoryAsTheCalendarDoesStepByStep) {
+TEST_P(CuratorDateUnitAroundTest, SplitsAHistoryLikeTheCalendar) {
     std::mt19937 random(static_cast<std::mt19937::result_type>(GetParam().change));
     std::vector<CuratorBaseData> history;
     for (int record = 0; record < 3000; ++record) {
-        const int span = record % 2 == 0 ? 6 * 3600 : 5000000;  // close to the change, and all around it
+        const int span = record % 2 == 0 ? 6 * 3600 : 5000000;  // near the change, and further away
         history.push_back(Usage(GetParam().change - span + static_cast<int>(random()) % span + span / 2,
                                 static_cast<unsigned int>(random() % (record % 3 == 0 ? 600 : 13000))));
     }
     Sums expected;
     for (const CuratorBaseData& usage : history) {
-        SplitStepByStep(usage, 0.1, expected);
+        SplitByCalendar(usage, 0.1, expected);
     }
     OpenDateUnit unit;
     for (const CuratorBaseData& usage : history) {
@@ -613,24 +575,26 @@ INSTANTIATE_TEST_SUITE_P(EachChange, CuratorDateUnitAroundTest, ::testing::Value
                              return identifier;
                          });
 
-TEST(CuratorDateUnitTest, SplitsTheFirstAndTheLastStartsAsTheCalendarDoesStepByStep) {
+TEST(CuratorDateUnitTest, SplitsExtremeStartsLikeTheCalendar) {
     for (const char* name : {"UTC", "America/New_York", "Pacific/Kiritimati", "Asia/Kolkata"}) {
         const TimeZone zone(name);
         for (int distance = 0; distance < 13000; distance += 61) {
             for (const int startTime : {INT_MAX - distance, INT_MIN + distance, -distance, distance}) {
-                for (const unsigned int duration : {1U, 60U, 3599U, 3600U, 12000U, UINT_MAX}) {
+                for (const unsigned int duration : {1U, 60U, 3599U, 3600U, kCap, UINT_MAX}) {
                     const CuratorBaseData usage = Usage(startTime, duration);
                     Sums expected;
-                    SplitStepByStep(usage, 1.0, expected);
+                    SplitByCalendar(usage, 1.0, expected);
                     OpenDateUnit unit;
                     unit.LearnHistory(usage, 1.0);
                     ASSERT_EQ(unit.Read(), expected) << name << ", start " << startTime << ", duration " << duration;
-                    ASSERT_EQ(unit.m_dScore, std::min(duration, 12000U));
+                    ASSERT_EQ(unit.m_dScore, std::min(duration, kCap));
                 }
             }
         }
     }
 }
+
+// Date units: scoring.
 
 TEST(CuratorDateUnitTest, WeighsTotalHourDayAndHourOfWeek) {
     OpenDateUnit unit;
@@ -644,7 +608,7 @@ TEST(CuratorDateUnitTest, WeighsTotalHourDayAndHourOfWeek) {
     EXPECT_EQ(unit.GetScore(3, 6), 100.0);
 }
 
-TEST(CuratorDateUnitTest, AddsTheTermsOfTheScoreInTheirOrder) {
+TEST(CuratorDateUnitTest, AddsTheTermsOfTheScoreInOrder) {
     std::mt19937 random(11);
     std::uniform_real_distribution<double> seconds(0.0, 1e6);
     OpenDateUnit unit;
@@ -676,7 +640,7 @@ TEST(CuratorDateUnitTest, AddsTheTermsOfTheScoreInTheirOrder) {
     }
 }
 
-/// Notes the hour of the week for which it is asked.
+/// Records the hours of the week for which it is asked.
 class AskedUnit : public CCuratorDateUnit {
 public:
     AskedUnit() : CCuratorDateUnit("unit") {}
@@ -689,7 +653,7 @@ public:
     std::vector<std::pair<int, int>> m_asked;
 };
 
-TEST(CuratorDateUnitTest, ScoresNowAsTheHourOfTheWeekThatTheClockTells) {
+TEST(CuratorDateUnitTest, ScoresTheCurrentHourOfTheWeekByDefault) {
     const struct {
         const char* zone;
         time_t now;
@@ -714,7 +678,7 @@ TEST(CuratorDateUnitTest, ScoresNowAsTheHourOfTheWeekThatTheClockTells) {
     }
 }
 
-TEST(CuratorDateUnitTest, ScoresNowWithTheStatedWeights) {
+TEST(CuratorDateUnitTest, ScoresTheCurrentHourWithTheWeights) {
     const TimeZone zone("UTC");
     CCuratorDateUnit unit("unit");
     unit.LearnHistory(Usage(1609790400, 3600), 1.0);         // Monday 20:00
@@ -729,6 +693,23 @@ TEST(CuratorDateUnitTest, ScoresNowWithTheStatedWeights) {
     EXPECT_EQ(scoreAt(1609790400 + 86400), 420.0 + 4200.0 + 3600.0 + 6600.0);
     EXPECT_EQ(scoreAt(1609790400 + 2 * 86400), 420.0 + 4200.0);
     EXPECT_EQ(scoreAt(1609790400 + 2 * 86400 + 3600), 420.0);
+}
+
+TEST(CuratorDateUnitTest, LeavesTheStaticBufferOfLocaltimeAlone) {
+    const TimeZone zone("UTC");
+    const time_t moment = 1609790400;  // 2021-01-04 20:00
+    const tm* buffer = localtime(&moment);
+    const auto buffered = [buffer] {
+        tm copy = *buffer;
+        return timegm(&copy);
+    };
+    CCuratorDateUnit unit("unit");
+    unit.LearnHistory(Usage(0, 60), 1.0);
+    EXPECT_EQ(buffered(), moment) << "learnt within an hour";
+    unit.LearnHistory(Usage(3599, 7200), 1.0);
+    EXPECT_EQ(buffered(), moment) << "learnt across hours";
+    unit.GetScore();
+    EXPECT_EQ(buffered(), moment) << "scored";
 }
 
 TEST(CuratorDateUnitTest, LogsNothing) {

@@ -24,12 +24,12 @@
 
 namespace {
 
-constexpr int kLargest = 2147483647;  ///< of rand_r
+constexpr int kLargest = 2147483647;  ///< largest result of rand_r
 constexpr double kNotANumber = std::numeric_limits<double>::quiet_NaN();
 
-// The vectors were made with the logarithms and powers of the GNU C library, which on x86 come out the same with 32 and
-// 64 bits, with and without fused multiply-add: there they hold to the last bit. Elsewhere each of these functions is
-// only as good as one unit of the last place, and a variate takes a few of them.
+// The vectors were made with log and pow of the GNU C library. Its results are identical on all x86 processors, with 32
+// and 64 bits, so the vectors are exact there. Elsewhere each function may be off by one unit in the last place, and a
+// variate calls a few of them.
 #if (defined(__x86_64__) || defined(__i386__)) && defined(__GLIBC__)
 constexpr std::int64_t kLastPlaces = 0;
 #else
@@ -42,7 +42,7 @@ std::int64_t Bits(double value) {
     return bits;
 }
 
-/// Gives chosen uniform variates instead of drawing; more than those throws.
+/// A source of bits that returns chosen uniform variates, and throws after the last one.
 class Script {
 public:
     Script(std::initializer_list<double> uniforms) : m_uniforms(uniforms) {}
@@ -56,10 +56,10 @@ private:
     std::size_t m_taken = 0;
 };
 
-/// What comes of two draws of all ones.
+/// The uniform variate from two draws of all ones.
 constexpr double kHighest = 0.5 - (0x1p-27 - 0x1p-28) - 0x1p-53;
 
-/// What comes of two draws.
+/// The uniform variate from two draws.
 double UniformOf(int first, int second) {
     return (static_cast<double>(first >> 5) * 67108864.0 + static_cast<double>(second >> 6)) * 1.1102230246251565e-16;
 }
@@ -70,7 +70,7 @@ protected:
 
     using Variate = std::function<double(const std::vector<double>& parameters)>;
 
-    /// Draws every series of a name anew; the draws must be exactly as many, and so must end in the same state.
+    /// Repeats every recorded series of a name. The final state shows that the number of draws is the same.
     static void ExpectVectors(const std::string& name, const Variate& variate, std::int64_t lastPlaces) {
         for (const Vectors::Record& record : Vectors::Read(LUMORA_TEST_DATA "/vectors/sampling.txt", name)) {
             const std::vector<double> parameters = record.Doubles("parameters");
@@ -86,7 +86,7 @@ protected:
     }
 };
 
-TEST_F(RandomSamplingTest, StartsAtTheStateOneAtAnyTime) {
+TEST_F(RandomSamplingTest, StartsWithAStateOfOneAtAnyTime) {
     EXPECT_EQ(RandState::First(), 1U);
     for (const time_t now : {time_t{0}, time_t{1700000000}}) {
         const TestClock::Frozen clock(now);
@@ -95,7 +95,7 @@ TEST_F(RandomSamplingTest, StartsAtTheStateOneAtAnyTime) {
     }
 }
 
-TEST_F(RandomSamplingTest, LeavesTheHostsGeneratorAlone) {
+TEST_F(RandomSamplingTest, DoesNotTouchTheStateOfRand) {
     const TestClock::Frozen clock(1700000000);
     srand(42);
     const int first = rand();
@@ -108,7 +108,7 @@ TEST_F(RandomSamplingTest, LeavesTheHostsGeneratorAlone) {
     EXPECT_EQ(rand(), first);
 }
 
-TEST_F(RandomSamplingTest, DrawsFromAnyStateWhatTheCLibraryWould) {
+TEST_F(RandomSamplingTest, DrawsTheBitsOfTheCLibrarysRandR) {
     constexpr int kSteps = 500;
     std::vector<unsigned int> seeds = {0, 1, 0xFFFFFFFF, 0x7FFFFFFF, 0xAAAAAAAA, 0x55555555};
     for (int bit = 0; bit < 32; ++bit) {
@@ -133,7 +133,7 @@ TEST_F(RandomSamplingTest, DrawsFromAnyStateWhatTheCLibraryWould) {
     }
 }
 
-TEST_F(RandomSamplingTest, MakesADoubleOfTheUpperBitsOfTwoDraws) {
+TEST_F(RandomSamplingTest, MakesADoubleFromTwoDraws) {
     unsigned int seed = 77;
     RandState::Set(seed);
     for (int i = 0; i < 1000; ++i) {
@@ -144,14 +144,14 @@ TEST_F(RandomSamplingTest, MakesADoubleOfTheUpperBitsOfTwoDraws) {
     }
 }
 
-TEST_F(RandomSamplingTest, DeliversTheLowerHalfOfTheUnitInterval) {
+TEST_F(RandomSamplingTest, ReturnsTheLowerHalfOfTheUnitInterval) {
     const struct {
         const char* name;
         int first, second;
         double expected;
     } rows[] = {
         {"the lowest", 0, 0, 0.0},
-        {"what is shifted away", 31, 63, 0.0},
+        {"only bits that are shifted out", 31, 63, 0.0},
         {"the last place", 0, 64, 0x1p-53},
         {"the upper half", 32, 0, 0x1p-27},
         {"the highest", kLargest, kLargest, kHighest},
@@ -164,7 +164,7 @@ TEST_F(RandomSamplingTest, DeliversTheLowerHalfOfTheUnitInterval) {
     EXPECT_LT(kHighest, 0.5);
 }
 
-TEST_F(RandomSamplingTest, DrawsUniformVariatesToTheBit) {
+TEST_F(RandomSamplingTest, DrawsUniformVariatesExactly) {
     ExpectVectors(
         "uniform", [](const auto&) { return RandomDouble(); }, 0);
 }
@@ -206,7 +206,7 @@ TEST_F(RandomSamplingTest, NormalVariatesAreNeverPositive) {
     EXPECT_GT(highest, -1e-3);
 }
 
-TEST_F(RandomSamplingTest, NormalVariatesAreDrawnAgainOnAndOutsideTheCircle) {
+TEST_F(RandomSamplingTest, RedrawsNormalVariatesOutsideTheUnitCircle) {
     Script inside = {0.4, 0.3};  // the point (-0.2, -0.4)
     const double expected = Variates::Normal(inside);
     EXPECT_NEAR(expected, -0.4 * std::sqrt(-2.0 * std::log(0.2) / 0.2), 1e-14);
@@ -217,7 +217,7 @@ TEST_F(RandomSamplingTest, NormalVariatesAreDrawnAgainOnAndOutsideTheCircle) {
     } rows[] = {
         {"the corner, twice the radius, squared", 0.0, 0.0},
         {"on an axis", 0.0, 0.5 - 0x1p-53},
-        {"so near an axis that the square is 1.0 itself", 0.0, kHighest},
+        {"so near an axis that the square rounds to 1.0", 0.0, kHighest},
         {"the same at the other axis", kHighest, 0.0},
     };
     for (const auto& row : rows) {
@@ -230,22 +230,22 @@ TEST_F(RandomSamplingTest, NormalVariatesAreDrawnAgainOnAndOutsideTheCircle) {
     EXPECT_EQ(within.Left(), 2U);
 }
 
-TEST_F(RandomSamplingTest, NormalVariatesAreNotKeptForTheNextCall) {
+TEST_F(RandomSamplingTest, NormalVariatesAreNotCached) {
     Script draw = {0.4, 0.3, 0.4, 0.3};
     const double first = Variates::Normal(draw);
     EXPECT_EQ(Variates::Normal(draw), first);
     EXPECT_EQ(draw.Left(), 0U);
 }
 
-TEST_F(RandomSamplingTest, AGammaVariateOfShapeOneIsOneExponentialVariate) {
+TEST_F(RandomSamplingTest, GammaOfShapeOneIsOneExponentialVariate) {
     const double gamma = StandardGamma(1.0);
     EXPECT_EQ(RandState::Draws(), 2);
     RandState::Set(1);
     EXPECT_EQ(gamma, StandardExponential());
 }
 
-TEST_F(RandomSamplingTest, GammaVariatesBelowOneDivideAtOneLessTheShape) {
-    // With the shape 0.75 the first part reaches to 0.25 itself. The exponential variate behind is the same.
+TEST_F(RandomSamplingTest, GammaBelowOneBranchesAtOneMinusTheShape) {
+    // For shape 0.75, the first branch includes 0.25. Both scripts give the same exponential variate.
     Script first = {0.25, 0.375};
     EXPECT_EQ(Variates::Gamma(first, 0.75), std::pow(0.25, 1.0 / 0.75));
     EXPECT_EQ(first.Left(), 0U);
@@ -270,20 +270,20 @@ TEST_F(RandomSamplingTest, GammaVariatesOfShapeZeroAreZero) {
     EXPECT_EQ(StandardGamma(0.0), 0.0);
 }
 
-TEST_F(RandomSamplingTest, GammaVariatesThatDoNotExistAreNotANumberWithoutADraw) {
+TEST_F(RandomSamplingTest, GammaOfInvalidShapesIsNaNWithoutADraw) {
     for (const double shape : {-1e-300, -1.0, -std::numeric_limits<double>::infinity(), kNotANumber}) {
         EXPECT_TRUE(std::isnan(StandardGamma(shape))) << shape;
     }
     EXPECT_EQ(RandState::Draws(), 0);
 }
 
-TEST_F(RandomSamplingTest, ABetaVariateOfOnesIsTheShareOfOneUniformVariateInTwo) {
+TEST_F(RandomSamplingTest, BetaOfOnesIsTheRatioOfUniformVariates) {
     Script draw = {0.125, 0.375};
     EXPECT_EQ(Variates::Beta(draw, 1.0, 1.0), 0.25);
     EXPECT_EQ(draw.Left(), 0U);
 }
 
-TEST_F(RandomSamplingTest, ABetaVariateWhosePowersBothUnderflowIsMadeOfTheirLogarithms) {
+TEST_F(RandomSamplingTest, BetaUsesLogarithmsWhenBothPowersUnderflow) {
     constexpr double kTiny = 1e-5;
     Script draw = {0.25, 0.25, 0.25, 0.25 + 0x1p-52};
     EXPECT_EQ(Variates::Beta(draw, kTiny, kTiny), 0.5);
@@ -293,7 +293,7 @@ TEST_F(RandomSamplingTest, ABetaVariateWhosePowersBothUnderflowIsMadeOfTheirLoga
     EXPECT_EQ(draw.Left(), 0U);
 }
 
-TEST_F(RandomSamplingTest, ABetaVariateWithAParameterAboveOneIsTheShareOfOneGammaVariateInTwo) {
+TEST_F(RandomSamplingTest, BetaAboveOneIsTheRatioOfGammaVariates) {
     const struct {
         double a, b;
     } rows[] = {{1.5, 0.5}, {0.5, 1.5}, {1.0, 1.0000000000000002}, {1.0000000000000002, 1.0}, {4.0, 2.0}};
@@ -308,7 +308,7 @@ TEST_F(RandomSamplingTest, ABetaVariateWithAParameterAboveOneIsTheShareOfOneGamm
     }
 }
 
-TEST_F(RandomSamplingTest, BetaVariatesLieInTheUnitIntervalEvenWhereTheirPowersUnderflow) {
+TEST_F(RandomSamplingTest, BetaVariatesStayInTheUnitInterval) {
     for (const double parameter : {1e-5, 1e-3, 0.4, 1.0, 3.0}) {
         for (int i = 0; i < 5000; ++i) {
             const double beta = RandomBeta(parameter, parameter);
@@ -325,17 +325,17 @@ TEST_F(RandomSamplingTest, BetaVariatesOfOnesFavourTheMiddle) {
         const double beta = RandomBeta(1.0, 1.0);
         middle += beta > 0.25 && beta < 0.75;
     }
-    EXPECT_NEAR(middle, kCount * 2.0 / 3.0, kCount * 0.01);  // of uniform variates it would be a half
+    EXPECT_NEAR(middle, kCount * 2.0 / 3.0, kCount * 0.01);  // for a uniform distribution it would be half of them
 }
 
-TEST_F(RandomSamplingTest, BetaVariatesOfAZeroAreAtTheEdge) {
+TEST_F(RandomSamplingTest, BetaOfAZeroParameterIsZeroOrOne) {
     EXPECT_EQ(RandomBeta(0.0, 0.5), 0.0);
     EXPECT_EQ(RandomBeta(0.5, 0.0), 1.0);
     EXPECT_EQ(RandomBeta(0.0, 2.0), 0.0);
     EXPECT_TRUE(std::isnan(RandomBeta(0.0, 0.0)));
 }
 
-TEST_F(RandomSamplingTest, BetaVariatesThatDoNotExistAreNotANumber) {
+TEST_F(RandomSamplingTest, BetaOfInvalidParametersIsNaN) {
     const struct {
         double a, b;
     } rows[] = {{-1.0, 0.5}, {0.5, -1.0},        {-1.0, -1.0},      {-1.0, 2.0},
@@ -345,7 +345,7 @@ TEST_F(RandomSamplingTest, BetaVariatesThatDoNotExistAreNotANumber) {
     }
 }
 
-TEST(MinimalStandardEngineTest, GivesTheCanonicalDoublesOfTheStandardLibrary) {
+TEST(MinimalStandardEngineTest, MatchesGenerateCanonical) {
     MinimalStandardEngine engine;
     std::minstd_rand0 standard(1);
     EXPECT_EQ(MinimalStandardEngine().Canonical(), 0.13153778773876065);

@@ -17,11 +17,11 @@
 #include "Surroundings.h"
 #include "TestClock.h"
 
-// What is learnt from real histories, against the sums and rankings that tests/data/vectors/rankings.py computed.
+// Compares what is learnt from real histories with the sums and rankings from tests/data/vectors/rankings.py.
 
 namespace {
 
-/// Splits a text into records and fields as RFC 4180 has it.
+/// Splits CSV text (RFC 4180) into records and fields.
 std::vector<std::vector<std::string>> ReadCsv(const std::string& text) {
     std::vector<std::vector<std::string>> records;
     std::vector<std::string> record(1);
@@ -62,7 +62,7 @@ std::vector<CuratorBaseData> ReadHistory(const std::string& name) {
     return history;
 }
 
-/// Reads the words of a file of vectors; the end of the file where a word should be throws.
+/// Reads the words of a vector file; throws at the end of the file.
 class Words {
 public:
     explicit Words(const std::string& fileName) : m_file(LUMORA_TEST_DATA "/vectors/" + fileName) {}
@@ -110,33 +110,33 @@ std::vector<std::pair<std::string, double>> IdsAndScores(const std::list<Curator
     return pairs;
 }
 
-/// Tells its sums in the words of the vectors.
-class TellingUnit : public CCuratorDateUnit {
+/// Writes its sums in the format of the vectors.
+class WrittenUnit : public CCuratorDateUnit {
 public:
     using CCuratorDateUnit::CCuratorDateUnit;
 
-    std::string Tell() const {
+    std::string Write() const {
         std::ostringstream out;
         out.precision(17);
         out << m_strUnitId << " total " << m_dScore << " hour";
         for (int hour = 0; hour < 24; ++hour) {
-            TellSum(out, std::to_string(hour), m_dHour[hour]);
+            WriteSum(out, std::to_string(hour), m_dHour[hour]);
         }
         out << " day";
         for (int day = 0; day < 7; ++day) {
-            TellSum(out, std::to_string(day), m_dDay[day]);
+            WriteSum(out, std::to_string(day), m_dDay[day]);
         }
         out << " week";
         for (int day = 0; day < 7; ++day) {
             for (int hour = 0; hour < 24; ++hour) {
-                TellSum(out, std::to_string(day) + "." + std::to_string(hour), m_dDayHour[day][hour]);
+                WriteSum(out, std::to_string(day) + "." + std::to_string(hour), m_dDayHour[day][hour]);
             }
         }
         return out.str();
     }
 
 private:
-    static void TellSum(std::ostream& out, const std::string& key, double seconds) {
+    static void WriteSum(std::ostream& out, const std::string& key, double seconds) {
         if (seconds != 0.0) {
             out << " " << key << ":" << seconds;
         }
@@ -163,24 +163,24 @@ protected:
 };
 
 TEST_P(RankingVectorsTest, AccumulatesTheSecondsOfEveryUnit) {
-    std::vector<std::unique_ptr<TellingUnit>> units;
-    std::map<std::string, TellingUnit*> unitsById;
+    std::vector<std::unique_ptr<WrittenUnit>> units;
+    std::map<std::string, WrittenUnit*> unitsById;
     for (const CuratorBaseData& record : m_history) {
-        TellingUnit*& unit = unitsById[record.GetUnitId()];
+        WrittenUnit*& unit = unitsById[record.GetUnitId()];
         if (unit == nullptr) {
-            unit = units.emplace_back(std::make_unique<TellingUnit>(record.GetUnitId())).get();
+            unit = units.emplace_back(std::make_unique<WrittenUnit>(record.GetUnitId())).get();
         }
         unit->LearnHistory(record, 1.0);
     }
     ASSERT_EQ(units.size(), GetParam().units);
     Words vectors(GetParam().name + std::string(".sums"));
     for (const auto& unit : units) {
-        ASSERT_EQ(unit->Tell(), vectors.Line());
+        ASSERT_EQ(unit->Write(), vectors.Line());
     }
     EXPECT_TRUE(vectors.AtEnd());
 }
 
-TEST_P(RankingVectorsTest, RanksToTheLastBit) {
+TEST_P(RankingVectorsTest, RanksExactly) {
     const std::map<std::string, ECuratorAgentType> types = {
         {"mru", CURATOR_AGENT_MRU}, {"mfu", CURATOR_AGENT_MFU}, {"date", CURATOR_AGENT_DATE}};
     Words vectors(GetParam().name + std::string(".rankings"));

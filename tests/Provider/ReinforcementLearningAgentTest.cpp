@@ -22,11 +22,11 @@
 
 namespace {
 
-constexpr int kLargest = 2147483647;                   ///< of rand_r
-constexpr double kFixedUniform = 0.13153778773876065;  ///< what a softmax agent draws
-constexpr double kTenMillionth = 1e-7;                 ///< a mean reward up to this counts as nothing
+constexpr int kLargest = 2147483647;                   ///< largest result of rand_r
+constexpr double kFixedUniform = 0.13153778773876065;  ///< draw of a softmax agent
+constexpr double kTenMillionth = 1e-7;                 ///< an agent explores up to this mean reward
 
-/// Shows what an agent has learnt.
+/// Makes the statistics of an agent public.
 template <typename Agent>
 class Seen : public Agent {
 public:
@@ -60,7 +60,7 @@ using SeenEpsilonGreedy = Seen<EpsilonGreedyAgent>;
 using SeenSoftmax = Seen<SoftmaxAgent>;
 using SeenMFU = Seen<MFUAgent>;
 
-/// The draw that gives a share of the largest.
+/// The draw at a fraction of the largest one.
 int DrawAt(double share) {
     return static_cast<int>(share * kLargest);
 }
@@ -72,8 +72,7 @@ protected:
     template <typename Agent>
     using Maker = std::function<std::unique_ptr<Agent>(int n, const std::vector<double>& parameters)>;
 
-    /// Replays every recorded run: the same choices, and at the end the same statistics to the last bit, for no
-    /// logarithm or power enters them.
+    /// Repeats every recorded run. The final statistics match exactly, because no logarithm or power affects them.
     template <typename Agent>
     static void ExpectVectors(const std::string& name, const Maker<Agent>& make) {
         for (const Vectors::Record& record : Vectors::Read(LUMORA_TEST_DATA "/vectors/agents.txt", name)) {
@@ -102,19 +101,11 @@ protected:
             }
         }
     }
-
-    static void ExpectInOrder(std::initializer_list<const void*> fields) {
-        const void* before = nullptr;
-        for (const void* field : fields) {
-            EXPECT_LT(before, field);
-            before = field;
-        }
-    }
 };
 
-// What all agents share.
+// All agents.
 
-TEST_F(ReinforcementLearningAgentTest, IsAnAbstractBaseThatOwnersDestroyThrough) {
+TEST_F(ReinforcementLearningAgentTest, WorksThroughItsBaseClass) {
     EXPECT_TRUE(std::is_abstract_v<ReinforcementLearningAgent>);
     const std::unique_ptr<ReinforcementLearningAgent> agents[] = {
         std::make_unique<EpsilonGreedyAgent>(3, 0.1),
@@ -133,14 +124,14 @@ TEST_F(ReinforcementLearningAgentTest, IsAnAbstractBaseThatOwnersDestroyThrough)
     }
 }
 
-TEST_F(ReinforcementLearningAgentTest, StartsWithoutExperience) {
+TEST_F(ReinforcementLearningAgentTest, StartsWithoutStatistics) {
     const SeenMFU agent(3);
     EXPECT_EQ(agent.m_nActions, 3);
     EXPECT_EQ(agent.m_vecCount, std::vector<int>(3, 0));
     EXPECT_EQ(agent.m_vecQ, std::vector<double>(3, 0.0));
 }
 
-TEST_F(ReinforcementLearningAgentTest, KeepsTheMeanOfTheRewardsOfEachAction) {
+TEST_F(ReinforcementLearningAgentTest, KeepsTheMeanRewardOfEachAction) {
     SeenMFU agent(3);
     for (const int reward : {4, -1, 3}) {
         agent.UpdateQ(1, reward);
@@ -150,7 +141,7 @@ TEST_F(ReinforcementLearningAgentTest, KeepsTheMeanOfTheRewardsOfEachAction) {
     EXPECT_EQ(agent.m_vecQ, (std::vector<double>{0.0, 1.5 + (1.0 / 3) * (3 - 1.5), 7.0}));
 }
 
-TEST_F(ReinforcementLearningAgentTest, TakesANegativeNumberOfActionsForNone) {
+TEST_F(ReinforcementLearningAgentTest, TreatsANegativeNumberOfActionsAsZero) {
     SeenKalman agent(-3, 1.0, 1.0, 0.0, 1.0);
     EXPECT_EQ(agent.m_nActions, 0);
     EXPECT_TRUE(agent.m_vecCount.empty());
@@ -158,7 +149,7 @@ TEST_F(ReinforcementLearningAgentTest, TakesANegativeNumberOfActionsForNone) {
     EXPECT_EQ(agent.ChooseAction(), 0);
 }
 
-TEST_F(ReinforcementLearningAgentTest, HasNothingToChooseWithoutActions) {
+TEST_F(ReinforcementLearningAgentTest, ReturnsFixedValuesWithoutActions) {
     EXPECT_EQ(EpsilonGreedyAgent(0, 0.1).ChooseAction(), 0);
     EXPECT_EQ(EpsilonGreedyAgent(0, 2.0).ChooseAction(), 0);
     EXPECT_EQ(SoftmaxAgent(0, 1.0).ChooseAction(), -1);
@@ -168,7 +159,7 @@ TEST_F(ReinforcementLearningAgentTest, HasNothingToChooseWithoutActions) {
     EXPECT_EQ(KalmanFilterAgent(0, 1.0, 1.0, 0.0, 1.0).ChooseAction(), 0);
 }
 
-TEST_F(ReinforcementLearningAgentTest, EpsilonGreedyAndSoftmaxRestartTheHostsGeneratorWithTheTimeAtEveryChoice) {
+TEST_F(ReinforcementLearningAgentTest, EpsilonGreedyAndSoftmaxSeedRandWithTheTime) {
     constexpr time_t kNow = 1700000000;
     const std::unique_ptr<ReinforcementLearningAgent> agents[] = {
         std::make_unique<EpsilonGreedyAgent>(2, 2.0),   // explores
@@ -190,7 +181,7 @@ TEST_F(ReinforcementLearningAgentTest, EpsilonGreedyAndSoftmaxRestartTheHostsGen
     }
 }
 
-TEST_F(ReinforcementLearningAgentTest, TheOthersAndLearningLeaveTheHostsGeneratorAlone) {
+TEST_F(ReinforcementLearningAgentTest, OtherAgentsAndLearningDoNotSeedRand) {
     const TestClock::Frozen clock(1700000000);
     srand(42);
     const int first = rand();
@@ -212,30 +203,26 @@ TEST_F(ReinforcementLearningAgentTest, SharesOneRandomStateWithTheVariates) {
     EXPECT_EQ(RandomDouble(), next);
 }
 
-TEST_F(ReinforcementLearningAgentTest, KeepsItsFieldsInTheirOrder) {
+TEST_F(ReinforcementLearningAgentTest, StoresConstructorParameters) {
     const SeenThomson thomson(2, 0.5, 1.5);
     EXPECT_EQ(thomson.m_dAlpha, 0.5);
     EXPECT_EQ(thomson.m_dBeta, 1.5);
-    ExpectInOrder({&thomson.m_nActions, &thomson.m_vecCount, &thomson.m_vecQ, &thomson.m_dAlpha, &thomson.m_dBeta,
-                   &thomson.m_vecSuccess, &thomson.m_vecFailure});
     const SeenKalman kalman(2, 1.0, 2.0, 3.0, 4.0);
     EXPECT_EQ(kalman.m_dObservationNoise, 1.0);
     EXPECT_EQ(kalman.m_dProcessNoise, 2.0);
     EXPECT_EQ(kalman.m_dInitialMean, 3.0);
     EXPECT_EQ(kalman.m_dInitialVariance, 4.0);
-    ExpectInOrder({&kalman.m_vecQ, &kalman.m_dObservationNoise, &kalman.m_dProcessNoise, &kalman.m_dInitialMean,
-                   &kalman.m_dInitialVariance, &kalman.m_vecMean, &kalman.m_vecVariance});
 }
 
 // Epsilon-greedy.
 
-TEST_F(ReinforcementLearningAgentTest, EpsilonGreedyReplaysTheRecordedRuns) {
+TEST_F(ReinforcementLearningAgentTest, EpsilonGreedyMatchesRecordedRuns) {
     ExpectVectors<SeenEpsilonGreedy>("epsilon-greedy", [](int n, const std::vector<double>& parameters) {
         return std::make_unique<SeenEpsilonGreedy>(n, parameters.at(0));
     });
 }
 
-TEST_F(ReinforcementLearningAgentTest, EpsilonGreedyExploresWhileNothingPositiveIsLearnt) {
+TEST_F(ReinforcementLearningAgentTest, EpsilonGreedyExploresWithoutPositiveMeans) {
     for (const double epsilon : {-1.0, 0.0, 0.5, 2.0}) {
         for (const double q : {-3.0, 0.0, kTenMillionth}) {
             SeenEpsilonGreedy agent(5, epsilon);
@@ -247,7 +234,7 @@ TEST_F(ReinforcementLearningAgentTest, EpsilonGreedyExploresWhileNothingPositive
     }
 }
 
-TEST_F(ReinforcementLearningAgentTest, EpsilonGreedyExploresWhereEpsilonIsAboveTheDraw) {
+TEST_F(ReinforcementLearningAgentTest, EpsilonGreedyExploresIfEpsilonExceedsTheDraw) {
     const struct {
         const char* name;
         double epsilon;
@@ -258,11 +245,11 @@ TEST_F(ReinforcementLearningAgentTest, EpsilonGreedyExploresWhereEpsilonIsAboveT
         {"well above", 0.5, DrawAt(0.6), false},
         {"one below", 0.5, kLargest / 2, true},
         {"one above", 0.5, kLargest / 2 + 1, false},
-        {"never, by the lowest draw", 0.0, 0, false},
-        {"by the lowest draw", 1e-9, 0, true},
-        {"not by the highest draw", 1.0, kLargest, false},
-        {"by the highest but one", 1.0, kLargest - 1, true},
-        {"always", 1.0000001, kLargest, true},
+        {"epsilon of 0, lowest draw", 0.0, 0, false},
+        {"tiny epsilon, lowest draw", 1e-9, 0, true},
+        {"epsilon of 1, highest draw", 1.0, kLargest, false},
+        {"epsilon of 1, second highest draw", 1.0, kLargest - 1, true},
+        {"epsilon above 1", 1.0000001, kLargest, true},
     };
     for (const auto& row : rows) {
         SeenEpsilonGreedy agent(5, row.epsilon);
@@ -273,7 +260,7 @@ TEST_F(ReinforcementLearningAgentTest, EpsilonGreedyExploresWhereEpsilonIsAboveT
     }
 }
 
-TEST_F(ReinforcementLearningAgentTest, EpsilonGreedyExploitsTheLowestOfTheBest) {
+TEST_F(ReinforcementLearningAgentTest, EpsilonGreedyChoosesTheLowestOfEqualMeans) {
     SeenEpsilonGreedy agent(4, 0.0);
     agent.m_vecQ = {1.0, 2.5, 2.5, 0.0};
     EXPECT_EQ(agent.ChooseAction(), 1);
@@ -281,13 +268,13 @@ TEST_F(ReinforcementLearningAgentTest, EpsilonGreedyExploitsTheLowestOfTheBest) 
 
 // Softmax.
 
-TEST_F(ReinforcementLearningAgentTest, SoftmaxReplaysTheRecordedRuns) {
+TEST_F(ReinforcementLearningAgentTest, SoftmaxMatchesRecordedRuns) {
     ExpectVectors<SeenSoftmax>("softmax", [](int n, const std::vector<double>& parameters) {
         return std::make_unique<SeenSoftmax>(n, parameters.at(0));
     });
 }
 
-TEST_F(ReinforcementLearningAgentTest, SoftmaxChoosesBySharesAgainstTheSameDrawEveryTime) {
+TEST_F(ReinforcementLearningAgentTest, SoftmaxUsesTheSameDrawForEveryChoice) {
     const struct { int n, expected; } rows[] = {{1, 0}, {4, 0}, {7, 0}, {8, 1}, {15, 1}, {16, 2}, {100, 13}};
     for (const auto& row : rows) {
         for (const double temperature : {1.0, 0.001, 0.0, -2.0}) {
@@ -300,7 +287,7 @@ TEST_F(ReinforcementLearningAgentTest, SoftmaxChoosesBySharesAgainstTheSameDrawE
     EXPECT_EQ(RandState::Draws(), 0);
 }
 
-TEST_F(ReinforcementLearningAgentTest, SoftmaxWithoutATemperatureForgetsTheRewards) {
+TEST_F(ReinforcementLearningAgentTest, SoftmaxIgnoresRewardsAtTemperaturesUpToZero) {
     for (const double temperature : {0.0, -1.0}) {
         SeenSoftmax agent(8, temperature);
         agent.m_vecQ = {9.0, 0.0, 0.0, 9.0, 0.0, 0.0, 0.0, 9.0};
@@ -310,35 +297,35 @@ TEST_F(ReinforcementLearningAgentTest, SoftmaxWithoutATemperatureForgetsTheRewar
 
 TEST_F(ReinforcementLearningAgentTest, SoftmaxWeighsTheRewardsByTheTemperature) {
     SeenSoftmax cold(3, 0.5);
-    cold.m_vecQ = {0.0, 1.0, 0.0};  // shares 0.106, 0.787, 0.106
+    cold.m_vecQ = {0.0, 1.0, 0.0};  // probabilities 0.106, 0.787, 0.106
     EXPECT_EQ(cold.ChooseAction(), 1);
     SeenSoftmax warm(3, 2.0);
-    warm.m_vecQ = {0.0, 1.0, 0.0};  // shares 0.274, 0.452, 0.274
+    warm.m_vecQ = {0.0, 1.0, 0.0};  // probabilities 0.274, 0.452, 0.274
     EXPECT_EQ(warm.ChooseAction(), 0);
 }
 
-TEST_F(ReinforcementLearningAgentTest, SoftmaxPassesAShareThatOnlyReachesTheDraw) {
+TEST_F(ReinforcementLearningAgentTest, SoftmaxSkipsAProbabilityEqualToTheDraw) {
     SeenSoftmax agent(2, 1.0);
     double& q = agent.m_vecQ[0];
     double& other = agent.m_vecQ[1];
-    const auto share = [&] { return std::exp(q) / (std::exp(q) + std::exp(other)); };
-    // For some of the other values a share falls on the draw itself.
-    for (int step = 0; step < 100 && share() != kFixedUniform; ++step) {
+    const auto probability = [&] { return std::exp(q) / (std::exp(q) + std::exp(other)); };
+    // For some values of `other`, the probability can equal the draw exactly.
+    for (int step = 0; step < 100 && probability() != kFixedUniform; ++step) {
         other = step * 0.01;
         q = other + std::log(kFixedUniform / (1.0 - kFixedUniform)) - 1e-14;
-        while (share() < kFixedUniform) {
+        while (probability() < kFixedUniform) {
             q = std::nextafter(q, 0.0);
         }
     }
-    ASSERT_EQ(share(), kFixedUniform);
+    ASSERT_EQ(probability(), kFixedUniform);
     EXPECT_EQ(agent.ChooseAction(), 1);
-    while (share() == kFixedUniform) {
+    while (probability() == kFixedUniform) {
         q = std::nextafter(q, 0.0);
     }
     EXPECT_EQ(agent.ChooseAction(), 0);
 }
 
-TEST_F(ReinforcementLearningAgentTest, SoftmaxChoosesTheLastWhereTheExponentialsOverflowOrVanish) {
+TEST_F(ReinforcementLearningAgentTest, SoftmaxChoosesTheLastOnOverflowAndUnderflow) {
     SeenSoftmax agent(4, 0.5);
     agent.m_vecQ = {0.0, 354.0, 0.0, 0.0};
     EXPECT_EQ(agent.ChooseAction(), 1);
@@ -352,12 +339,12 @@ TEST_F(ReinforcementLearningAgentTest, SoftmaxChoosesTheLastWhereTheExponentials
 
 // Most frequently chosen.
 
-TEST_F(ReinforcementLearningAgentTest, MFUReplaysTheRecordedRuns) {
+TEST_F(ReinforcementLearningAgentTest, MFUMatchesRecordedRuns) {
     ExpectVectors<SeenMFU>("mfu",
                            [](int n, const std::vector<double>& /*none*/) { return std::make_unique<SeenMFU>(n); });
 }
 
-TEST_F(ReinforcementLearningAgentTest, MFUChoosesTheLowestOfTheMostUpdatedWhateverTheRewards) {
+TEST_F(ReinforcementLearningAgentTest, MFUChoosesTheLowestOfTheMostUpdated) {
     MFUAgent agent(3);
     EXPECT_EQ(agent.ChooseAction(), 0);
     agent.UpdateQ(2, -5);
@@ -371,13 +358,13 @@ TEST_F(ReinforcementLearningAgentTest, MFUChoosesTheLowestOfTheMostUpdatedWhatev
 
 // Thompson sampling.
 
-TEST_F(ReinforcementLearningAgentTest, ThomsonReplaysTheRecordedRuns) {
+TEST_F(ReinforcementLearningAgentTest, ThomsonMatchesRecordedRuns) {
     ExpectVectors<SeenThomson>("thompson", [](int n, const std::vector<double>& parameters) {
         return std::make_unique<SeenThomson>(n, parameters.at(0), parameters.at(1));
     });
 }
 
-TEST_F(ReinforcementLearningAgentTest, ThomsonCountsARewardOfExactlyOneAsSuccess) {
+TEST_F(ReinforcementLearningAgentTest, ThomsonCountsOnlyARewardOfOneAsSuccess) {
     SeenThomson agent(2, 1.0, 1.0);
     agent.UpdateQ(0, 1);
     EXPECT_EQ(agent.m_vecSuccess, (std::vector<int>{1, 0}));
@@ -392,7 +379,7 @@ TEST_F(ReinforcementLearningAgentTest, ThomsonCountsARewardOfExactlyOneAsSuccess
     EXPECT_NEAR(agent.m_vecQ[1], 1.0 / 3, 1e-15);
 }
 
-TEST_F(ReinforcementLearningAgentTest, ThomsonMovesTheMeanTowardsARewardThatItCountsAsFailure) {
+TEST_F(ReinforcementLearningAgentTest, ThomsonUsesTheRewardOfAFailureInTheMean) {
     SeenThomson agent(1, 1.0, 1.0);
     agent.UpdateQ(0, 2);
     EXPECT_EQ(agent.m_vecQ[0], 2.0);
@@ -414,20 +401,20 @@ TEST_F(ReinforcementLearningAgentTest, ThomsonDrawsForEveryActionInOrder) {
     }
 }
 
-TEST_F(ReinforcementLearningAgentTest, ThomsonDrawsForASingleActionToo) {
+TEST_F(ReinforcementLearningAgentTest, ThomsonDrawsForASingleAction) {
     EXPECT_EQ(ThomsonSamplingAgent(1, 1.0, 1.0).ChooseAction(), 0);
     EXPECT_EQ(RandState::Draws(), 4);
 }
 
 // Kalman filter.
 
-TEST_F(ReinforcementLearningAgentTest, KalmanReplaysTheRecordedRuns) {
+TEST_F(ReinforcementLearningAgentTest, KalmanMatchesRecordedRuns) {
     ExpectVectors<SeenKalman>("kalman", [](int n, const std::vector<double>& parameters) {
         return std::make_unique<SeenKalman>(n, parameters.at(0), parameters.at(1), parameters.at(2), parameters.at(3));
     });
 }
 
-TEST_F(ReinforcementLearningAgentTest, KalmanTakesAHundredTimesTheRewardAndWidensTheOthers) {
+TEST_F(ReinforcementLearningAgentTest, KalmanScalesTheRewardAndWidensOtherVariances) {
     SeenKalman agent(3, /*observationNoise=*/2.0, /*processNoise=*/1.0, /*initialMean=*/10.0, /*initialVariance=*/5.0);
     EXPECT_EQ(agent.m_vecMean, std::vector<double>(3, 10.0));
     EXPECT_EQ(agent.m_vecVariance, std::vector<double>(3, 5.0));
@@ -445,7 +432,7 @@ TEST_F(ReinforcementLearningAgentTest, KalmanChoosesTheLowestOfEqualActions) {
     EXPECT_EQ(RandState::Draws(), 0);
 }
 
-TEST_F(ReinforcementLearningAgentTest, KalmanPassesOverWhatIsNotANumberUnlessItIsTheFirst) {
+TEST_F(ReinforcementLearningAgentTest, KalmanSkipsNaNExceptForTheFirstAction) {
     const double notANumber = std::numeric_limits<double>::quiet_NaN();
     SeenKalman agent(4, 1.0, 1.0, 0.0, 0.0);
     agent.m_vecMean = {1.0, notANumber, 2.0, notANumber};
@@ -454,13 +441,13 @@ TEST_F(ReinforcementLearningAgentTest, KalmanPassesOverWhatIsNotANumberUnlessItI
     EXPECT_EQ(agent.ChooseAction(), 0);
 }
 
-TEST_F(ReinforcementLearningAgentTest, KalmanSpreadsByTheVarianceTimesOneFixedNormalVariate) {
+TEST_F(ReinforcementLearningAgentTest, KalmanSamplesWithOneNormalVariateAndTheVariance) {
     std::minstd_rand0 engine(1);
     const double normal = std::normal_distribution<double>(0.0, 1.0)(engine);
     EXPECT_NEAR(normal, -0.121966, 1e-6);
     SeenKalman agent(2, 1.0, 1.0, 0.0, 0.0);
     agent.m_vecVariance = {0.0, 4.0};
-    agent.m_vecMean[1] = -4.0 * normal;  // as high as the first action, to the last bit
+    agent.m_vecMean[1] = -4.0 * normal;  // exactly equal to the first action
     EXPECT_EQ(agent.ChooseAction(), 0);
     agent.m_vecMean[1] = std::nextafter(agent.m_vecMean[1], 1.0);
     EXPECT_EQ(agent.ChooseAction(), 1);

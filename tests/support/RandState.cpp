@@ -13,7 +13,7 @@ namespace {
 
 constexpr int kMostDraws = 10000000;
 
-bool g_isLookedFor = false;
+bool g_isSearching = false;
 unsigned int* g_state = nullptr;
 unsigned int g_first = 0;
 unsigned int g_set = 0;
@@ -23,8 +23,8 @@ std::deque<int> g_fed;
 
 extern "C" int rand_r(unsigned int* seed) noexcept {
     static const auto original = reinterpret_cast<int (*)(unsigned int*)>(dlsym(RTLD_NEXT, "rand_r"));
-    if (g_isLookedFor) {
-        g_isLookedFor = false;
+    if (g_isSearching) {
+        g_isSearching = false;
         g_state = seed;
         g_first = *seed;
     }
@@ -38,7 +38,7 @@ extern "C" int rand_r(unsigned int* seed) noexcept {
 
 unsigned int RandState::First() {
     if (g_state == nullptr) {
-        g_isLookedFor = true;
+        g_isSearching = true;
         EpsilonGreedyAgent(1, 1.0).ChooseAction();
     }
     return g_first;

@@ -5,23 +5,25 @@
 #include <cstddef>
 #include <vector>
 
-/// The library's one random state. A program that uses it supplies `rand_r`, which hands on to the C library's: an
-/// epsilon-greedy agent calls it, and so tells where the state is. The variates do not call it on every C library.
+/// Access to the random state of the library.
+///
+/// Replaces `rand_r` in the test program with a function that forwards to the C library. An epsilon-greedy agent calls
+/// `rand_r` with the state, which shows its address. The variates may compute their bits without calling `rand_r`.
 namespace RandState {
 
-/// @return the state before the first draw of the process. Stands before whatever else draws.
+/// @return the state before the first draw of the process. Call before anything draws.
 unsigned int First();
 
 void Set(unsigned int seed);
 unsigned int Get();
 
-/// @return how many steps of the C library's `rand_r` lead from what was last set to the present state.
+/// @return the number of `rand_r` calls that lead from the state last set to the current state.
 int Draws();
 
-/// Makes the next calls of `rand_r` with the library's state give these integers, which leave the state alone.
+/// Makes the next calls of `rand_r` with the library's state return these integers without changing the state.
 void Feed(const std::vector<int>& integers);
 
-/// @return how many of the fed integers were not yet taken.
+/// @return the number of fed integers that were not returned yet.
 std::size_t Left();
 
 }  // namespace RandState

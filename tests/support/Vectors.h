@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-/// Reads the records that tests/data/vectors/sampling.py writes: a name in brackets, then fields of values.
+/// Reads records that tests/data/vectors/sampling.py writes: a name in brackets, then fields with values.
 namespace Vectors {
 
 struct Record {
@@ -39,7 +39,7 @@ struct Record {
         return static_cast<unsigned int>(std::stoull(Texts(field).at(0)));
     }
 
-    /// @return the values of a field of one digit for each value.
+    /// @return the values of a field that has one digit per value.
     std::vector<int> Digits(const std::string& field) const {
         std::vector<int> values;
         for (const std::string& text : Texts(field)) {
@@ -50,14 +50,14 @@ struct Record {
         return values;
     }
 
-    /// @return the values of a field; none when it is not there.
+    /// @return the values of a field; empty if it is missing.
     std::vector<std::string> Texts(const std::string& field) const {
         const auto found = fields.find(field);
         return found == fields.end() ? std::vector<std::string>{} : found->second;
     }
 };
 
-/// @return the records of a name, at least one.
+/// @return all records of a name; throws if there are none.
 inline std::vector<Record> Read(const std::string& path, const std::string& name) {
     std::ifstream file(path);
     std::vector<Record> records;
@@ -78,7 +78,7 @@ inline std::vector<Record> Read(const std::string& path, const std::string& name
         }
     }
     if (records.empty()) {
-        throw std::runtime_error(path + " holds no " + name);
+        throw std::runtime_error(path + " has no " + name);
     }
     return records;
 }

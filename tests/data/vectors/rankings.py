@@ -1,33 +1,33 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: Apache-2.0
-"""Computes what the curation engine must learn from the real histories, and how it must rank them.
+"""Computes the expected sums and rankings of the curation engine for the real histories.
 
-    tests/data/vectors/rankings.py            writes the .rankings and .sums here anew
-    tests/data/vectors/rankings.py --check    compares them with what it would write
+    tests/data/vectors/rankings.py            rewrites the .rankings and .sums files next to this script
+    tests/data/vectors/rankings.py --check    compares the files with what it would write
 
-It shares no code with the library: the local hours come from zoneinfo, sums are whole numbers, rankings are sorted
-lists. The scores are written so that they read back to the last bit.
+The script shares no code with the library: local hours come from zoneinfo, sums are integers, rankings are sorted
+lists. Only the cap on a usage is read from the library's header. Scores are written so that they read back exactly.
 
-For each history NAME it writes two files of words that are separated by white space.
+For each history NAME it writes two files of words separated by white space.
 
-NAME.sums, a line a unit, in order of first appearance:
+NAME.sums holds what the date type accumulates from all records, one line per unit in order of first appearance; sums
+of 0 are omitted:
 
     UNIT total SECONDS hour HOUR:SECONDS ... day DAY:SECONDS ... week DAY.HOUR:SECONDS ...
 
-with what the date type accumulates from all records; sums of 0 are left out.
+NAME.rankings holds "zone" and the zone, and then, for minimum durations of 0 s and of 30 s, the rankings and one cell
+for each hour of the week:
 
-NAME.rankings: "zone" and the zone, then, for records that last 0 s and 30 s at the least, the rankings
-
-    ranking TYPE MIN-DURATION MAX-RESULT NOW COUNT     and COUNT lines UNIT SCORE
+    ranking TYPE MIN-DURATION MAX-RESULT NOW COUNT     followed by COUNT lines UNIT SCORE
     cell MIN-DURATION MAX-RESULT DAY HOUR COUNT UNIT SCORE ...
 
-TYPE is mru, mfu or date, NOW the time of the request (0 where it does not count). There is a cell for each hour of the
-week.
+TYPE is mru, mfu or date. NOW is the time of the request, or 0 for types that ignore it.
 """
 import csv
 import datetime
 import heapq
 import pathlib
+import re
 import sys
 import zoneinfo
 
@@ -41,7 +41,8 @@ MIN_DURATIONS = [0, 30]
 MAX_RESULT = 300
 MAX_CELL_RESULT = 10
 
-MAX_LEARNT_SECONDS = 12000
+UNIT_HEADER = TESTS.parent / "include" / "Provider" / "CuratorUnit.h"
+MAX_LEARNT_SECONDS = int(re.search(r"kMaxLearntSeconds = (\d+);", UNIT_HEADER.read_text(encoding="utf-8"))[1])
 WEIGHT_TOTAL, WEIGHT_HOUR, WEIGHT_DAY, WEIGHT_WEEK = 0.1, 1.0, 6.0, 11.0
 
 
@@ -50,12 +51,12 @@ def hour_of_week(local):
 
 
 def pieces(start, duration, zone):
-    """Splits a usage at the full hours of local time: (day, hour, seconds)."""
+    """Yields (day, hour, seconds) for each piece of a usage, split at full hours of local time."""
     end = start + min(duration, MAX_LEARNT_SECONDS)
     while start < end:
         local = datetime.datetime.fromtimestamp(start, zone)
         full_hour = start + 3600 - local.minute * 60 - local.second
-        # These zones change their clocks at full hours alone.
+        # These zones change their clocks only at full hours.
         assert datetime.datetime.fromtimestamp(full_hour - 1, zone).utcoffset() == local.utcoffset()
         piece_end = min(end, full_hour)
         yield *hour_of_week(local), piece_end - start
@@ -98,7 +99,7 @@ def learn(history, min_duration, zone):
 
 def rank(units, score, max_result):
     ranking = ((unit_id, float(score(unit))) for unit_id, unit in units.items())
-    return heapq.nlargest(max_result, ranking, key=lambda entry: entry[1])  # equal scores keep their order
+    return heapq.nlargest(max_result, ranking, key=lambda entry: entry[1])  # stable for equal scores
 
 
 def sums_lines(units):
@@ -137,7 +138,8 @@ def files():
         zone = zoneinfo.ZoneInfo(zone_name)
         with open(HISTORIES / f"{name}.csv", encoding="utf-8", newline="") as rows:
             history = [(row["unit_id"], int(row["start_time"]), int(row["duration"])) for row in csv.DictReader(rows)]
-        for suffix, lines in (("sums", sums_lines(learn(history, 0, zone))), ("rankings", rankings_lines(history, zone))):
+        sums = sums_lines(learn(history, 0, zone))
+        for suffix, lines in (("sums", sums), ("rankings", rankings_lines(history, zone))):
             yield VECTORS / f"{name}.{suffix}", "".join(line + "\n" for line in lines)
 
 

@@ -1,17 +1,17 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: Apache-2.0
-"""Random variates and bandit choices, computed independently of the library.
+"""Computes random variates and bandit choices independently of the library.
 
-Everything is written down here a second time: the C library's rand_r, the variates made of it, the minimal standard
-generator, and the five agents. The results are what the tests compare the library with.
+Reimplements the C library's rand_r, the variates, the minimal standard generator and the five agents. The tests compare
+the library with the results.
 
-    tests/data/vectors/sampling.py            writes sampling.txt and agents.txt under tests/data/vectors/ anew
-    tests/data/vectors/sampling.py --check    compares them with what it would write
+    tests/data/vectors/sampling.py            rewrites sampling.txt and agents.txt next to this script
+    tests/data/vectors/sampling.py --check    compares the files with what it would write
 
-A file holds records: a name in brackets and then fields, each a name and values; a field that is repeated goes on.
-Doubles are hexadecimal and exact. Those of the committed files come from a log, an exp and a pow that are each within
-one unit of the last place, but another C library may round the last place differently: the check lets doubles differ
-by 4 such units, and everything else not at all. Python uses the mathematics of its C library.
+A file contains records: a name in brackets, then fields, each a name and values. A repeated field continues the one
+before. Doubles are hexadecimal and exact. Python uses log, exp and pow of its C library; each is within one unit in the
+last place, but libraries round differently. The check therefore lets doubles differ by 4 such units; everything else
+must be identical.
 """
 
 import argparse
@@ -21,9 +21,9 @@ import random
 import sys
 
 FOLDER = pathlib.Path(__file__).resolve().parent
-LAST_PLACES = 4  # how many units of the last place a double may be off on another platform
+LAST_PLACES = 4  # units in the last place by which a double may differ on another platform
 
-taken = set()  # the branches of the variates that were gone through
+taken = set()  # branches of the variates that were executed
 
 
 def take(branch):
@@ -34,7 +34,7 @@ def log(x):
     return math.log(x) if x > 0.0 else -math.inf
 
 
-# The C library's reentrant generator: three steps of one congruential engine give 11, 10 and 10 bits.
+# rand_r of the GNU C library: three steps of a linear congruential generator give 11, 10 and 10 bits.
 
 
 class RandR:
@@ -139,10 +139,10 @@ def random_beta(rand, a, b):
     return ga / (ga + gb)
 
 
-BRANCHES = 13  # how many take() there are above; the vectors must go through all of them
+BRANCHES = 13  # number of take() calls above; the vectors must execute all of them
 
 
-# The minimal standard generator and the canonical double made of two of its outputs.
+# The minimal standard generator, and the canonical double from two of its outputs.
 
 
 class MinimalStandard:
@@ -285,7 +285,7 @@ class Kalman(Agent):
         return {**super().state(), "mean": self.mean, "variance": self.variance}
 
 
-# What is written.
+# Output.
 
 
 def field(name, values, per_line):
@@ -295,7 +295,7 @@ def field(name, values, per_line):
 
 
 def characters(name, values):
-    """One character for each value, 100 in a line."""
+    """Yields lines of 100 values, one character each."""
     text = "".join(str(value) for value in values)
     assert len(text) == len(values)
     yield from field(name, [text[start : start + 100] for start in range(0, len(text), 100)], 1)
@@ -332,7 +332,7 @@ def agents():
         ("thompson", Thompson, 5, (1.0, 1.0), 0, 1),
         ("thompson", Thompson, 3, (0.5, 2.5), -1, 2),
     ]
-    # These settle soon without draws: they begin anew more often, and learn any action, not the one that they chose.
+    # These agents do not draw and soon settle on one action: use more, shorter runs, and let them learn random actions.
     for n in (2, 3, 5, 8, 10):
         cases.append(("softmax", Softmax, n, (0.5,), 0, 5))
         cases.append(("softmax", Softmax, n, (0.02,), -4, 4))
@@ -344,7 +344,7 @@ def agents():
         rand = RandR(1)
         agent = kind(n, rand, *parameters)
         draws = name in ("epsilon-greedy", "thompson")
-        bias = [2.0 * chance.random() for _ in range(n)]  # the lower, the better the rewards of the action
+        bias = [2.0 * chance.random() for _ in range(n)]  # lower values give the action better rewards
         choices, updates, rewards = [], [], []
         for _ in range(2000 if draws else 200):
             choice = agent.choose()
@@ -389,7 +389,7 @@ def check(path, made):
     for number, (committed, new) in enumerate(zip(committed_lines, made_lines), start=1):
         old_words, new_words = committed.split(" "), new.split(" ")
         if len(old_words) != len(new_words) or not all(map(same, old_words, new_words)):
-            sys.exit(f"{path}:{number}: {committed}\nbut made anew:  {new}")
+            sys.exit(f"{path}:{number}: {committed}\nnow written:     {new}")
 
 
 def main():

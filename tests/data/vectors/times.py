@@ -1,21 +1,21 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: Apache-2.0
-"""Makes the time vectors that ContextStringTimeTest reads: local time by Python's own reading of the zones' rules.
+"""Writes the time vectors that ContextStringTimeTest reads. Local times come from Python's zoneinfo.
 
-    tests/data/vectors/times.py           writes tests/data/vectors/time-*.tsv anew
-    tests/data/vectors/times.py --check   compares them with what it would write
+    tests/data/vectors/times.py           rewrites tests/data/vectors/time-*.tsv
+    tests/data/vectors/times.py --check   compares the files with what it would write
 
-Needs Python 3.10 and the system's zone files; nothing is drawn at random, so every run gives the same bytes.
+Needs Python 3.10 and the system's zone files. Nothing is random: every run writes the same bytes.
 
-time-texts.tsv: a zone (what TZ is set to), seconds since the epoch, their compact form and their display form.
+time-texts.tsv: a zone (the value of TZ), seconds since the epoch, their compact form and their display form.
 
-time-parses.tsv: a zone, the present moment, a text in the compact form, and what becomes of it:
-  looked_up   seconds, daylight saving looked up for the date; "a|b" where a change of the clock leaves two readings
-              to choose from; "-" for a text that is no time
-  cut         seconds, with the daylight-saving flag of the present moment
-  unadjusted  the same with the year counted from 1900 and the month from 0, "-" where that has no certain answer
+time-parses.tsv: a zone, the current time, a text in the compact form, and the results of parsing it:
+  looked_up   seconds, with the daylight-saving flag looked up for the date; "a|b" if the local time is ambiguous;
+              "-" if the text is not a time
+  cut         seconds, with the daylight-saving flag of the current time
+  unadjusted  like `cut`, with the year counted from 1900 and the month from 0; "-" if the result is not certain
   digits      the compact form of `cut` as a number
-A text to which the flag of the present moment gives no certain answer has no row.
+A text without a certain result for `cut` has no row.
 """
 
 import argparse
@@ -29,8 +29,8 @@ from zoneinfo import ZoneInfo
 FOLDER = pathlib.Path(__file__).resolve().parent
 EPOCH = datetime(1970, 1, 1)
 
-# Rules are valid for every year; of the named zones, whose past differs between issues of the zone files, only what is
-# well settled is asked for.
+# Rules are valid for every year. The past of named zones differs between releases of the zone files, so only
+# well-established times are used.
 RULES = [
     "UTC0",
     "JST-9",
@@ -51,17 +51,17 @@ NAMES = [
     "Pacific/Apia",
 ]
 
-# Not times, but texts that the position cut reads all the same.
+# Not valid times, but the parser by position accepts them.
 ODD_TEXTS = [
     "20240231000000",  # carries over into March
     "20230229120000",
     "20241301000000",  # into the next year
-    "20240001000000",  # into the year before
+    "20240001000000",  # into the previous year
     "20240300000000",
     "20240305246060",
     "20240305140799",
     "202403051407",  # no seconds
-    "2024030514070",  # half of them
+    "2024030514070",  # one digit of the seconds
     "20240305140709123",
     "2024 3 5 1 2 3",
     "2024-1-1-1-1-1",
@@ -73,7 +73,7 @@ ODD_TEXTS = [
 
 
 def zone_of_rule(rule):
-    """The zone of a TZ rule: a zone file that holds no changes, only the rule for what comes after them."""
+    """Returns the zone of a TZ rule: a zone file without transitions, with the rule as its footer."""
     header = struct.pack(">4sc15x6l", b"TZif", b"3", 0, 0, 0, 0, 1, 1)
     block = header + struct.pack(">lbb", 0, 0, 0) + b"\0"
     return ZoneInfo.from_file(io.BytesIO(block + block + b"\n" + rule.encode() + b"\n"), key=rule)
@@ -99,7 +99,7 @@ def display(time):
 
 
 def changes(zone, first, last):
-    """The seconds at which the offset changes between two moments."""
+    """Returns the seconds at which the offset changes, between two moments."""
     found = []
     day = 86400
     for start in range(first, last, day):
@@ -121,7 +121,7 @@ def looked_up(zone, local):
 
 
 def flagged(zone, local, is_saving):
-    """Seconds of a local time that is said to be daylight-saving time or not; None without a certain answer."""
+    """Returns the seconds of a local time with a given daylight-saving flag, or None if they are not certain."""
     fits = set()
     for fold in (0, 1):
         time = local.replace(tzinfo=zone, fold=fold)
@@ -138,7 +138,7 @@ def flagged(zone, local, is_saving):
 
 
 def number(piece):
-    """As `strtol` reads a piece in base 10."""
+    """Parses a piece as `strtol` does in base 10."""
     piece = piece.lstrip(" ")
     sign = piece[:1] if piece[:1] in ("+", "-") else ""
     digits = ""
@@ -167,7 +167,7 @@ def well_formed(text):
 
 
 def spread(first, last, count):
-    """Moments all over a range, the same in every run."""
+    """Yields moments spread over a range, the same in every run."""
     state = 12345
     for _ in range(count):
         state = (state * 6364136223846793005 + 1442695040888963407) % 2**64
@@ -215,7 +215,7 @@ def parse_rows(name, zone, first, last):
 def table(columns, make_rows):
     lines = ["\t".join(columns)]
     for rule in RULES:
-        # Where a rule has no daylight saving it holds before the epoch, too.
+        # A rule without daylight saving also applies before the epoch.
         first = 0 if "," in rule else -2000000000
         lines += ["\t".join(map(str, row)) for row in make_rows(rule, zone_of_rule(rule), first, 4000000000)]
     for name in NAMES:
