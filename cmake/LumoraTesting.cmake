@@ -111,7 +111,8 @@ function(lumora_add_script_test name label script)
     return()
   endif()
   add_test(NAME ${name} COMMAND ${LUMORA_PYTHON} ${script} ${arg_ARGUMENTS})
-  set_tests_properties(${name} PROPERTIES LABELS ${label} TIMEOUT 60)
+  set_tests_properties(${name} PROPERTIES LABELS ${label} TIMEOUT 60
+    ENVIRONMENT CMAKE_GENERATOR=${CMAKE_GENERATOR})  # of the projects that a test configures: make may be missing
 endfunction()
 
 # lumora_program(TARGET OUTPUT)

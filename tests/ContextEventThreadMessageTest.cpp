@@ -46,6 +46,10 @@ void* operator new(std::size_t size) {
     return block;
 }
 
+void* operator new(std::size_t size, const std::nothrow_t& /*tag*/) noexcept {
+    return std::malloc(size);
+}
+
 void operator delete(void* block) noexcept {
     Free(block);
 }
