@@ -43,13 +43,13 @@ enum ETimerEvent : int {
 /// with the wall clock and calls every callback, one at a time. SetTimer() and KillTimer() only queue requests to it.
 ///
 /// **Units.** Intervals and deadlines are whole seconds of `time()`. The first deadline counts from the second of the
-/// last check, so the first firing may come early: by up to one second and one tick, 1.25 s. Each later deadline counts
+/// last check, so the first firing may come up to 1.25 s early: one second and one tick. Each later deadline counts
 /// from the check that found the timer due.
 /// **Clock changes.** When the clock moves forward by more than 5 s between two checks, every deadline moves by the
-/// same amount and the info line "add offset %d" is logged. A callback that blocks for that long has the same effect,
-/// and so has a system suspend: a timer with 10 s left fires 10 s after the device wakes up, even after an hour of
-/// sleep. To act on the wall clock instead, set a short interval and compare `time()` in the callback. A suspend of up
-/// to 5 s counts as normal time. A step back is not compensated: every timer fires later by that amount.
+/// same amount and the info line "add offset %d" is logged. A callback that blocks for that long has the same effect.
+/// The same applies to a system suspend: a timer with 10 s left fires 10 s after the device wakes up, even after an
+/// hour of sleep. To act on the wall clock instead, set a short interval and compare `time()` in the callback. A
+/// suspend of up to 5 s counts as normal time. A step back is not compensated: every timer fires later by that amount.
 /// **Order.** Timers due at the same check fire in list order. A new timer is inserted before the first timer whose
 /// deadline is later at that moment, and never moves afterwards. Timers that are set with equal deadlines therefore
 /// fire in the order in which they were set.
