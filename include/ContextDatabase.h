@@ -98,8 +98,8 @@ public:
     /// Opens the database without a timer. Every write is immediate.
     ContextDatabase(std::string name, std::string createTableQuery);
 
-    /// Closes the database and stops the timer. Statements that were not flushed are lost. During a flush, each of them
-    /// logs "DB not opened yet", and "NOT matched any timer" may follow.
+    /// Closes the database and stops the timer. Statements that were not flushed are lost. During a flush, the
+    /// destructor makes each remaining statement log "DB not opened yet"; "NOT matched any timer" may follow.
     virtual ~ContextDatabase();
 
     ContextDatabase(const ContextDatabase&) = delete;
