@@ -10,25 +10,27 @@
 
 /// A JSON document, in which modules exchange data and the host receives results.
 ///
-/// A document either *owns* its value or is a *view* of a `Json::Value` owned elsewhere, for its whole life. Every
-/// method works on that value, called the *target*.
+/// A document either *owns* its value or is a *view* of a `Json::Value` owned elsewhere; only assignment changes this.
+/// Every method works on that value, called the *target*.
 ///
 /// A key is one plain member name, without path or index syntax; a dot has no special meaning. To reach a nested
 /// member, take a sub-document. **Every method that takes a key, getters included, inserts a null member when the key
-/// is absent**, and first turns a null target into an object. Only IsValid() and RemoveMember() remove that member
-/// again. Reading an absent key therefore changes the document and its MakeStr().
+/// is absent**, and first turns a null target into an object. Of these methods, only IsValid() and RemoveMember()
+/// remove that member again. Reading an absent key therefore changes the document and its MakeStr().
 ///
 /// **Ownership.** The owner keeps a viewed value, which must outlive the view. A copy of an owning document owns a deep
-/// copy; a copy of a view is another view of the same value. A view from GetValuePtr() is valid until its element is
-/// removed, reassigned or cleared, or the document is destroyed.
+/// copy; a copy of a view is another view of the same value. Assignment does the same: it can make an owning document a
+/// view, or a view an owning document, and never writes to the value that a view showed before. A view from
+/// GetValuePtr() is valid until its element is removed, a value that contains the element is replaced or cleared, or
+/// the document is destroyed.
 /// **Threads.** One thread at a time; using a view counts as using the document that it views. No locking.
 /// **Errors.** MakeData() returns false; nothing else reports a failure. Kinds and conversions are jsoncpp's and differ
 /// slightly between its versions, for example in whether a whole number is a double. Misuse fails as in jsoncpp, with
 /// an assertion or an exception that is not caught: a key on an array or a scalar, an index on an object, Clear() of a
 /// scalar, a conversion that is not possible. jsoncpp 1.9.5 throws `Json::LogicError` for all of these.
-/// **Limits.** jsoncpp 1.9.5 parses 1000 levels of nesting; one more and MakeData() throws `Json::RuntimeError`. Catch
-/// it if the text comes from outside. MakeStr() has no limit and recurses once per level: on a PC a document of 100 000
-/// levels, which only code can build, overflows the stack.
+/// **Limits.** jsoncpp 1.9.5 parses at most 1000 levels of nesting; for deeper text MakeData() throws
+/// `Json::RuntimeError`. Catch it if the text comes from outside. MakeStr() has no limit and recurses once per level:
+/// on a PC a document of 100 000 levels, which only code can build, overflows the stack.
 /// @ingroup document
 class LUMORA_API ContextData {
 public:
@@ -100,8 +102,8 @@ public:
     int GetSize(const char* key);
 
     /// Takes a sub-document. The result depends on whether this document owns its value.
-    /// @return an owning copy of the member when this document owns its value, but of the member's *element 0* when
-    ///         this document is a view (a null member then becomes an array of one null).
+    /// @return an owning copy: of the member if this document owns its value, but of the member's *element 0* if this
+    ///         document is a view (a null member then becomes an array of one null).
     ContextData GetValue(const char* key);
 
     /// Takes one element of an array as a sub-document.
@@ -114,7 +116,7 @@ public:
     ContextData GetValuePtr(const char* key, int index);
 
     /// @name Typed reading by key
-    /// Each returns the stated default when the member is absent or of another kind.
+    /// Each except GetValueUInt64() returns the stated default when the member is absent or of another kind.
     /// @{
     std::string GetValueStr(const char* key);    ///< else ""
     std::string GetValueStr2(const char* key);   ///< else "NULL", also for an empty string

@@ -46,8 +46,8 @@ struct struct_query_set {
 /// The path is kDataDirectory, one more "/", and the name given to the constructor. Opening creates a missing file,
 /// checks its integrity and runs the statement that creates its table.
 ///
-/// **Healing, and what it costs.** A fault of the file or a failed *write* causes a reset: the file and its journal
-/// are deleted and created again, **empty**. Faults are a damaged file, a file that cannot be opened, and a symbolic
+/// **Healing, and what it costs.** A fault of the file or a failed *write* causes a reset: the file and its journal are
+/// deleted, and an **empty** file is created. Faults are a damaged file, a file that cannot be opened, and a symbolic
 /// link at the path (the link is deleted, never followed). A write fails when its text is empty or does not compile, a
 /// value cannot be bound, a constraint is violated, the statement yields a row, the disk is full, or another process
 /// locks the file. To keep your data, write statements that cannot fail, such as `INSERT OR IGNORE` and
@@ -60,15 +60,16 @@ struct struct_query_set {
 /// - *One process per file.* If others must lock it for a short time, run `PRAGMA busy_timeout = <ms>` through
 ///   SelectQuery(): a write then waits, and with it all databases. Run it again after every reset.
 /// - *No fork.* In a child process the flush timer does not run, a lock held by another thread at the time of the fork
-///   is never released, and destroying an object with a timer crashes. The child must only call `exec` or `_exit`.
-/// - *No empty name.* For "" the reset removes the data directory, if it is empty, and creates a file in its place.
-/// - *Waiting.* Deferring a write blocks while any database of the process flushes: 0.4 to 1 s for 500 inserts on a
-///   PC, but 4 to 19 ms when they are in one transaction.
+///   is never released, and destroying an object with a timer is undefined. The child must only call `exec` or `_exit`.
+/// - *No empty name.* With the name "" a reset removes the data directory, if it is empty, and creates a file in its
+///   place.
+/// - *Waiting.* Deferring a write blocks while any database of the process flushes: 0.4 to 1 s for 500 inserts on a PC,
+///   but 4 to 19 ms when they are in one transaction.
 /// - *64-bit values.* `long` has 32 bits on the device. Pass larger numbers as text: an INTEGER column converts them;
 ///   elsewhere write `CAST(? AS INTEGER)`.
 /// - *Concurrent failures.* A write that fails while another thread resets the database returns before the reset ends.
-///   Until then the database is closed for a moment, and other statements log "DB not opened yet" and are lost.
-/// - *No memory for the timer.* Every write is then immediate.
+///   The reset closes the database for a moment; other statements then log "DB not opened yet" and are lost.
+/// - *No memory for the timer.* If the timer cannot be allocated, every write is immediate.
 ///
 /// **Units.** The flush interval is in seconds.
 /// **Ownership.** Query texts and values are copied, except a `SQL_CSTRING` value: only the pointer is copied, and a
@@ -90,14 +91,15 @@ public:
     /// @param name              the file name, relative to kDataDirectory.
     /// @param createTableQuery  run at every opening; only the first statement of the text is run. A failure resets the
     ///                          database, so a text that is empty or always fails wipes the file at every opening.
-    /// @param interval          seconds between two flushes. For 0 nothing is deferred, but the timer runs; for a
+    /// @param interval          seconds between two flushes. With 0 nothing is deferred, but the timer runs; with a
     ///                          negative interval every tick flushes.
     ContextDatabase(std::string name, std::string createTableQuery, int interval);
 
     /// Opens the database without a timer. Every write is immediate.
     ContextDatabase(std::string name, std::string createTableQuery);
 
-    /// Closes the database and stops the timer. Statements that were not flushed are lost.
+    /// Closes the database and stops the timer. Statements that were not flushed are lost. During a flush, the
+    /// destructor makes each remaining statement log "DB not opened yet"; "NOT matched any timer" may follow.
     virtual ~ContextDatabase();
 
     ContextDatabase(const ContextDatabase&) = delete;
@@ -126,18 +128,19 @@ public:
     /// @param query      the statement; if there are several, only the first is run. Null logs "query is NULL" and does
     ///                   not reset.
     /// @param values     its values; parameters without a value are NULL.
-    /// @param immediate  true runs the statement before the call returns, as an interval of 0 always does.
+    /// @param immediate  true runs the statement before the call returns. With an interval of 0, false does the same.
     void ExecuteQuery(const char* query, const ValueList& values, bool immediate);
 
     /// Runs a query, or a PRAGMA, and appends its rows. Never resets.
     /// @param query   the query; if there are several, only the first is run.
     /// @param values  its values; parameters without a value are NULL.
-    /// @param rows    one map per row is appended, from column name to text. An integer is **cut to 32 bits**; text
+    /// @param rows    one map from column name to text is appended for each row. An integer is **cut to 32 bits**; text
     ///                ends at its first zero byte; a real, a blob and NULL become an empty text. Select
-    ///                `CAST(x AS TEXT)` to keep such a value. Of several columns with one name the last is kept.
+    ///                `CAST(x AS TEXT)` to keep such a value. If several columns have the same name, the last one is
+    ///                kept.
     /// @return false when the query does not compile ("error select %s" is logged) or a value cannot be bound ("Failed
-    ///         to bind / Q[%s], V size[%d]"). Otherwise true, even when the database is closed ("DB not opened yet")
-    ///         and when an error, which is not reported, ends the rows early.
+    ///         to bind / Q[%s], V size[%d]"). Otherwise true, even when the database is closed ("DB not opened yet") or
+    ///         an unreported error ends the rows early.
     bool SelectQuery(const char* query, const ValueList& values, std::vector<std::map<std::string, std::string>>& rows);
 
     /// Deletes the file and its journal and opens an empty database. Returns at once while another reset is running.

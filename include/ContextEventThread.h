@@ -52,8 +52,8 @@ public:
 
     /// Queues a stop message after all queued events and blocks until the worker has reached it.
     ///
-    /// Every event queued before is served. An event pushed after the stop message is served only when its priority is
-    /// below 0, the priority of the stop message; otherwise it stays queued until a later Start().
+    /// Every event queued before the stop message is served. An event pushed after the stop message is served only when
+    /// its priority is below 0, the priority of the stop message; otherwise it stays queued until a later Start().
     /// @return true when the worker has stopped; false when it was not running ("Already Stopped" is logged) or no stop
     ///         message could be allocated ("Memory Allocation Fail" is logged; the worker continues).
     bool Stop();
@@ -75,7 +75,8 @@ public:
     /// Queues a message that the caller owns. Sets its `bStatic` and uses its other fields unchanged.
     ///
     /// The same message may be pushed again while it is queued; it is then served once for each push.
-    /// @return false when the worker is stopped ("Not Started!" is logged); a static event never waits for Start().
+    /// @return false when the worker is stopped ("Not Started!" is logged); unlike PushEvent(), this accepts no events
+    ///         before Start().
     bool PushStaticEvent(TEventMessage* message);
 
     /// Compares the priorities of two `TEventMessage`; this is the order of the queue.

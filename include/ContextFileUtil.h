@@ -7,7 +7,7 @@
 /// A test for symbolic links, a flush of all file systems, and a whole-file copy.
 ///
 /// **Threads.** Static functions without state: any thread.
-/// **Errors.** Nothing is logged; a failure that is not returned is not reported.
+/// **Errors.** Nothing is logged. Sync() and Copy() do not report failures.
 /// @ingroup base
 class LUMORA_API ContextFileUtil {
 public:

@@ -148,11 +148,12 @@ public:
     /// Converts big-endian UTF-16 to UTF-8. Note the argument order: the destination comes first.
     ///
     /// A zero unit is converted like any other and does not end the text. No terminator is added, and the length of the
-    /// result is not returned: zero the destination first, make it one byte too large, and measure the text in it.
+    /// result is not returned: zero the destination first, make it one byte larger than the text can be, and measure
+    /// the text afterwards.
     /// @param destination      receives the text.
     /// @param destinationSize  its size in bytes; three bytes per unit are always enough.
     /// @param source           the units; not modified.
-    /// @param sourceSize       their size in **bytes**, with the terminator if there is one.
+    /// @param sourceSize       their size in **bytes**. A terminator that is included in the size is converted too.
     /// @return false when the system has no converter ("Iconv open failed" is logged), and when the source is invalid,
     ///         ends within a character, or does not fit ("iconv failed: %d" with `errno`). Bytes written before the
     ///         failure stay in the destination.
@@ -166,7 +167,8 @@ public:
     static void TransStrExceptLF(unsigned short* text);
 
     /// Removes the line breaks of 16-bit text, as TransStrExceptLF() does, and converts the text to UTF-8.
-    /// @param text  up to its first zero unit, but later units must be valid too. At most 2^30 - 1 units.
+    /// @param text  only the part before its first zero unit is returned, but the units after it must be valid too. At
+    ///              most 2^30 - 1 units.
     /// @return the text; empty for an empty text, without memory for the conversion, and for text that is not valid
     ///         UTF-16, for example with half a surrogate pair at the end. Invalid text logs "convert name failed" after
     ///         the message of Unicode2Utf8().

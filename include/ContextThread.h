@@ -39,7 +39,7 @@ public:
     /// @return true when it has stopped; false when it was not running, which logs the error "Already Stopped".
     bool Stop();
 
-    /// Returns whether the body is to continue. Takes no lock.
+    /// Returns whether the body should continue. Takes no lock.
     /// @return true from a successful Start() until Stop().
     bool IsRuning() const { return m_bRunning; }
 

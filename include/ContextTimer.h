@@ -43,13 +43,13 @@ enum ETimerEvent : int {
 /// with the wall clock and calls every callback, one at a time. SetTimer() and KillTimer() only queue requests to it.
 ///
 /// **Units.** Intervals and deadlines are whole seconds of `time()`. The first deadline counts from the second of the
-/// last check, so the first firing may come up to one second early. Each later deadline counts from the check that
-/// found the timer due.
+/// last check, so the first firing may come up to 1.25 s early: one second and one tick. Each later deadline counts
+/// from the check that found the timer due.
 /// **Clock changes.** When the clock moves forward by more than 5 s between two checks, every deadline moves by the
-/// same amount and the info line "add offset %d" is logged. A callback that blocks for so long has the same effect. So
-/// does a system suspend: a timer with 10 s left fires 10 s after the device wakes up, even from an hour of sleep. To
-/// act on the wall clock instead, set a short interval and compare `time()` in the callback. A suspend of up to 5 s
-/// counts as normal time. A step back is not compensated: every timer fires later by that amount.
+/// same amount and the info line "add offset %d" is logged. A callback that blocks for that long has the same effect.
+/// The same applies to a system suspend: a timer with 10 s left fires 10 s after the device wakes up, even after an
+/// hour of sleep. To act on the wall clock instead, set a short interval and compare `time()` in the callback. A
+/// suspend of up to 5 s counts as normal time. A step back is not compensated: every timer fires later by that amount.
 /// **Order.** Timers due at the same check fire in list order. A new timer is inserted before the first timer whose
 /// deadline is later at that moment, and never moves afterwards. Timers that are set with equal deadlines therefore
 /// fire in the order in which they were set.
@@ -64,7 +64,7 @@ public:
     ContextTimer();
     ~ContextTimer() override;
 
-    /// Starts both threads and takes the present second as that of the last check.
+    /// Starts both threads and takes the current second as the time of the last check.
     ///
     /// Requests made before Start(), at most 16, take effect now. Timers from an earlier run keep their deadlines;
     /// those that passed in the meantime fire at the first tick.
@@ -76,8 +76,8 @@ public:
     bool Stop();
 
     /// Sets a timer that fires every `interval` seconds until it is killed.
-    /// @param interval  seconds; 0 fires on every tick, and so does an interval that ends after January 2038, when
-    ///                  32-bit seconds overflow.
+    /// @param interval  seconds. The timer fires on every tick if this is 0, or if the interval ends after January
+    ///                  2038, when 32-bit seconds overflow.
     /// @param callback  called on the event thread; it delays all other timers, and may set and kill timers. May be
     ///                  null.
     /// @param userData  passed to the callback.
@@ -103,7 +103,7 @@ private:
 protected:
     std::list<CTimerData*> m_timerList;         ///< used by the event thread only
     std::atomic<std::int32_t> m_lastCheckTime;  ///< seconds of `time()`
-    TEventMessage m_checkMessage;               ///< queued by the tick thread; outlives it
+    TEventMessage m_checkMessage;               ///< queued by the tick thread; outlives that thread
 };
 
 /// @}

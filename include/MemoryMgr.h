@@ -18,7 +18,7 @@
 ///
 /// The block pointer is the address that Allocate() returned, stored in 48 bits; on 32-bit systems its high part is 0.
 struct TMemHeader {
-    char szFileName[50];       ///< the caller's source file; has no terminator from 50 characters on
+    char szFileName[50];       ///< the caller's source file; 50 or more characters leave no terminator
     std::uint16_t nBlockHigh;  ///< bits 32 to 47 of the block pointer
     std::int32_t nLine;        ///< source line of the allocation
     std::uint32_t nSize;       ///< bytes requested
@@ -41,7 +41,8 @@ static_assert(sizeof(TMemHeader) == 64 && offsetof(TMemHeader, nBlockHigh) == 50
 /// totals have 32 bits and wrap around.
 /// **Ownership.** The host owns the manager. The destructor sets the instance to null, even if it is another manager;
 /// it neither stops the checker nor frees a block. Call Stop() first, which takes up to 2 seconds. Release every
-/// tracked block while its manager is the instance; later the block would be freed as a plain heap block.
+/// tracked block while its manager is the instance: afterwards Release() would wrongly pass it to `free` as a plain
+/// heap block.
 /// **Threads.** Allocate(), Release() and GetInstance() may be called from any thread. Allocate(), Release() and the
 /// checker hold one process-wide mutex. SetInstance() and the destructor take no lock and must not run at the same time
 /// as these.
@@ -74,8 +75,8 @@ public:
     ///                 null.
     static void Release(void* pointer);
 
-    /// The checker, run on the worker thread: checks at the start and then every 2 seconds, unless no instance is set.
-    /// Stop() waits until the current pause ends.
+    /// The checker, run on the worker thread: checks at the start and then every 2 seconds, as long as an instance is
+    /// set. Stop() waits until the current pause ends.
     void OnThread() override;
 
     /// @name The table

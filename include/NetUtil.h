@@ -42,8 +42,8 @@ public:
     /// @param bufSize  the size of `buf`; the text and its zero must be **smaller**.
     /// @param length   receives the length of the text, which is the header minus 1: -1 for a frame without payload. On
     ///                 failure it is the received header, or unchanged when no header was received.
-    /// @return 0 on success. -1 when the peer closes or reading fails before the frame is complete, and when the header
-    ///         is negative or not smaller than `bufSize`; the payload is then not read. Nothing is logged.
+    /// @return 0 on success. -1 when the peer closes or reading fails before the frame is complete; also -1, without
+    ///         reading the payload, when the header is negative or not smaller than `bufSize`. Nothing is logged.
     static int getMessage(int fd, char* buf, int bufSize, int& length);
 
     /// Sends one frame, in one system call if the system accepts all of it.
@@ -64,7 +64,8 @@ public:
     /// when receiving fails, the payload is longer, or no memory is left.
     static void GetReply(int fd);
 
-    /// The same, but logs the debug line "%s [%d] : %s" with the label, the length and the text of the frame.
+    /// Receives a frame as GetReply(int) does, but logs the debug line "%s [%d] : %s" with the label, the length and
+    /// the text of the frame.
     /// @param fd     the socket.
     /// @param label  for "Return Code" or null the debug line is not logged.
     static void GetReply(int fd, const char* label);
@@ -105,8 +106,8 @@ public:
     /// Makes a socket listen, with a backlog of 128, and waits for a client.
     /// @param listenFd        a socket from BindPort(), below `FD_SETSIZE` (1024); otherwise waiting fails.
     /// @param timeoutSeconds  the time limit; 0 only accepts a client that is already waiting.
-    /// @return -1 after the time limit, which is not logged; -1 after the error "select error or timeout" when waiting
-    ///         fails, or after the error of AcceptNewSocketBlock().
+    /// @return -1 when the time limit passes, which is not logged; -1 after the error "select error or timeout" when
+    ///         waiting fails, or after the error of AcceptNewSocketBlock().
     static int AcceptNewSocket(int listenFd, int timeoutSeconds);
 
     /// Connects to a server, without a time limit of its own.
