@@ -40,7 +40,7 @@ LUMORA_API double Gauss();
 /// and the rejection method of Marsaglia and Tsang (2000) for shapes above 1.
 /// @tparam T     double; no other type is instantiated.
 /// @param shape  0 or more, and finite.
-/// @return 0 or more; below `shape - 1/3` for shapes above 1, below 1 for other shapes. The textbook variate has no
+/// @return 0 or more; at most `shape - 1/3` for shapes above 1, below 1 for other shapes. The textbook variate has no
 ///         upper limit. NaN, without a draw, if the shape is negative or NaN.
 template <typename T>
 T StandardGamma(T shape);
@@ -53,7 +53,8 @@ T StandardGamma(T shape);
 /// @param a   0 or more, and finite.
 /// @param b   0 or more, and finite.
 /// @return 0 to 1. The textbook RandomBeta(1.0, 1.0) is uniform; this one favours the middle. NaN if a parameter is
-///         negative or NaN, or if both are 0.
+///         negative or NaN, or if both are 0. It can also be NaN if both are below about 1e-307, where the calculation
+///         overflows.
 template <typename T>
 T RandomBeta(const T& a, const T& b);
 
