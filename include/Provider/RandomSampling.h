@@ -10,9 +10,9 @@
 /// @name Random variates
 /// Random numbers for the bandit agents.
 ///
-/// All draws of a process, including those of the agents, advance one shared state of the C library's `rand_r`. It is
-/// initially 1 and cannot be set: processes that make the same draws get the same variates. The functions do not
-/// touch the state of the C library's `rand`.
+/// All draws by these functions, EpsilonGreedyAgent and ThomsonSamplingAgent advance one state of the C library's
+/// `rand_r`, which the whole process shares. It is initially 1 and cannot be set: processes that make the same draws
+/// get the same variates. The functions do not touch the state of the C library's `rand`.
 ///
 /// **Range.** RandomDouble() returns values in the *lower half* of the unit interval only. All other variates derive
 /// from it and therefore differ from the textbook distributions, as each function states. Agents and hosts rely on
