@@ -21,7 +21,8 @@ lumora_find_tool(LUMORA_PYTHON python3 python3)
 lumora_find_tool(LUMORA_ABIDIFF abidiff abigail-tools)
 lumora_find_tool(LUMORA_CLANG clang++ clang)
 
-# Not a package: tests that use the data directory get one of their own, in a mount namespace. Containers often forbid it.
+# Not a package: tests that use the data directory get a private one, in a mount namespace. Containers often forbid
+# namespaces.
 if(NOT DEFINED LUMORA_MOUNT_NAMESPACE)
   execute_process(COMMAND ${PROJECT_SOURCE_DIR}/scripts/with-data-directory --fresh ${PROJECT_BINARY_DIR}/data true
     RESULT_VARIABLE status)
@@ -61,8 +62,9 @@ endfunction()
 # lumora_add_test(NAME [DATA_DIRECTORY] [SYSTEM_LOG] [ONE_THREAD] [TEST_DATA] [LIBRARIES ...])
 #
 # NAME.cpp links the shared library as a host does. DATA_DIRECTORY runs each of its cases in a mount namespace with an
-# empty data directory. SYSTEM_LOG also gives it a private /dev, and the library's log call instead of the test's own.
-# ONE_THREAD says that nothing in it can race: the race checker skips it. TEST_DATA tells it where tests/data is.
+# empty data directory. SYSTEM_LOG also gives it a private /dev, and the library's log call instead of the one in
+# tests/support. ONE_THREAD says that nothing in it can race: it is not built for the race checker. TEST_DATA tells it
+# where tests/data is.
 function(lumora_add_test name)
   cmake_parse_arguments(arg "DATA_DIRECTORY;SYSTEM_LOG;ONE_THREAD;TEST_DATA" "" "LIBRARIES" ${ARGN})
   if(arg_ONE_THREAD AND LUMORA_SANITIZE MATCHES "thread")
@@ -102,7 +104,8 @@ endfunction()
 
 # lumora_add_script_test(NAME LABEL SCRIPT [NEEDS TOOL ...] [ARGUMENTS ARGUMENT ...])
 #
-# SCRIPT is a Python program, relative to the caller's folder. Each TOOL is a variable of lumora_find_tool(); it need not name python3.
+# SCRIPT is a Python program, relative to the caller's folder. Each TOOL is a variable of lumora_find_tool(); python3 is
+# always needed and need not be listed.
 function(lumora_add_script_test name label script)
   cmake_parse_arguments(arg "" "" "NEEDS;ARGUMENTS" ${ARGN})
   cmake_path(ABSOLUTE_PATH script)
@@ -117,7 +120,7 @@ endfunction()
 
 # lumora_program(TARGET OUTPUT)
 #
-# Tells how another program starts TARGET: by its file, or by a script that calls the emulator.
+# Sets OUTPUT to the command that starts TARGET: its file, or a script that calls the emulator.
 function(lumora_program target output)
   if(CMAKE_CROSSCOMPILING_EMULATOR)
     list(JOIN CMAKE_CROSSCOMPILING_EMULATOR " " emulator)
@@ -130,8 +133,8 @@ function(lumora_program target output)
   endif()
 endfunction()
 
-# The race checker cannot see into GLib's futexes: programs that run under it carry the few calls that we use, written
-# on pthreads.
+# The race checker does not understand GLib's futexes, so programs that run under it link our implementation of the few
+# GLib calls that we use, which is based on pthreads.
 function(lumora_link_glib_on_pthreads target)
   if(TARGET lumora-test-glib)
     target_sources(${target} PRIVATE $<TARGET_OBJECTS:lumora-test-glib>)

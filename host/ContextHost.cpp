@@ -25,7 +25,7 @@ constexpr const char* kCreateTable =
     "start_time INTEGER, duration INTEGER, occurrence INTEGER, "
     "UNIQUE (start_time, unit_id, duration, occurrence, history, device_name, unit_name))";
 constexpr const char* kInsert = "INSERT OR IGNORE INTO usage VALUES (?, ?, ?, ?, ?, ?, ?)";
-// After each batch, its number is written into the file. A new file has 0, and so has a file that was reset.
+// After each batch, its number is written into the file. A new file has the number 0, and a reset makes a new file.
 constexpr const char* kReadMark = "PRAGMA user_version";
 constexpr const char* kSelectBlock =
     "SELECT rowid, unit_id, unit_name, device_name, start_time, duration FROM usage "
@@ -88,7 +88,7 @@ void ContextHost::ForEachBlock(const std::function<void(const std::vector<Curato
             record.SetUnitId(row["unit_id"]);
             record.SetUnitName(row["unit_name"]);
             record.SetUnitDeviceName(row["device_name"]);
-            // Of a record's texts, a ranking returns only the metadata: the name and the device are copied there.
+            // A ranking returns no texts but the id and the metadata, so the name and the device are copied there.
             record.m_strMetaData = row["unit_name"];
             record.m_strMetaDataSrc = row["device_name"];
             record.m_nStartTime = ContextString::string2int(row["start_time"]);

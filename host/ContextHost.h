@@ -30,7 +30,7 @@ public:
 
     /// Blocks until the last batch is in the file.
     /// @param onWait  called about every 20 ms while waiting.
-    /// @return false if a write failed, so that the batch is lost, or after two minutes.
+    /// @return false if a write failed, which loses the batch, or after two minutes.
     bool WaitForFlush(const std::function<void()>& onWait);
 
     /// @return whether every history has been published to its end.
@@ -61,7 +61,7 @@ private:
 
     ContextDatabase m_database;
     ContextSubjectFilter m_arrivals;
-    int m_batchNumber;  ///< of the last batch that ended; initially the mark in the file
+    int m_batchNumber;  ///< number of the last batch that ended; initially the one in the file
 };
 
 #endif  // CONTEXT_HOST_CONTEXT_HOST_H

@@ -52,7 +52,7 @@ constexpr const char* kDescription =
     "Only one context-host at a time can use a store. The stores are in\n"
     "  ";
 
-/// What GLib fills in; the strings are freed with it.
+/// The values that GLib parses. Frees the strings.
 struct Arguments {
     Arguments() = default;
     ~Arguments() {
@@ -89,7 +89,7 @@ std::string Parse(int argc, char** argv, Arguments& given, Options& options) {
         {"evaluate", 'e', 0, G_OPTION_ARG_NONE, &given.evaluate, "Measure how often the next use was predicted",
          nullptr},
         {"page", 'p', 0, G_OPTION_ARG_FILENAME, &given.page, "Also write a page for a browser", "FILE.html"},
-        {"serve", 's', 0, G_OPTION_ARG_INT, &given.port, "Answer context-query at PORT until interrupted", "PORT"},
+        {"serve", 's', 0, G_OPTION_ARG_INT, &given.port, "Answer context-query on PORT until interrupted", "PORT"},
         {"track-memory", 0, 0, G_OPTION_ARG_NONE, &given.trackMemory, "Track the host's own buffers; print counters",
          nullptr},
         {"database", 0, 0, G_OPTION_ARG_STRING, &given.database, "File name of the store (default: usage.db)", "NAME"},
@@ -111,7 +111,7 @@ std::string Parse(int argc, char** argv, Arguments& given, Options& options) {
     return message;
 }
 
-/// Copies what GLib has filled in, except the agent.
+/// Copies all parsed values except the agent.
 void Copy(const Arguments& given, Options& options) {
     options.weekly = given.weekly != FALSE;
     options.json = given.json != FALSE;
@@ -134,7 +134,8 @@ void Copy(const Arguments& given, Options& options) {
 /// @return the first rule that the options break; empty if there is none.
 std::string Check(const Options& options) {
     const std::pair<bool, const char*> rules[] = {
-        {options.weekly && options.agent != CURATOR_AGENT_DATE, "--weekly needs the agent date: drop one of the two"},
+        {options.weekly && options.agent != CURATOR_AGENT_DATE,
+         "--weekly needs the agent date: drop --weekly or --agent"},
         {options.evaluate && (options.weekly || options.json), "--evaluate cannot be combined with --weekly or --json"},
         {options.port && (options.evaluate || options.weekly || options.json || options.page),
          "--serve cannot be combined with --evaluate, --weekly, --json or --page"},

@@ -19,7 +19,7 @@ std::string InScript(const std::string& json) {
     for (const char character : json) {
         if (character == '<') {
             result += "\\u003c";
-        } else if (character != '\n') {  // ends the text
+        } else if (character != '\n') {  // the line feed at the end
             result += character;
         }
     }

@@ -33,7 +33,7 @@ public:
     RankingServer(UsageStore& store, int limit, int minDuration);
     ~RankingServer() override;
 
-    /// Listens at the port, on all interfaces, and starts the threads.
+    /// Listens on the port, on all interfaces, and starts the threads.
     /// @param port  0 lets the system choose one.
     /// @return the port, or -1.
     int Open(int port);

@@ -15,7 +15,7 @@ std::size_t WidthOf(int file);
 /// @return true if the file is a terminal that understands control sequences: TERM is set and not "dumb".
 bool IsSmart(int file);
 
-/// @return the text, in bold if standard output is such a terminal and NO_COLOR is empty or not set.
+/// @return the text, in bold if IsSmart() is true for standard output and NO_COLOR is empty or not set.
 std::string Heading(const std::string& text);
 
 /// @return the columns that UTF-8 text takes: two for a wide character, none for a combining one.

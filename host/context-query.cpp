@@ -64,7 +64,7 @@ int PortIn(const char* text) {
 /// @return the error, for the user; empty if there is none.
 std::string ParseCommandLine(int argc, char** argv, Query& query) {
     const std::unique_ptr<GOptionContext, decltype(&g_option_context_free)> context(
-        g_option_context_new("PORT REQUEST - ask a serving context-host and print its JSON answer"),
+        g_option_context_new("PORT REQUEST - query a running context-host --serve and print its JSON answer"),
         g_option_context_free);
     g_option_context_set_description(context.get(), kDescription);
     g_option_context_set_strict_posix(context.get(), TRUE);  // the words after the port belong to the request

@@ -32,7 +32,7 @@ namespace {
 constexpr std::size_t kBatchSize = 20000;
 
 volatile std::sig_atomic_t g_interrupted = 0;
-sem_t g_interrupt;  // wakes the service that waits for an interrupt
+sem_t g_interrupt;  // a service that waits for an interrupt blocks on this
 
 void CatchInterrupts() {
     sem_init(&g_interrupt, /*pshared=*/0, /*value=*/0);
@@ -47,7 +47,8 @@ void CatchInterrupts() {
     signal(SIGPIPE, SIG_IGN);  // a client may disconnect before its answer is sent
 }
 
-/// @return the error message for a file or folder that cannot be written. Reads errno.
+/// Reads errno.
+/// @return the error message for a file or folder that cannot be written.
 std::string CannotWrite(const std::string& path) {
     const int reason = errno;
     std::string message = "cannot write to " + path + ": " + g_strerror(reason);
@@ -60,8 +61,8 @@ std::string CannotWrite(const std::string& path) {
     return message;
 }
 
-/// Locks the store for the lifetime of the process, and checks that it is writable. A failed write, such as one that
-/// meets another process's lock, would wipe the file.
+/// Locks the store for the lifetime of the process, and checks that it is writable. A failed write, for example
+/// because another process locks the file, would wipe it.
 /// @return the error, for the user; empty if there is none.
 std::string LockStore(const std::string& database) {
     const std::string folder = ContextDatabase::kDataDirectory;
@@ -132,7 +133,7 @@ int Run(ContextHost& host, std::vector<HistoryProvider>& providers, const Option
                                               ": it is in use, or you may not open it; --serve 0 lets the system "
                                               "choose a port");
         }
-        std::fprintf(stderr, "serving at port %d; try: context-query %d rank mfu 3\n", port, port);
+        std::fprintf(stderr, "serving on port %d; try: context-query %d rank mfu 3\n", port, port);
     }
     if (!providers.empty()) {
         const int before = host.CountRecords();

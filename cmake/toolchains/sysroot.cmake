@@ -1,5 +1,5 @@
-# Shared by the toolchains for devices. LUMORA_ARCHITECTURE is Debian's name of the device, LUMORA_TRIPLET the prefix of
-# its tools and LUMORA_LIBRARIES the folder of its libraries. scripts/sysroot makes the sysroot.
+# Shared by the toolchains for devices. LUMORA_ARCHITECTURE is Debian's name for the architecture, LUMORA_TRIPLET the
+# prefix of its tools and LUMORA_LIBRARIES the folder of its libraries. scripts/sysroot makes the sysroot.
 set(CMAKE_SYSTEM_NAME Linux)
 set(LUMORA_SYSROOT ${CMAKE_CURRENT_LIST_DIR}/../../build/sysroot/${LUMORA_ARCHITECTURE})
 cmake_path(ABSOLUTE_PATH LUMORA_SYSROOT NORMALIZE)

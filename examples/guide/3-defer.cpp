@@ -26,7 +26,7 @@ int Count(ContextDatabase& database) {
     return rows.empty() ? 0 : ContextString::string2int(rows.front()["n"]);
 }
 
-// Waits for the last flush: what is still deferred when the database object is destroyed is lost.
+// Waits for the last flush: writes still deferred when the database object is destroyed are lost.
 bool WaitFor(ContextDatabase& database, int count) {
     for (int tries = 0; tries < 1000; ++tries) {
         if (Count(database) == count) {

@@ -21,7 +21,7 @@ constexpr const char* kCreate =
     "CREATE TABLE IF NOT EXISTS usage (unit TEXT, start INTEGER, seconds INTEGER, UNIQUE (start, unit))";
 constexpr const char* kInsert = "INSERT OR IGNORE INTO usage VALUES (?, ?, ?)";
 
-/// Stores what providers publish, learns it again every second, and answers with the ranking.
+/// Stores what providers publish, learns all of it again every second, and answers with the ranking.
 class Host : public IProvider, public AnswerServer {
 public:
     Host() : m_database("guide.db", kCreate, kSecond) { g_mutex_init(&m_mutex); }
@@ -53,7 +53,7 @@ public:
         }
     }
 
-    /// Waits until that many uses are stored and learnt.
+    /// Waits until `count` uses are stored and learnt.
     /// @return false after about ten seconds.
     bool WaitForUses(std::size_t count) {
         for (int tries = 0; tries < 1000; ++tries) {

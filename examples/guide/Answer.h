@@ -14,7 +14,7 @@ using Network::NetUtil;
 
 /// Answers every request of every client with Answer(), on its worker thread.
 ///
-/// The destructor of the derived class calls Stop(): this one runs when the derived object is already gone.
+/// A derived class must call Stop() in its destructor: when this destructor runs, the derived object is already gone.
 class AnswerServer : public ContextThread {
 public:
     ~AnswerServer() override {

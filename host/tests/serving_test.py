@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: Apache-2.0
-"""Serves rankings at a port, to context-query and to hostile clients.
+"""Serves rankings on a port, to context-query and to hostile clients.
 
   serving_test.py ROOT CONTEXT_HOST CONTEXT_QUERY
 """

@@ -10,7 +10,8 @@
 /// Arguments are passed unchanged and in the same order. The handler's result is returned unchanged, negative values
 /// included. The class only adds checks for a missing handler and a missing subject.
 ///
-/// **Ownership.** The host owns the handler, which must outlive the provider or be replaced before it is destroyed.
+/// **Ownership.** The host owns the handler. It must outlive the provider, unless SetProviderHandler() replaces it
+/// first.
 /// **Threads.** Each call runs on the caller's thread; no locking. Set the handler before using the provider.
 /// **Errors.** Without a handler every operation except AddInSubject() logs "m_pIProviderHandler is NULL". It then
 /// returns -5, except that KillTimer() returns true and Publish() returns nothing.
@@ -25,14 +26,15 @@ public:
     /// @param handler  not owned; null removes the handler.
     void SetProviderHandler(IProvider* handler);
 
-    /// Publishes a text. A literal `nullptr` for `data` is ambiguous; cast it to the intended type.
+    /// Publishes a text. A literal `nullptr` for `data` is ambiguous, here and in ProviderResponse(): cast it to
+    /// the intended type.
     void Publish(const char* subject, int code, const char* data, IProvider* provider);
 
     /// Publishes a pointer.
     void Publish(const char* subject, int code, void* data, IProvider* provider);
 
     /// Offers a subject. The handler receives this provider as its first argument. This operation alone does not check
-    /// the handler and crashes without one.
+    /// for a missing handler: without one it crashes, unless the subject is null.
     /// @param subject  null logs "subject is NULL"; the handler is not called.
     /// @return -5 for a null subject, else the handler's result.
     int AddInSubject(const char* subject);

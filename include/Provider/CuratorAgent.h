@@ -31,7 +31,7 @@ enum ECuratorAgentType : int {
 /// A date agent works in the local time of the process. It calls `tzset` in LearnHistory() and LearnHistorys(), so a
 /// change of `TZ` takes effect there.
 ///
-/// **Units.** Durations are seconds. Scores are seconds: since the epoch (MRU), of use (MFU), or of use and weighted
+/// **Units.** Durations are seconds. Scores are seconds: since the epoch (MRU), of use (MFU), or of weighted use
 /// (date).
 /// **Ownership.** The agent owns its units. It copies records in and out.
 /// **Threads.** Not thread-safe.
@@ -64,7 +64,7 @@ public:
     std::list<CuratorBaseData> RunCurate();
 
     /// Ranks all units for each hour of the week.
-    /// @return one ranking for each hour, with records as from RunCurate(). An agent of another type than date logs
+    /// @return one ranking for each hour, with records as from RunCurate(). An agent of any other type than date logs
     ///         "7x24 Not support! - Agent type is not DATE" and returns an empty grid.
     CuratorBaseData7x24 RunCurate7x24();
 
@@ -80,7 +80,7 @@ private:
     ECuratorAgentType m_eType;
     int m_nMaxResult;
     int m_nMinDuration;
-    std::vector<CCuratorBaseUnit*> m_vecUnits;  ///< owned; in order of first appearance; null if of an unknown type
+    std::vector<CCuratorBaseUnit*> m_vecUnits;  ///< owned; in order of first appearance; null for an unknown agent type
     std::unordered_map<std::string_view, CCuratorBaseUnit*>
         m_mapUnits;  ///< index of m_vecUnits; the units own the keys
 };

@@ -10,9 +10,9 @@
 /// @name Random variates
 /// Random numbers for the bandit agents.
 ///
-/// All draws of a process, including those of the agents, advance one shared state of the C library's `rand_r`. It is
-/// initially 1 and cannot be set: processes that make the same draws get the same variates. The functions do not
-/// touch the state of the C library's `rand`.
+/// All draws by these functions, EpsilonGreedyAgent and ThomsonSamplingAgent advance one state of the C library's
+/// `rand_r`, which the whole process shares. It is initially 1 and cannot be set: processes that make the same draws
+/// get the same variates. The functions do not touch the state of the C library's `rand`.
 ///
 /// **Range.** RandomDouble() returns values in the *lower half* of the unit interval only. All other variates derive
 /// from it and therefore differ from the textbook distributions, as each function states. Agents and hosts rely on
@@ -40,7 +40,7 @@ LUMORA_API double Gauss();
 /// and the rejection method of Marsaglia and Tsang (2000) for shapes above 1.
 /// @tparam T     double; no other type is instantiated.
 /// @param shape  0 or more, and finite.
-/// @return 0 or more; below `shape - 1/3` for shapes above 1, below 1 for other shapes. The textbook variate has no
+/// @return 0 or more; at most `shape - 1/3` for shapes above 1, below 1 for other shapes. The textbook variate has no
 ///         upper limit. NaN, without a draw, if the shape is negative or NaN.
 template <typename T>
 T StandardGamma(T shape);
@@ -53,7 +53,8 @@ T StandardGamma(T shape);
 /// @param a   0 or more, and finite.
 /// @param b   0 or more, and finite.
 /// @return 0 to 1. The textbook RandomBeta(1.0, 1.0) is uniform; this one favours the middle. NaN if a parameter is
-///         negative or NaN, or if both are 0.
+///         negative or NaN, or if both are 0. It can also be NaN if both are below about 1e-307, where the calculation
+///         overflows.
 template <typename T>
 T RandomBeta(const T& a, const T& b);
 

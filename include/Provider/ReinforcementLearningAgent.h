@@ -76,9 +76,10 @@ public:
     ~SoftmaxAgent() override;
 
     /// Chooses by the fixed draw.
-    /// @return the first action at which the cumulative probability exceeds the draw, or n - 1 if there is none. There
-    ///         is none without actions (the result is -1), if any exponential overflows (a mean reward above about 709
-    ///         temperatures), or if all of them underflow (every mean reward below about -745 temperatures).
+    /// @return the first action at which the cumulative probability exceeds the draw, or n - 1 if no action does. This
+    ///         happens if there are no actions (the result is -1), if an exponential or the sum of all exponentials
+    ///         overflows (as when a mean reward is above about 709 temperatures), or if all of them underflow (every
+    ///         mean reward below about -745 temperatures).
     int ChooseAction() override;
 
 protected:
@@ -124,9 +125,10 @@ protected:
 /// Tracks the value of each action with a one-dimensional Kalman filter, and chooses the action with the highest sample
 /// of its value.
 ///
-/// Two differences from the textbook are guaranteed. A reward is multiplied by 100 before it enters the mean. Every
-/// sample uses the same standard normal value, about -0.121966, and uses the *variance* as the standard deviation: the
-/// agent chooses the highest `mean - 0.121966 * variance`, which slightly favours actions with a small variance.
+/// Two differences from the textbook are guaranteed. A reward is multiplied by 100 before it enters the filter's mean.
+/// Every sample uses the same standard normal value, about -0.121966, and uses the *variance* as the standard
+/// deviation: the agent chooses the action with the highest `mean - 0.121966 * variance`, which slightly favours
+/// actions with a small variance.
 class LUMORA_API KalmanFilterAgent : public ReinforcementLearningAgent {
 public:
     /// Starts with the same mean and variance for every action.
