@@ -15,7 +15,7 @@
 
 namespace {
 
-/// What one pass over the store teaches.
+/// The results of one pass over the store.
 struct Findings {
     int recordCount = 0;
     std::unique_ptr<CCuratorAgent> agents[kAgentCount];  ///< by type; null if the options do not need it

@@ -28,7 +28,7 @@
 
 namespace {
 
-// Records per transaction. It limits the memory of the deferred statements.
+// Records per transaction. Limits the memory of the deferred statements.
 constexpr std::size_t kBatchSize = 20000;
 
 volatile std::sig_atomic_t g_interrupted = 0;

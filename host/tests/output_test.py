@@ -154,7 +154,7 @@ class OutputTest(HostCase):
         self.assertEqual(self.run_host("--agent", "mfu").stdout.count(self.NAMES[2].strip()), 2)
         self.assertIn("a\ufffd[31mb", self.run_host("--weekly").stdout)
 
-    def test_prints_bold_headings_only_where_wanted(self):
+    def test_bolds_headings_unless_no_color_or_dumb(self):
         self.run_host(self.write("a.csv", HEADER + "x,X,d,100,5\n"))
         plain = self.run_host().stdout
         for environment in ({"NO_COLOR": "1"}, {"TERM": "dumb"}, {"TERM": ""}):

@@ -206,11 +206,11 @@ class PageTest(unittest.TestCase):
         self.assertEqual(self.texts("#hour bdi"), self.ranking(2, 20))
         self.assertEqual(self.focused(), (2, 20))
         self.assertTrue(self.browser.run("const box = document.querySelector('.hour').getBoundingClientRect(); "
-                                         "return box.top >= 0 && box.bottom <= innerHeight + 1"), "visible")
+                                         "return box.top >= 0 && box.bottom <= innerHeight + 1"), "the ranking is visible")
         self.browser.press("ArrowDown")
         self.assertEqual(self.focused(), (2, 21))
         self.browser.resize(1280, 900)
-        self.assertEqual(self.focused(), (2, 21), "kept when the screen turns")
+        self.assertEqual(self.focused(), (2, 21), "the focus stays when the screen turns")
         self.browser.press("ArrowDown")
         self.assertEqual(self.focused(), (3, 21))
 
@@ -288,7 +288,7 @@ class PageTest(unittest.TestCase):
 
     # Accessibility.
 
-    def test_has_contrast_in_light_and_dark_mode(self):
+    def test_has_enough_contrast_in_light_and_dark_mode(self):
         colours = set()
         for dark in (False, True):
             for store in (self.real, self.many):
