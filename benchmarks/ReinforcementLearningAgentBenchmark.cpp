@@ -27,8 +27,8 @@ constexpr double kInitialVariance = 1.0;
 
 constexpr double kSoftmaxDraw = 0.13153778773876065;
 
-/// Gives the reward of an action: 1 if the number of rewards given so far, with this one, is a multiple of 2 for an even
-/// action or of 3 for an odd one, else 0.
+/// Gives the reward of an action: 1 if the number of rewards given so far, with this one, is a multiple of 2 for an
+/// even action or of 3 for an odd one, else 0.
 class Rewards {
 public:
     int Next(int action) { return ++m_given % (2 + action % 2) == 0; }

@@ -18,9 +18,9 @@ constexpr int kBlockSize = 4096;   // rows
 constexpr std::chrono::minutes kLongestFlush{2};
 constexpr gulong kPollMicroseconds = 20000;
 
-// A failed write wipes the database, so these statements are written not to fail on a working disk: the table is created
-// only if it is missing, and a record that is already stored is ignored. Equal rows of one history differ in their
-// occurrence.
+// A failed write wipes the database, so these statements are written not to fail on a working disk: the table is
+// created only if it is missing, and a record that is already stored is ignored. Equal rows of one history differ in
+// their occurrence.
 constexpr const char* kCreateTable =
     "CREATE TABLE IF NOT EXISTS usage (history TEXT, unit_id TEXT, unit_name TEXT, device_name TEXT, "
     "start_time INTEGER, duration INTEGER, occurrence INTEGER, "

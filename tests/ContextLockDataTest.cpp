@@ -56,8 +56,8 @@ public:
     OnCopy& operator=(const OnCopy&) = delete;
 };
 
-/// @return the number of bytes that malloc has allocated. It is always 0 under a sanitizer; the leak checker of the
-/// address sanitizer finds the same errors.
+/// @return the number of bytes that malloc has allocated. It is always 0 under a sanitizer, where LeakSanitizer
+/// finds the same errors.
 std::size_t HeapInUse() {
     const struct mallinfo2 heap = mallinfo2();
     return heap.uordblks + heap.hblkhd;

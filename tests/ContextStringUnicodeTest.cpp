@@ -1,5 +1,4 @@
 // SPDX-License-Identifier: Apache-2.0
-#include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <iconv.h>
 
@@ -14,6 +13,7 @@
 #include "CapturedLog.h"
 #include "ContextString.h"
 #include "FailingAllocation.h"
+#include "NextFunction.h"
 
 // Replaces the C library's iconv_open() and iconv_close(), for the library too: counts the converters, and makes
 // opening fail on demand.
@@ -25,26 +25,21 @@ std::atomic<int> g_closed{0};
 std::atomic<bool> g_isRefusing{false};
 std::string g_lastOpened;
 
-template <class Function>
-Function* Next(const char* name) {
-    return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
-}
-
 }  // namespace
 
 extern "C" iconv_t iconv_open(const char* to, const char* from) {
     g_lastOpened = std::string(from) + " to " + to;
     if (g_isRefusing) {
         errno = EINVAL;
-        return reinterpret_cast<iconv_t>(-1);  // NOLINT(performance-no-int-to-ptr): as POSIX has it
+        return reinterpret_cast<iconv_t>(-1);  // NOLINT(performance-no-int-to-ptr): defined by POSIX
     }
     ++g_opened;
-    return Next<iconv_t(const char*, const char*)>("iconv_open")(to, from);
+    return NextFunction<iconv_t(const char*, const char*)>("iconv_open")(to, from);
 }
 
 extern "C" int iconv_close(iconv_t converter) {
     ++g_closed;
-    return Next<int(iconv_t)>("iconv_close")(converter);
+    return NextFunction<int(iconv_t)>("iconv_close")(converter);
 }
 
 namespace {

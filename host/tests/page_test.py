@@ -206,7 +206,8 @@ class PageTest(unittest.TestCase):
         self.assertEqual(self.texts("#hour bdi"), self.ranking(2, 20))
         self.assertEqual(self.focused(), (2, 20))
         self.assertTrue(self.browser.run("const box = document.querySelector('.hour').getBoundingClientRect(); "
-                                         "return box.top >= 0 && box.bottom <= innerHeight + 1"), "the ranking is visible")
+                                         "return box.top >= 0 && box.bottom <= innerHeight + 1"),
+                        "the ranking is visible")
         self.browser.press("ArrowDown")
         self.assertEqual(self.focused(), (2, 21))
         self.browser.resize(1280, 900)

@@ -15,7 +15,7 @@
 
 namespace {
 
-/// @return an argument in the form in which calls are compared: a number or an address.
+/// @return an argument, a number or an address, as a value that can be compared.
 std::intptr_t Word(int number) {
     return number;
 }
@@ -83,7 +83,7 @@ public:
 
     std::vector<Call> m_calls;
     int m_result = 0;
-    char* m_written = nullptr;  ///< what ProviderRead() writes to its output argument
+    char* m_written = nullptr;  ///< the value that ProviderRead() writes to its output argument
 
 private:
     int Record(Call call) {
@@ -103,7 +103,7 @@ protected:
         std::function<int(CBaseProvider&)> call;  ///< calls it; returns its result, or 0 if it has none
         Call arrives;                             ///< the call that the handler must receive
         bool returnsNumber;                       ///< whether the method returns the handler's number unchanged
-        int withoutHandler;                       ///< what it returns without a handler
+        int withoutHandler;                       ///< the result without a handler
     };
 
     void SetUp() override { CapturedLog::Clear(); }
@@ -235,7 +235,7 @@ TEST_F(BaseProviderTest, ReturnsTextThatHandlerReads) {
     EXPECT_EQ(m_read, m_block);
 }
 
-TEST_F(BaseProviderTest, LogsMethodThatLacksHandler) {
+TEST_F(BaseProviderTest, LogsCalledMethodWithoutHandler) {
     CBaseProvider withoutHandler;
     for (const Row& row : ForwardingOperations()) {
         SCOPED_TRACE(row.name);

@@ -398,7 +398,7 @@ TEST_F(CuratorAgentTest, LogsAnUnknownTypeAndRanksNothing) {
         ExpectLogged("NewUnit_", "Error! curator agent type not found! [%d]",
                      "Error! curator agent type not found! [" + std::to_string(static_cast<int>(type)) + "]");
         agent.LearnHistorys({Usage("b", 0, 10), Usage("c", 0, 10)});
-        EXPECT_EQ(CapturedLog::Lines().size(), 3U) << "one line for each record";
+        EXPECT_EQ(CapturedLog::Lines().size(), 3U) << "not one line for each record";
         EXPECT_TRUE(agent.RunCurate().empty());
         agent.LearnHistory(Usage("a", 0, 10));
         EXPECT_TRUE(agent.RunCurate().empty());

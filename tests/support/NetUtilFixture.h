@@ -53,7 +53,7 @@ private:
     int m_fd;
 };
 
-/// Both ends of one connection: the library uses `near`, and the test plays the peer at `far`.
+/// Both ends of one connection: the library uses `near`, and the test uses `far` as the peer.
 class Connection {
 public:
     explicit Connection(int type = SOCK_STREAM) {
