@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "CapturedLog.h"
+#include "LogExpectation.h"
 
 namespace {
 
@@ -153,20 +154,6 @@ protected:
         };
     }
 
-    /// Expects exactly one line in the log: an error of the given method.
-    static void ExpectLogged(const std::string& method, const std::string& message) {
-        const std::vector<CapturedLog::Line> lines = CapturedLog::Lines();
-        ASSERT_EQ(lines.size(), 1U);
-        EXPECT_EQ(lines[0].buffer, 0);
-        EXPECT_EQ(lines[0].priority, 6);
-        EXPECT_EQ(lines[0].tag, "LMR_COMMON");
-        EXPECT_EQ(lines[0].file, "BaseProvider.cpp");
-        EXPECT_EQ(lines[0].function, method);
-        EXPECT_GT(lines[0].line, 0);
-        EXPECT_EQ(lines[0].format, message);
-        EXPECT_EQ(lines[0].message, message);
-    }
-
     RecordingHandler m_handler;
     RecordingHandler m_other;  ///< only passed as an argument
     CBaseProvider m_provider{&m_handler};
@@ -241,7 +228,7 @@ TEST_F(BaseProviderTest, LogsCalledMethodWithoutHandler) {
         SCOPED_TRACE(row.name);
         CapturedLog::Clear();
         EXPECT_EQ(row.call(withoutHandler), row.withoutHandler);
-        ExpectLogged(row.method, "m_pIProviderHandler is NULL");
+        ExpectOneLogLine(/*priority=*/6, "BaseProvider.cpp", row.method, "m_pIProviderHandler is NULL");
     }
     EXPECT_TRUE(m_handler.m_calls.empty());
 }
@@ -279,13 +266,13 @@ TEST_F(BaseProviderTest, AddInSubjectRefusesNullSubject) {
     m_handler.m_result = 9;
     EXPECT_EQ(m_provider.AddInSubject(nullptr), -5);
     EXPECT_TRUE(m_handler.m_calls.empty());
-    ExpectLogged("AddInSubject", "subject is NULL");
+    ExpectOneLogLine(/*priority=*/6, "BaseProvider.cpp", "AddInSubject", "subject is NULL");
 }
 
 TEST_F(BaseProviderTest, AddInSubjectChecksSubjectWithoutHandler) {
     CBaseProvider withoutHandler;
     EXPECT_EQ(withoutHandler.AddInSubject(nullptr), -5);
-    ExpectLogged("AddInSubject", "subject is NULL");
+    ExpectOneLogLine(/*priority=*/6, "BaseProvider.cpp", "AddInSubject", "subject is NULL");
 }
 
 // The caller must set a handler first: a null check here would change the promised behaviour.
