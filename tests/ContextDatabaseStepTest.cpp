@@ -129,7 +129,7 @@ TEST_F(ContextDatabaseStepTest, ForgetsTimerIdBeforeStoppingTimer) {
     StepsOf([&] { delete database; });
     g_beforeJoin = nullptr;
     EXPECT_EQ(CapturedLog::Messages(), Messages({"E NOT matched any timer", "E NOT matched any timer"}))
-        << "one line for each of the timer's two threads";
+        << "not one line for each of the timer's two threads";
 }
 
 }  // namespace

@@ -113,7 +113,7 @@ TEST(LayoutTest, KeepsFieldsOfTrackedMemory) {
     EXPECT_EQ(sizeof(TMemHeader), 64U);
     EXPECT_EQ(offsetof(TMemHeader, nLine), 52U);
     EXPECT_EQ(offsetof(TMemHeader, nSize), 56U);
-    EXPECT_EQ(offsetof(TMemHeader, nBlockLow), 60U) << "on the device, it holds the whole address of the block";
+    EXPECT_EQ(offsetof(TMemHeader, nBlockLow), 60U);  // on the device, the whole address of the block
     EXPECT_TRUE((std::is_base_of_v<ContextThread, CMemoryManager>));
     EXPECT_FIELDS(CMemoryManager, kEndOfThread, 64024, FIELD(CMemoryManager, m_nCount),
                   FIELD(CMemoryManager, m_nMaxSize), FIELD(CMemoryManager, m_nTotalSize),
