@@ -8,7 +8,7 @@
 #include "Comparison.h"
 #include "Provider/CuratorBaseData.h"
 
-// The reader and the writer that the document uses; newer series of jsoncpp mark them as deprecated.
+// The document uses Json::Reader and Json::FastWriter; newer versions of jsoncpp mark them as deprecated.
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
 
 namespace {

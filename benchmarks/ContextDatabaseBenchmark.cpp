@@ -70,7 +70,7 @@ std::string PathOf(const char* name) {
     return std::string(folder) + "/" + name;
 }
 
-/// Removes the file of that name.
+/// Removes the file with this name.
 /// @return the name.
 const char* Fresh(const char* name) {
     std::remove(PathOf(name).c_str());
@@ -96,7 +96,7 @@ private:
     ContextDatabase m_database;
 };
 
-/// The same with the C interface of SQLite: prepares, binds, steps and finalizes each statement.
+/// The same work with the C interface of SQLite: prepares, binds, steps and finalizes each statement.
 class Plain {
 public:
     explicit Plain(const char* name) {

@@ -54,7 +54,7 @@ private:
     Served m_served;
 };
 
-/// The same with GLib only.
+/// The same work with GLib only.
 class BareQueue {
 public:
     using PushCall = void (*)(GAsyncQueue*, void*);
@@ -111,7 +111,7 @@ private:
     GThread* m_thread;
 };
 
-/// The same with the standard library, without priorities.
+/// The same work with the standard library, without priorities.
 class StandardQueue {
 public:
     StandardQueue() : m_thread([this] { Run_(); }) {}
@@ -165,7 +165,7 @@ std::vector<int> Processors() {
     return processors;
 }
 
-/// Moves the calling thread to a processor; threads that it starts later inherit this.
+/// Moves the calling thread to a processor; threads that it starts later inherit the placement.
 void MoveTo(int processor) {
     cpu_set_t set;
     CPU_ZERO(&set);

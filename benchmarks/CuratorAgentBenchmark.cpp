@@ -140,7 +140,7 @@ CCuratorAgent& RankingAgent() {
     return *agent;
 }
 
-/// Scores of the same units, in the same order, for each hour of the week.
+/// Scores of the units of RankingAgent(), in the same order, for each hour of the week.
 std::vector<std::vector<double>> BareScores() {
     std::unordered_map<std::string, CCuratorDateUnit*> unitsById;
     std::vector<std::unique_ptr<CCuratorDateUnit>> units;

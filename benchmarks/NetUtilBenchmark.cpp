@@ -185,7 +185,7 @@ void CompareRoundTrips(const std::string& what, double fraction) {
         .Direct("write and read", kBound, RoundTrips<Bare>(fraction));
 }
 
-/// Threads started later inherit this.
+/// Keeps this thread, and the threads that it starts later, on the current processor.
 void StayOnThisProcessor() {
     cpu_set_t set;
     CPU_ZERO(&set);

@@ -14,7 +14,7 @@ namespace {
 
 constexpr double kBound = 1.00;
 
-/// Calls in a loop what `makeDraw` returns; each repetition makes a new one.
+/// Calls the draw that `makeDraw` returns in a loop. Each repetition makes a new draw.
 template <typename MakeDraw>
 Comparison::Body Draw(MakeDraw makeDraw) {
     return [makeDraw](benchmark::State& state) {

@@ -27,7 +27,8 @@ constexpr double kInitialVariance = 1.0;
 
 constexpr double kSoftmaxDraw = 0.13153778773876065;
 
-/// Gives the reward of an action: of even actions every second try succeeds, of odd ones every third.
+/// Gives the reward of an action: 1 if the number of rewards given so far, with this one, is a multiple of 2 for an
+/// even action or of 3 for an odd one, else 0.
 class Rewards {
 public:
     int Next(int action) { return ++m_given % (2 + action % 2) == 0; }
@@ -46,7 +47,7 @@ private:
     int m_given = 0;
 };
 
-/// Takes the place of the benchmark's state in a loop and records the actions of a fixed number of steps.
+/// Replaces benchmark::State in a loop: runs a fixed number of steps and records their actions.
 class Recording {
 public:
     struct Iterator {
@@ -115,7 +116,8 @@ int Highest(const std::vector<Value>& values) {
     return static_cast<int>(best);
 }
 
-/// What epsilon-greedy and softmax agents do before each choice; it takes most of the time of a small choice.
+/// Seeds `rand` as epsilon-greedy and softmax agents do before each choice. With few actions, this takes most of the
+/// time.
 void SeedRand() {
     std::srand(static_cast<unsigned int>(std::time(nullptr)));
 }
@@ -284,7 +286,7 @@ void Compare(const std::string& agent, int n, OurLoop ours, BareLoop bare) {
     Comparison(RowName(agent, n)).Ours(ours).Direct("bare arrays", kBound, bare);
 }
 
-/// Compares with a bare loop that seeds `rand` as the agent does, and shows its time without that.
+/// Compares with a bare loop that seeds `rand` as the agent does, and shows the time of the loop without seeding.
 template <typename OurLoop, typename BareLoop>
 void CompareSeeding(const std::string& agent, int n, OurLoop ours, BareLoop bare) {
     const auto seeding = [bare](auto& steps) { bare(steps, /*seedsRand=*/true); };

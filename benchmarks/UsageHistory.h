@@ -60,7 +60,7 @@ inline const std::vector<CuratorBaseData>& Music() {
     return records;
 }
 
-/// Sets the time zone of the process to the one of the history.
+/// Sets the time zone of the process to that of the history.
 inline void SetTimeZone() {
     setenv("TZ", "Europe/Copenhagen", /*overwrite=*/1);
     tzset();

@@ -73,7 +73,7 @@ def verdict(value, bound, spread=0.0):
 
 
 def lines_of(what, row):
-    """Returns the lines of one row: one for each use that ours is compared with."""
+    """Returns the lines of one row: one for each measurement that ours is compared with."""
     ours = row[0]
     if ours.role == "bytes":
         count, limit = ours.counters["bytes"], ours.counters["limit"]

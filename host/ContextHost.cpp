@@ -18,14 +18,15 @@ constexpr int kBlockSize = 4096;   // rows
 constexpr std::chrono::minutes kLongestFlush{2};
 constexpr gulong kPollMicroseconds = 20000;
 
-// A failed write wipes the database, so no statement here fails on a working disk: the table is created only if it is
-// missing, and a record that is already stored is ignored. Equal rows of one history differ in their occurrence.
+// A failed write wipes the database, so these statements are written not to fail on a working disk: the table is
+// created only if it is missing, and a record that is already stored is ignored. Equal rows of one history differ in
+// their occurrence.
 constexpr const char* kCreateTable =
     "CREATE TABLE IF NOT EXISTS usage (history TEXT, unit_id TEXT, unit_name TEXT, device_name TEXT, "
     "start_time INTEGER, duration INTEGER, occurrence INTEGER, "
     "UNIQUE (start_time, unit_id, duration, occurrence, history, device_name, unit_name))";
 constexpr const char* kInsert = "INSERT OR IGNORE INTO usage VALUES (?, ?, ?, ?, ?, ?, ?)";
-// After each batch, its number is written into the file. A new file has the number 0, and a reset makes a new file.
+// After each batch, its number is written to the file. The number is 0 in a file that is new or was reset.
 constexpr const char* kReadMark = "PRAGMA user_version";
 constexpr const char* kSelectBlock =
     "SELECT rowid, unit_id, unit_name, device_name, start_time, duration FROM usage "
@@ -88,7 +89,7 @@ void ContextHost::ForEachBlock(const std::function<void(const std::vector<Curato
             record.SetUnitId(row["unit_id"]);
             record.SetUnitName(row["unit_name"]);
             record.SetUnitDeviceName(row["device_name"]);
-            // A ranking returns no texts but the id and the metadata, so the name and the device are copied there.
+            // A ranking returns only the id and the metadata of a unit, so the name and the device are copied there.
             record.m_strMetaData = row["unit_name"];
             record.m_strMetaDataSrc = row["device_name"];
             record.m_nStartTime = ContextString::string2int(row["start_time"]);

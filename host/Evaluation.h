@@ -13,8 +13,8 @@
 
 /// Measures how well the rankings predict the next use.
 ///
-/// It replays a history. Before it learns a tested record, it looks up the place of the record's unit in every ranking,
-/// as learnt from all earlier records.
+/// Replays a history. Before it learns a tested record, it looks up the place of the record's unit in every ranking, as
+/// learnt from all earlier records.
 ///
 /// Each bandit agent chooses one of the rankings before every tested record. Its reward is 1 if the record's unit is
 /// among the first three of the chosen ranking, else 0.

@@ -52,7 +52,7 @@ constexpr const char* kDescription =
     "Only one context-host at a time can use a store. The stores are in\n"
     "  ";
 
-/// The values that GLib parses. Frees the strings.
+/// The variables that GLib fills in. Frees the strings.
 struct Arguments {
     Arguments() = default;
     ~Arguments() {
@@ -111,7 +111,7 @@ std::string Parse(int argc, char** argv, Arguments& given, Options& options) {
     return message;
 }
 
-/// Copies all parsed values except the agent.
+/// Copies the options that GLib has parsed, except the agent.
 void Copy(const Arguments& given, Options& options) {
     options.weekly = given.weekly != FALSE;
     options.json = given.json != FALSE;

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-/// What the command line asks for.
+/// The options of the command line.
 struct Options {
     ECuratorAgentType agent = CURATOR_AGENT_MFU;
     int max = 10;
@@ -17,7 +17,7 @@ struct Options {
     bool json = false;
     bool evaluate = false;
     bool trackMemory = false;
-    std::optional<int> port;          ///< to serve at
+    std::optional<int> port;          ///< the port to serve at
     std::optional<std::string> page;  ///< the file to write the page to
     std::string database = "usage.db";
     std::vector<std::string> files;

@@ -56,7 +56,7 @@ std::string RatesText(const std::vector<Evaluation::Result>& results) {
     return rates.MakeStr();
 }
 
-/// @return the name of the local time zone; browsers know the usual names.
+/// @return the name of the local time zone. Browsers know the usual names; the page falls back to UTC for others.
 std::string Zone() {
     const char* zone = g_getenv("TZ");
     if (zone != nullptr && *zone != '\0') {

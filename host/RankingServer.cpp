@@ -34,7 +34,7 @@ std::string Error(const char* text) {
     return answer.MakeStr();
 }
 
-/// @return the value of a text that is a whole number from 0, else nothing.
+/// @return the value of a text that is a whole number of at least 0, else nothing.
 std::optional<int> NumberIn(const std::string& text) {
     int number = 0;
     const char* end = text.data() + text.size();

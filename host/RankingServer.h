@@ -14,20 +14,20 @@
 #include "AgentName.h"
 #include "UsageStore.h"
 
-/// Answers requests for rankings, one client after the other.
+/// Answers requests for rankings, one client at a time.
 ///
 /// A request and its answer are one frame each. The requests are "rank mru", "rank mfu" and "rank date", each with an
 /// optional number of units; "weekly"; and "quit", which ends the connection. Answers are JSON text. The answer to an
 /// unknown request is {"error": ...}.
 ///
 /// A client is disconnected at once if it sends a frame that is too long, and at the next tick of the timer if it stays
-/// connected for more than five seconds. So the next client does not wait for long.
+/// connected for more than five seconds, so that the next client does not wait for long.
 ///
 /// **Threads.** Clients are served on a thread of the server. A timer thread checks once a second for new records and
 /// learns the whole store again if there are any.
 class RankingServer : public ContextThread {
 public:
-    /// @param store        outlives the server.
+    /// @param store        must outlive the server.
     /// @param limit        the largest number of units in one ranking.
     /// @param minDuration  seconds; shorter uses are ignored.
     RankingServer(UsageStore& store, int limit, int minDuration);

@@ -27,8 +27,8 @@ void PrintEvaluation(const std::vector<Evaluation::Result>& results, int recordC
 
 /// A progress bar on standard error.
 ///
-/// It is drawn only on a terminal that understands control sequences. On a narrow terminal it shows only the numbers.
-/// The destructor erases it.
+/// It is drawn only on a terminal that understands control sequences. A narrow terminal shows only the numbers. The
+/// destructor erases it.
 class ProgressBar {
 public:
     ProgressBar();
@@ -40,7 +40,7 @@ public:
 
 private:
     bool m_isEnabled;
-    int m_drawnSteps = -1;  ///< steps on the screen; -1 before the first drawing
+    int m_drawnSteps = -1;  ///< length of the bar on the screen; -1 before the first Draw()
 };
 
 }  // namespace Report

@@ -19,7 +19,7 @@ public:
     virtual int CountRecords() = 0;
 
     /// Reads every record, ordered by start time; records of the same second keep the order in which they were stored.
-    /// @param take  called once for each block of records, so that a long history need not fit into memory.
+    /// @param take  called with one block of records at a time, so that a long history need not fit into memory.
     virtual void ForEachBlock(const std::function<void(const std::vector<CuratorBaseData>&)>& take) = 0;
 };
 

@@ -43,7 +43,7 @@ constexpr const char* kDescription =
     "                                         8  standard output cannot be written\n";
 
 struct Query {
-    int port = 0;  ///< 0 if the command line names none from 1 to 65535
+    int port = 0;  ///< from 1 to 65535; 0 if the command line has no such number
     std::string request;
 };
 

@@ -28,7 +28,7 @@
 
 namespace {
 
-// Records per transaction. It limits the memory of the deferred statements.
+// Records per transaction. Limits the memory of the deferred statements.
 constexpr std::size_t kBatchSize = 20000;
 
 volatile std::sig_atomic_t g_interrupted = 0;
@@ -133,7 +133,7 @@ int Run(ContextHost& host, std::vector<HistoryProvider>& providers, const Option
                                               ": it is in use, or you may not open it; --serve 0 lets the system "
                                               "choose a port");
         }
-        std::fprintf(stderr, "serving on port %d; try: context-query %d rank mfu 3\n", port, port);
+        std::fprintf(stderr, "serving at port %d; try: context-query %d rank mfu 3\n", port, port);
     }
     if (!providers.empty()) {
         const int before = host.CountRecords();

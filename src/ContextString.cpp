@@ -278,7 +278,7 @@ std::string ContextString::Twstring2String(std::basic_string<unsigned short> tex
     if (HasLineBreak(text)) {
         TransStrExceptLF(units.get());
     }
-    // The size is the one before the removal, so the zeroed units after the new end are converted too.
+    // The size still counts the removed units, so the zeroed units after the new end are converted too.
     if (!Unicode2Utf8(utf8.get(), static_cast<unsigned int>(utf8Size), reinterpret_cast<char*>(units.get()),
                       static_cast<unsigned int>((length + 1) * sizeof(unsigned short)))) {
         LMR_LOG_ERROR("convert name failed");

@@ -40,7 +40,7 @@ inline std::tm Local(std::time_t seconds) {
     return localtime_r(&seconds, &time) != nullptr ? time : std::tm{};
 }
 
-/// @return what strftime() leaves in a buffer of this size, even when the text does not fit.
+/// @return the content of a buffer of this size after strftime(), even when the text does not fit.
 template <std::size_t Size>
 std::string Format(const char* form, const std::tm& time) {
     char buffer[Size] = {};
@@ -48,7 +48,7 @@ std::string Format(const char* form, const std::tm& time) {
     return {buffer, strnlen(buffer, Size)};
 }
 
-/// @return the present moment, with the six fields of a compact text replaced. Year and month are stored unadjusted.
+/// @return the current local time, with its six fields taken from a compact text. Year and month are stored unadjusted.
 inline std::tm CutUnadjusted(const std::string& text) {
     std::tm time = Local(std::time(nullptr));
     const Pieces pieces = Cut(text, kCompactStarts);
@@ -59,7 +59,7 @@ inline std::tm CutUnadjusted(const std::string& text) {
     return time;
 }
 
-/// The same, with year and month adjusted to `std::tm`.
+/// Like CutUnadjusted(), but with year and month adjusted to `std::tm`.
 inline std::tm CutTime(const std::string& text) {
     std::tm time = CutUnadjusted(text);
     time.tm_year -= 1900;

@@ -16,9 +16,9 @@ namespace {
 
 using namespace std::string_literals;
 
-// The tests avoid behaviour that differs between the series of jsoncpp: whether a whole number is a double, how a
-// double is written, what a key on an array does. Only the tests of zero bytes need a series that stores the length of
-// a string.
+// The tests avoid behaviour that differs between versions of jsoncpp: whether a whole number is a double, how a double
+// is written, what a key on an array does. Only the tests of zero bytes need a version that stores the length of a
+// string.
 
 Json::Value Unsigned(unsigned long long number) {
     return Json::Value(static_cast<Json::UInt64>(number));
@@ -40,7 +40,7 @@ TEST_P(ContextDataTest, ReturnsItsTarget) {
     EXPECT_STREQ(m_document.MakeStr(), "{\"a\":1}\n");
 }
 
-TEST_P(ContextDataTest, ClearKeepsTheKind) {
+TEST_P(ContextDataTest, ClearKeepsTheType) {
     for (const auto& [before, after] : {std::pair(R"({"a":1,"b":[2]})", "{}"), std::pair("{}", "{}"),
                                         std::pair(R"([1,{"a":2}])", "[]"), std::pair("[]", "[]")}) {
         Given(before);
@@ -294,7 +294,7 @@ TEST_P(ContextDataTest, CountsElementsAndMembers) {
     }
 }
 
-TEST_P(ContextDataTest, ReadsMembersOfTheRightKind) {
+TEST_P(ContextDataTest, ReadsMembersOfTheMatchingType) {
     Given(R"({"no":false,"s":"a \"text\"\n","yes":true})");
     m_document.SetValue("int", -5);
     m_document.SetValue("smallest", INT_MIN);
@@ -314,7 +314,7 @@ TEST_P(ContextDataTest, ReadsMembersOfTheRightKind) {
     EXPECT_FALSE(m_document.GetValueBool("no"));
 }
 
-TEST_P(ContextDataTest, ReadsZeroFromMembersOfAnotherKind) {
+TEST_P(ContextDataTest, ReadsDefaultsFromMembersOfAnotherType) {
     const std::string document = R"({"array":[1],"false":false,"int":-5,"null":null,"object":{"m":1},"real":2.5,)"
                                  R"("text":"7","true":true})";
     Given(document);
@@ -337,7 +337,7 @@ TEST_P(ContextDataTest, ReadsZeroFromMembersOfAnotherKind) {
     EXPECT_EQ(*Target(), Parse(document));
 }
 
-TEST_P(ContextDataTest, ReadsZeroFromAbsentMembers) {
+TEST_P(ContextDataTest, ReadsDefaultsFromAbsentMembers) {
     EXPECT_EQ(m_document.GetValueStr("a"), "");
     EXPECT_EQ(m_document.GetValueStr2("b"), "NULL");
     EXPECT_EQ(m_document.GetValueInt("c"), 0);
@@ -389,7 +389,7 @@ TEST_P(ContextDataTest, GetValueUInt64ConvertsNumbersAndBooleans) {
     }
 }
 
-TEST_P(ContextDataTest, LetsConversionExceptionsOfJsoncppPass) {
+TEST_P(ContextDataTest, PropagatesConversionExceptionsOfJsoncpp) {
     const char* before = R"({"array":[1],"object":{},"text":"7"})";
     Given(before);
     for (const char* key : {"text", "array", "object"}) {

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "ContextDatabase.h"
 
-#include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 
@@ -14,6 +13,7 @@
 #include <vector>
 
 #include "DatabaseFixture.h"
+#include "NextFunction.h"
 
 namespace {
 
@@ -22,7 +22,7 @@ std::optional<std::string> g_nextCheckRow;
 
 }  // namespace
 
-/// Replaces SQLite's function for the library, to report rows that SQLite itself never spells that way.
+/// Replaces SQLite's function for the library, to pass on rows that SQLite itself never reports.
 extern "C" int sqlite3_exec(sqlite3* database, const char* sql, int (*callback)(void*, int, char**, char**), void* data,
                             char** error) {
     if (g_nextCheckRow && std::string(sql) == "pragma integrity_check") {
@@ -33,7 +33,7 @@ extern "C" int sqlite3_exec(sqlite3* database, const char* sql, int (*callback)(
         char* names[] = {name};
         return callback(data, /*columnCount=*/1, values, names) == 0 ? SQLITE_OK : SQLITE_ABORT;
     }
-    static const auto next = reinterpret_cast<decltype(&sqlite3_exec)>(dlsym(RTLD_NEXT, "sqlite3_exec"));
+    static const auto next = NextFunction<decltype(sqlite3_exec)>("sqlite3_exec");
     return next(database, sql, callback, data, error);
 }
 

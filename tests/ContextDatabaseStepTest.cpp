@@ -1,5 +1,4 @@
 // SPDX-License-Identifier: Apache-2.0
-#include <dlfcn.h>
 #include <glib.h>
 #include <gtest/gtest.h>
 #include <sqlite3.h>
@@ -11,21 +10,17 @@
 #include "ContextDatabase.h"
 #include "ContextTimer.h"
 #include "DatabaseFixture.h"
+#include "NextFunction.h"
 
 // The order of the steps in which a database is constructed and destroyed. This program replaces the functions of GLib
-// and SQLite that the steps call, and records the calls of the test's own thread. It is not built for the race checker,
-// which replaces the same GLib functions.
+// and SQLite that the steps call, and records the calls of the test's own thread. It is not built for ThreadSanitizer,
+// where support/GLibOnPthreads.cpp replaces the same GLib functions.
 
 namespace {
 
 thread_local Messages* t_steps = nullptr;  ///< receives the calls of the thread; null records nothing
 TimerId g_timerId = 0;                     ///< the timer that was set last
 std::function<void()> g_beforeJoin;        ///< runs before every recorded g_thread_join(), if set
-
-template <class Function>
-Function* Next(const char* name) {
-    return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
-}
 
 void Record(const std::string& step) {
     if (t_steps != nullptr) {
@@ -37,7 +32,7 @@ void Record(const std::string& step) {
 
 GThread* g_thread_new(const gchar* name, GThreadFunc entry, gpointer data) {
     Record("start thread");
-    return Next<decltype(g_thread_new)>("g_thread_new")(name, entry, data);
+    return NextFunction<decltype(g_thread_new)>("g_thread_new")(name, entry, data);
 }
 
 gpointer g_thread_join(GThread* thread) {
@@ -45,7 +40,7 @@ gpointer g_thread_join(GThread* thread) {
     if (t_steps != nullptr && g_beforeJoin) {
         g_beforeJoin();
     }
-    return Next<decltype(g_thread_join)>("g_thread_join")(thread);
+    return NextFunction<decltype(g_thread_join)>("g_thread_join")(thread);
 }
 
 /// Queues the timer's requests, whose data belong to the event thread afterwards.
@@ -58,22 +53,22 @@ void g_async_queue_push_sorted(GAsyncQueue* queue, gpointer data, GCompareDataFu
     } else if (t_steps != nullptr && message->nEventId == TIMER_EVENT_REMOVE) {
         Record(*static_cast<const int*>(message->pData) == g_timerId ? "kill timer" : "kill another timer");
     }
-    Next<decltype(g_async_queue_push_sorted)>("g_async_queue_push_sorted")(queue, data, compare, userData);
+    NextFunction<decltype(g_async_queue_push_sorted)>("g_async_queue_push_sorted")(queue, data, compare, userData);
 }
 
 void g_async_queue_push(GAsyncQueue* queue, gpointer data) {
     Record("queue stop message");
-    Next<decltype(g_async_queue_push)>("g_async_queue_push")(queue, data);
+    NextFunction<decltype(g_async_queue_push)>("g_async_queue_push")(queue, data);
 }
 
 int sqlite3_open(const char* path, sqlite3** database) {
     Record("open");
-    return Next<decltype(sqlite3_open)>("sqlite3_open")(path, database);
+    return NextFunction<decltype(sqlite3_open)>("sqlite3_open")(path, database);
 }
 
 int sqlite3_close(sqlite3* database) {
     Record(database != nullptr ? "close" : "close nothing");
-    return Next<decltype(sqlite3_close)>("sqlite3_close")(database);
+    return NextFunction<decltype(sqlite3_close)>("sqlite3_close")(database);
 }
 
 namespace {
@@ -129,12 +124,12 @@ TEST_F(ContextDatabaseStepTest, ForgetsTimerIdBeforeStoppingTimer) {
     ContextDatabase* database = nullptr;
     StepsOf([&] { database = new ContextDatabase("x.db", kCreateTable, /*interval=*/3600); });
     database->OnTimerCb(g_timerId);
-    EXPECT_EQ(CapturedLog::Messages(), Messages()) << "the timer's id is not known";
+    EXPECT_EQ(CapturedLog::Messages(), Messages()) << "the recorded id is not the timer's";
     g_beforeJoin = [&] { database->OnTimerCb(g_timerId); };
     StepsOf([&] { delete database; });
     g_beforeJoin = nullptr;
     EXPECT_EQ(CapturedLog::Messages(), Messages({"E NOT matched any timer", "E NOT matched any timer"}))
-        << "one line for each of the timer's two threads";
+        << "not one line for each of the timer's two threads";
 }
 
 }  // namespace

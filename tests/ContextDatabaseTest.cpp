@@ -224,7 +224,7 @@ TEST_F(ContextDatabaseTest, DropsResetDuringReset) {
     ContextDatabase database("x.db", "CREATE TABLE IF NOT EXISTS t AS SELECT hold() AS id");
     StatementHold hold;
     Background reset([&] { database.ResetDatabase(); });
-    ASSERT_TRUE(hold.Wait()) << "the reset does not create the table";
+    ASSERT_TRUE(hold.Wait()) << "the reset did not create the table";
     database.ResetDatabase();
     EXPECT_TRUE(hold.IsHolding()) << "the second reset waited for the first one";
     hold.Release();

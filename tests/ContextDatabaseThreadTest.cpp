@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "ContextDatabase.h"
 
-#include <dlfcn.h>
 #include <glib.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
@@ -16,20 +15,22 @@
 #include <vector>
 
 #include "DatabaseFixture.h"
+#include "NextFunction.h"
 
 // The order of the library's mutexes. This program replaces GLib's lock calls and records, for each thread, which
 // mutexes it holds.
 
 namespace {
 
-/// The mutexes that a thread holds. Trivial, because a thread may still lock after its destructors have run.
+/// The mutexes that a thread holds. Trivial, because a thread may still lock after its thread-local destructors have
+/// run.
 struct HeldMutexes {
     const void* mutexes[32];
     std::size_t count;
 };
 
 thread_local HeldMutexes t_held{};
-thread_local const void* t_first = nullptr;  ///< the first mutex that the thread locked since this was null
+thread_local const void* t_first = nullptr;  ///< the first mutex that the thread locked since a test set this to null
 
 std::atomic<const void*> g_databaseMutex{nullptr};  ///< null until a test has learned its address
 std::atomic<const void*> g_querySetMutex{nullptr};  ///< likewise
@@ -71,7 +72,7 @@ const void* FirstMutexLockedBy(const std::function<void()>& call) {
 
 #ifdef LUMORA_TEST_WRAPS_PTHREAD_MUTEX
 
-// Under the race checker support/GLibOnPthreads.cpp replaces GLib's calls, and the linker redirects its pthread calls
+// Under ThreadSanitizer, support/GLibOnPthreads.cpp replaces GLib's calls, and the linker redirects its pthread calls
 // to these functions.
 
 extern "C" {
@@ -92,13 +93,13 @@ int __wrap_pthread_mutex_unlock(pthread_mutex_t* mutex) {
 #else
 
 void g_mutex_lock(GMutex* mutex) {
-    static const auto next = reinterpret_cast<decltype(&g_mutex_lock)>(dlsym(RTLD_NEXT, "g_mutex_lock"));
+    static const auto next = NextFunction<decltype(g_mutex_lock)>("g_mutex_lock");
     RecordLock(mutex);
     next(mutex);
 }
 
 void g_mutex_unlock(GMutex* mutex) {
-    static const auto next = reinterpret_cast<decltype(&g_mutex_unlock)>(dlsym(RTLD_NEXT, "g_mutex_unlock"));
+    static const auto next = NextFunction<decltype(g_mutex_unlock)>("g_mutex_unlock");
     RecordUnlock(mutex);
     next(mutex);
 }
@@ -216,7 +217,7 @@ TEST_F(ContextDatabaseThreadTest, SurvivesConcurrentWritesReadsAndResets) {
     CapturedLog::Clear();
     const auto work = [](ContextDatabase& database, const std::function<void()>& extra) {
         for (int round = 0; round < 15; ++round) {
-            Write(database, "INSERT INTO t (name) VALUES ('x')");  // every second one fails and resets
+            Write(database, "INSERT INTO t (name) VALUES ('x')");  // fails and resets if the name is already stored
             Defer(database, "INSERT OR IGNORE INTO t (name) VALUES ('y')");
             Rows rows;
             database.SelectQuery("SELECT * FROM t", {}, rows);

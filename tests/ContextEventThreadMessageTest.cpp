@@ -15,14 +15,14 @@
 #include "EventThreadFixture.h"
 #include "Waiting.h"
 
-// Who owns a message and who frees it.
+// The ownership of messages: which are freed, when and by whom.
 
 namespace {
 
 std::atomic<const void*> g_watchedBlock{nullptr};
 std::atomic<int> g_timesFreed{0};
 
-/// Counts from now on how often `block` is freed.
+/// Starts to count how often `block` is freed; null stops counting.
 void Watch(const void* block) {
     g_timesFreed = 0;
     g_watchedBlock = block;
@@ -163,7 +163,7 @@ TEST_F(ContextEventThreadMessageTest, AcceptsStaticMessageWhileWorkerReadsIt) {
     ASSERT_TRUE(m_recorder.Start());
     for (int push = 1; push <= 10; ++push) {
         ASSERT_TRUE(m_recorder.PushStaticEvent(&message));
-        // Relaxed, so that for a race checker this wait does not order the worker's read before the next push.
+        // Relaxed, so that ThreadSanitizer does not see this wait order the worker's read before the next push.
         ASSERT_TRUE(Waiting::Until([&] { return served.load(std::memory_order_relaxed) == push; }));
     }
 }

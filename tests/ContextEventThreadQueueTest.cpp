@@ -110,7 +110,7 @@ TEST_F(ContextEventThreadQueueTest, PassesIdAndDataUnchanged) {
     m_recorder.m_handler = [&](int eventId, void* pointer) { seen.emplace_back(eventId, pointer); };
     ASSERT_TRUE(m_recorder.Start());
     EXPECT_TRUE(m_recorder.PushEvent(INT_MIN, &data, 0));
-    EXPECT_TRUE(m_recorder.PushEvent(-1, nullptr, 0)) << "the id of the stop message is not reserved";
+    EXPECT_TRUE(m_recorder.PushEvent(-1, nullptr, 0));  // the id of the stop message is not reserved
     EXPECT_TRUE(m_recorder.PushEvent(INT_MAX, &seen, 0));
     ASSERT_TRUE(m_recorder.Stop());
     EXPECT_EQ(seen, (std::vector<std::pair<int, void*>>{{INT_MIN, &data}, {-1, nullptr}, {INT_MAX, &seen}}));
@@ -121,7 +121,7 @@ TEST_F(ContextEventThreadQueueTest, ServesPushesOfManyThreadsOneAtATime) {
     constexpr int kThreads = 4;
     constexpr int kEvents = 500;
     std::set<std::thread::id> servers;
-    int inside = 0;  // not atomic, so that a race checker reports two events that are served at once
+    int inside = 0;  // not atomic, so that ThreadSanitizer reports two events that are served at once
     bool overlapped = false;
     m_recorder.m_handler = [&](int, void*) {
         overlapped |= ++inside != 1;
@@ -279,7 +279,7 @@ TEST_F(ContextEventThreadQueueTest, ServesOnlyNegativePrioritiesAfterStopIsQueue
     std::thread stopper = StopAfter(1);
     EXPECT_TRUE(m_recorder.Push(2, -1));
     EXPECT_TRUE(m_recorder.Push(3, 0));
-    EXPECT_TRUE(m_recorder.Push(4, 4)) << "lower than the priority of event 1, but queued after the stop message";
+    EXPECT_TRUE(m_recorder.Push(4, 4));  // more urgent than event 1, but sorted after the stop message
     EXPECT_TRUE(m_recorder.Push(5, INT_MAX));
     EXPECT_TRUE(m_recorder.PushStaticEvent(&urgent));
     EXPECT_TRUE(m_recorder.PushStaticEvent(&late));

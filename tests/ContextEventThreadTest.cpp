@@ -41,7 +41,7 @@ TEST_F(ContextEventThreadTest, RunsFromStartToStop) {
     EXPECT_FALSE(m_recorder.IsRuning());
     EXPECT_EQ(m_recorder.Handle(), nullptr);
     EXPECT_EQ(m_recorder.QueueLength(), 0);
-    EXPECT_EQ(m_recorder.Served(), Ids{}) << "the stop message is not served as an event";
+    EXPECT_EQ(m_recorder.Served(), Ids{}) << "the stop message was served as an event";
     EXPECT_EQ(CapturedLog::Origins(), Strings{});
 }
 
@@ -80,7 +80,7 @@ TEST_F(ContextEventThreadTest, RefusesStopWhileStopped) {
     CapturedLog::Clear();
     EXPECT_FALSE(m_recorder.Stop());
     EXPECT_EQ(CapturedLog::Origins(), Strings{"6 ContextEventThread.cpp: Stop > Already Stopped"});
-    EXPECT_EQ(m_recorder.QueueLength(), 0) << "a refused stop queues nothing";
+    EXPECT_EQ(m_recorder.QueueLength(), 0) << "the refused stop queued a message";
 }
 
 TEST_F(ContextEventThreadTest, StartsNewThreadAfterStop) {
@@ -117,7 +117,7 @@ TEST_F(ContextEventThreadTest, EntryReturnsAtOnceWhileStopped) {
     ASSERT_TRUE(m_recorder.Push(7, 0));
     EXPECT_EQ(ContextEventThread::_Thread(static_cast<ContextEventThread*>(&m_recorder)), nullptr);
     EXPECT_EQ(m_recorder.Served(), Ids{});
-    EXPECT_EQ(m_recorder.QueueLength(), 1) << "the event stays queued";
+    EXPECT_EQ(m_recorder.QueueLength(), 1) << "the event was removed from the queue";
     EXPECT_EQ(m_recorder.PreStartCount(), 0U);
 }
 
@@ -157,7 +157,7 @@ TEST_F(ContextEventThreadTest, KeepsRunningIfStopAllocationFails) {
         const FailingAllocation failing;
         EXPECT_FALSE(m_recorder.Stop());
         TEventMessage message{1, nullptr, false, false, 0};
-        EXPECT_TRUE(m_recorder.PushStaticEvent(&message)) << "a static message is not allocated";
+        EXPECT_TRUE(m_recorder.PushStaticEvent(&message)) << "pushing a static message allocated memory";
         EXPECT_TRUE(m_recorder.WaitForServed(1));
     }
     EXPECT_EQ(CapturedLog::Origins(), Strings{"6 ContextEventThread.cpp: Stop > Memory Allocation Fail"});

@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "CapturedLog.h"
+#include "LogExpectation.h"
 #include "MutexCount.h"
 #include "Waiting.h"
 
@@ -56,8 +57,8 @@ public:
     OnCopy& operator=(const OnCopy&) = delete;
 };
 
-/// @return the number of bytes that malloc has allocated. It is always 0 under a sanitizer; the leak checker of the
-/// address sanitizer finds the same errors.
+/// @return the number of bytes that malloc has allocated. It is always 0 under a sanitizer, where LeakSanitizer
+/// finds the same errors.
 std::size_t HeapInUse() {
     const struct mallinfo2 heap = mallinfo2();
     return heap.uordblks + heap.hblkhd;
@@ -116,16 +117,7 @@ TEST_F(ContextLockDataTest, LogsAnEmptyArgumentAndDropsTheHeldString) {
         m_data.SetData(rejected);
         EXPECT_TRUE(m_data.IsEmpty());
         EXPECT_EQ(Take(m_data), "(null)");
-        const std::vector<CapturedLog::Line> lines = CapturedLog::Lines();
-        ASSERT_EQ(lines.size(), 1U);
-        EXPECT_EQ(lines[0].buffer, 0);
-        EXPECT_EQ(lines[0].priority, 6);
-        EXPECT_EQ(lines[0].tag, "LMR_COMMON");
-        EXPECT_EQ(lines[0].file, "ContextLockData.cpp");
-        EXPECT_EQ(lines[0].function, "SetData");
-        EXPECT_GT(lines[0].line, 0);
-        EXPECT_EQ(lines[0].format, "ContextLockData --> SetData Error");
-        EXPECT_EQ(lines[0].message, "ContextLockData --> SetData Error");
+        ExpectOneLogLine(/*priority=*/6, "ContextLockData.cpp", "SetData", "ContextLockData --> SetData Error");
     }
 }
 

@@ -51,7 +51,7 @@ std::vector<Row> ReadVectors(const std::string& name) {
 }
 
 /// @return `seconds` as a time_t, or -1 when a time_t cannot represent them.
-std::time_t Held(std::int64_t seconds) {
+std::time_t TimeOrMinusOne(std::int64_t seconds) {
     const bool fits =
         seconds >= std::numeric_limits<std::time_t>::min() && seconds <= std::numeric_limits<std::time_t>::max();
     return fits ? static_cast<std::time_t>(seconds) : -1;
@@ -92,7 +92,7 @@ protected:
 };
 
 TEST_F(ContextStringTimeTest, TimeIsAsWideAsLong) {
-    EXPECT_EQ(sizeof(std::time_t), sizeof(long)) << "on the device both have 32 bits";
+    EXPECT_EQ(sizeof(std::time_t), sizeof(long));  // on the device, both have 32 bits
 }
 
 // Writing
@@ -117,13 +117,13 @@ TEST_F(ContextStringTimeTest, FormatsTimesInManyZones) {
     EXPECT_TRUE(CapturedLog::Lines().empty());
 }
 
-TEST_F(ContextStringTimeTest, CompactFormTakesZeroAsTheEpoch) {
+TEST_F(ContextStringTimeTest, CompactFormTreatsZeroAsTheEpoch) {
     const TimeZone zone("UTC0");
     const Frozen clock(kSummer);
     EXPECT_EQ(ContextString::ConvertTimeFormat(0), "19700101000000");
 }
 
-TEST_F(ContextStringTimeTest, DisplayFormTakesZeroAsThePresentMoment) {
+TEST_F(ContextStringTimeTest, DisplayFormTreatsZeroAsTheCurrentTime) {
     const TimeZone zone("JST-9");
     const Frozen clock(1709615229);
     EXPECT_EQ(ContextString::ConvertUTCToLocaltime(0), "2024-03-05 14:07:09+0900");
@@ -227,7 +227,7 @@ TEST_F(ContextStringTimeTest, LeavesTheBufferOfLocaltimeUnchanged) {
 
 // Reading
 
-TEST_F(ContextStringTimeTest, ReadsTextsInManyZonesAtManyPresentMoments) {
+TEST_F(ContextStringTimeTest, ReadsTextsInManyZonesAtManyCurrentTimes) {
     const std::vector<Row> rows = ReadVectors("time-parses.tsv");
     ASSERT_GT(rows.size(), 1000U);
     for (const Row& row : rows) {
@@ -238,15 +238,16 @@ TEST_F(ContextStringTimeTest, ReadsTextsInManyZonesAtManyPresentMoments) {
         const Frozen clock(static_cast<std::time_t>(std::stoll(row[1])));
         if (row[3] != "-") {
             const auto bar = row[3].find('|');
-            const std::time_t first = Held(std::stoll(row[3]));
-            const std::time_t second = bar == std::string::npos ? first : Held(std::stoll(row[3].substr(bar + 1)));
+            const std::time_t first = TimeOrMinusOne(std::stoll(row[3]));
+            const std::time_t second =
+                bar == std::string::npos ? first : TimeOrMinusOne(std::stoll(row[3].substr(bar + 1)));
             const std::time_t read = ContextString::ConvertTimeStringToUTC(text);
             EXPECT_TRUE(read == first || read == second) << place << " gives " << read << " for " << row[3];
             EXPECT_EQ(ContextString::ConvertTimeStringToUTC(text.c_str()), read) << place;
         }
-        EXPECT_EQ(ContextString::stringToUTCTime(text), Held(std::stoll(row[4]))) << place;
+        EXPECT_EQ(ContextString::stringToUTCTime(text), TimeOrMinusOne(std::stoll(row[4]))) << place;
         if (row[5] != "-") {
-            EXPECT_EQ(ContextString::time_cal(text), Held(std::stoll(row[5]))) << place;
+            EXPECT_EQ(ContextString::time_cal(text), TimeOrMinusOne(std::stoll(row[5]))) << place;
         }
         EXPECT_EQ(ContextString::StringToUTC(text), Saturated(std::stoll(row[6]))) << place;
     }
@@ -261,7 +262,7 @@ TEST_F(ContextStringTimeTest, AppliesDaylightSavingOfTheDate) {
     }
 }
 
-TEST_F(ContextStringTimeTest, AppliesDaylightSavingOfThePresentMoment) {
+TEST_F(ContextStringTimeTest, AppliesDaylightSavingOfTheCurrentTime) {
     const TimeZone zone(kParis);
     {
         const Frozen clock(kWinter);
@@ -293,7 +294,7 @@ TEST_F(ContextStringTimeTest, ReadsTheEpoch) {
     EXPECT_EQ(ContextString::stringToUTCTime("19700101000000"), 0);
 }
 
-TEST_F(ContextStringTimeTest, CarriesOverflowingFieldsOver) {
+TEST_F(ContextStringTimeTest, CarriesOverflowIntoTheNextField) {
     const TimeZone zone("UTC0");
     const struct {
         const char* text;
@@ -352,8 +353,8 @@ TEST_F(ContextStringTimeTest, ThrowsWhenATextIsTooShortToCut) {
 TEST_F(ContextStringTimeTest, TimeCalReadsYearAndMonthUnadjusted) {
     const TimeZone zone("UTC0");
     const Frozen clock(kWinter);
-    EXPECT_EQ(ContextString::time_cal("20240305140709"), Held(61670470029));  // 5 April 3924
-    EXPECT_EQ(ContextString::time_cal("00700001000000"), 0);                  // year 70, month 0
+    EXPECT_EQ(ContextString::time_cal("20240305140709"), TimeOrMinusOne(61670470029));  // 5 April 3924
+    EXPECT_EQ(ContextString::time_cal("00700001000000"), 0);                            // year 70, month 0
     EXPECT_EQ(ContextString::time_cal("01240205140709"), 1709647629);
     EXPECT_TRUE(CapturedLog::Lines().empty());
 }
@@ -386,15 +387,17 @@ TEST_F(ContextStringTimeTest, ReadsTheLimitsOfA32BitTime) {
     for (const auto& row : rows) {
         const TimeZone zone(row.zone);
         const Frozen clock(kWinter);
-        EXPECT_EQ(ContextString::ConvertTimeStringToUTC(row.text), Held(row.seconds)) << row.zone << " " << row.text;
-        EXPECT_EQ(ContextString::stringToUTCTime(row.text), Held(row.seconds)) << row.zone << " " << row.text;
-        EXPECT_EQ(ContextString::time_cal(row.unadjusted), Held(row.seconds)) << row.zone << " " << row.unadjusted;
+        EXPECT_EQ(ContextString::ConvertTimeStringToUTC(row.text), TimeOrMinusOne(row.seconds))
+            << row.zone << " " << row.text;
+        EXPECT_EQ(ContextString::stringToUTCTime(row.text), TimeOrMinusOne(row.seconds)) << row.zone << " " << row.text;
+        EXPECT_EQ(ContextString::time_cal(row.unadjusted), TimeOrMinusOne(row.seconds))
+            << row.zone << " " << row.unadjusted;
     }
 }
 
-TEST_F(ContextStringTimeTest, LeavesDaylightSavingOutsideTheZoneToMktime) {
+TEST_F(ContextStringTimeTest, ResolvesAbolishedDaylightSavingAsMktimeDoes) {
     const TimeZone zone("America/Sao_Paulo");
-    const Frozen clock(1421323200);  // 15 January 2015, in daylight saving time; the zone has had none since 2019
+    const Frozen clock(1421323200);  // 15 January 2015, in daylight saving time; the zone abolished it in 2019
     std::tm time = BrokenDown(2035 - 1900, 2, 5, 14, 7, 9);
     time.tm_isdst = 1;
     EXPECT_EQ(ContextString::stringToUTCTime("20350305140709"), std::mktime(&time));
@@ -416,10 +419,11 @@ TEST_F(ContextStringTimeTest, ConvertsTheParsedPartOfAnInvalidText) {
         {"202403xx140709", 1709164800},
     };
     for (const auto& row : rows) {
-        EXPECT_EQ(ContextString::ConvertTimeStringToUTC(row.text), Held(row.seconds)) << row.text;
-        EXPECT_EQ(ContextString::ConvertTimeStringToUTC(std::string(row.text)), Held(row.seconds)) << row.text;
+        EXPECT_EQ(ContextString::ConvertTimeStringToUTC(row.text), TimeOrMinusOne(row.seconds)) << row.text;
+        EXPECT_EQ(ContextString::ConvertTimeStringToUTC(std::string(row.text)), TimeOrMinusOne(row.seconds))
+            << row.text;
     }
-    EXPECT_EQ(ContextString::ConvertTimeStringToUTC(static_cast<const char*>(nullptr)), Held(-2209075200));
+    EXPECT_EQ(ContextString::ConvertTimeStringToUTC(static_cast<const char*>(nullptr)), TimeOrMinusOne(-2209075200));
     EXPECT_EQ(ContextString::ConvertTimeStringToUTC("20240305\0"s + "140709"), 1709596800);
     EXPECT_TRUE(CapturedLog::Lines().empty());
 }
@@ -466,7 +470,7 @@ TEST_F(ContextStringTimeTest, ReturnsTheDigitsOfADateAsANumber) {
     EXPECT_EQ(ContextString::StringToUTC("20241301000000"), Saturated(20250101000000));
     EXPECT_EQ(ContextString::StringToUTC("20400101000000"), Saturated(20400101000000));
     EXPECT_EQ(ContextString::StringToUTC("-0010305140709"), kIsLongShort ? LONG_MIN : Saturated(-10305140709));
-    EXPECT_EQ(ContextString::StringToUTC("00000305140709"), 305140709) << "the year 0 has one digit";
+    EXPECT_EQ(ContextString::StringToUTC("00000305140709"), 305140709);  // the year 0 is written as one digit
 }
 
 TEST_F(ContextStringTimeTest, NormalisesOnlyDatesWithinTheRangeOfTime) {

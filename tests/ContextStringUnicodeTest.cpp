@@ -1,5 +1,4 @@
 // SPDX-License-Identifier: Apache-2.0
-#include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <iconv.h>
 
@@ -14,6 +13,8 @@
 #include "CapturedLog.h"
 #include "ContextString.h"
 #include "FailingAllocation.h"
+#include "LogExpectation.h"
+#include "NextFunction.h"
 
 // Replaces the C library's iconv_open() and iconv_close(), for the library too: counts the converters, and makes
 // opening fail on demand.
@@ -25,26 +26,21 @@ std::atomic<int> g_closed{0};
 std::atomic<bool> g_isRefusing{false};
 std::string g_lastOpened;
 
-template <class Function>
-Function* Next(const char* name) {
-    return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
-}
-
 }  // namespace
 
 extern "C" iconv_t iconv_open(const char* to, const char* from) {
     g_lastOpened = std::string(from) + " to " + to;
     if (g_isRefusing) {
         errno = EINVAL;
-        return reinterpret_cast<iconv_t>(-1);  // NOLINT(performance-no-int-to-ptr): as POSIX has it
+        return reinterpret_cast<iconv_t>(-1);  // NOLINT(performance-no-int-to-ptr): defined by POSIX
     }
     ++g_opened;
-    return Next<iconv_t(const char*, const char*)>("iconv_open")(to, from);
+    return NextFunction<iconv_t(const char*, const char*)>("iconv_open")(to, from);
 }
 
 extern "C" int iconv_close(iconv_t converter) {
     ++g_closed;
-    return Next<int(iconv_t)>("iconv_close")(converter);
+    return NextFunction<int(iconv_t)>("iconv_close")(converter);
 }
 
 namespace {
@@ -189,15 +185,11 @@ TEST_F(ContextStringUnicodeTest, LogsTheErrorAndKeepsThePartialConversion) {
         {"a low surrogate alone", "\0A\xDE\0\0B"s, 12, EILSEQ, "A###########"},
     };
     for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
         CapturedLog::Clear();
-        EXPECT_EQ(Convert(row.source, row.size), std::make_pair(false, std::string(row.destination))) << row.name;
-        const std::vector<CapturedLog::Line> lines = CapturedLog::Lines();
-        ASSERT_EQ(lines.size(), 1U) << row.name;
-        EXPECT_EQ(lines[0].priority, 6);
-        EXPECT_EQ(lines[0].file, "ContextString.cpp");
-        EXPECT_EQ(lines[0].function, "Unicode2Utf8");
-        EXPECT_EQ(lines[0].format, "iconv failed: %d");
-        EXPECT_EQ(lines[0].message, "iconv failed: " + std::to_string(row.error)) << row.name;
+        EXPECT_EQ(Convert(row.source, row.size), std::make_pair(false, std::string(row.destination)));
+        ExpectOneLogLine(/*priority=*/6, "ContextString.cpp", "Unicode2Utf8", "iconv failed: %d",
+                         "iconv failed: " + std::to_string(row.error));
     }
     EXPECT_EQ(g_opened, static_cast<int>(std::size(rows)));
 }
@@ -205,11 +197,7 @@ TEST_F(ContextStringUnicodeTest, LogsTheErrorAndKeepsThePartialConversion) {
 TEST_F(ContextStringUnicodeTest, LogsAConverterThatCannotBeOpened) {
     g_isRefusing = true;
     EXPECT_EQ(Convert("\0A"s, 12), std::make_pair(false, "############"s));
-    const std::vector<CapturedLog::Line> lines = CapturedLog::Lines();
-    ASSERT_EQ(lines.size(), 1U);
-    EXPECT_EQ(lines[0].priority, 6);
-    EXPECT_EQ(lines[0].function, "Unicode2Utf8");
-    EXPECT_EQ(lines[0].format, "Iconv open failed");
+    ExpectOneLogLine(/*priority=*/6, "ContextString.cpp", "Unicode2Utf8", "Iconv open failed");
     EXPECT_EQ(g_closed, 0);
 }
 
@@ -262,12 +250,7 @@ TEST_F(ContextStringUnicodeTest, FillsTheEndWithZerosOnADirtyHeap) {
 
 TEST_F(ContextStringUnicodeTest, WarnsAboutANullText) {
     ContextString::TransStrExceptLF(nullptr);
-    const std::vector<CapturedLog::Line> lines = CapturedLog::Lines();
-    ASSERT_EQ(lines.size(), 1U);
-    EXPECT_EQ(lines[0].priority, 5);
-    EXPECT_EQ(lines[0].file, "ContextString.cpp");
-    EXPECT_EQ(lines[0].function, "TransStrExceptLF");
-    EXPECT_EQ(lines[0].format, "srv Is NUll");
+    ExpectOneLogLine(/*priority=*/5, "ContextString.cpp", "TransStrExceptLF", "srv Is NUll");
 }
 
 TEST_F(ContextStringUnicodeTest, WarnsAndKeepsLineBreaksWhenOutOfMemory) {
@@ -276,11 +259,7 @@ TEST_F(ContextStringUnicodeTest, WarnsAndKeepsLineBreaksWhenOutOfMemory) {
         const FailingAllocation failing;
         EXPECT_EQ(WithoutLineBreaks(bytes), bytes);
     }
-    const std::vector<CapturedLog::Line> lines = CapturedLog::Lines();
-    ASSERT_EQ(lines.size(), 1U);
-    EXPECT_EQ(lines[0].priority, 5);
-    EXPECT_EQ(lines[0].function, "TransStrExceptLF");
-    EXPECT_EQ(lines[0].format, "new uint16_t[nLen] failed!");
+    ExpectOneLogLine(/*priority=*/5, "ContextString.cpp", "TransStrExceptLF", "new uint16_t[nLen] failed!");
 }
 
 // Twstring2String

@@ -64,7 +64,7 @@ TEST_F(ContextTimerDeadlineTest, ReadsClockOncePerCheck) {
     const CTimerData* next = Add({-1, 2, 0, nullptr, nullptr});
     Set("later", 4);
     RunTo(2);
-    EXPECT_EQ(next->expireTime, kStart + 4) << "counts from the beginning of the check";
+    EXPECT_EQ(next->expireTime, kStart + 4) << "the deadline does not count from the beginning of the check";
     EXPECT_EQ(Fired(), Strings{"slow@2"});
     Tick();
     EXPECT_EQ(Fired(), (Strings{"slow@2", "slow@5", "later@8"}));
@@ -88,7 +88,7 @@ TEST_F(ContextTimerDeadlineTest, SetsLastCheckTimeAfterCallbacks) {
     EXPECT_EQ(m_timer.LastCheckTime(), kStart + 3);
 }
 
-TEST_F(ContextTimerDeadlineTest, CheckOverwritesTimeOfStartRefusedMeanwhile) {
+TEST_F(ContextTimerDeadlineTest, CheckOverwritesTimeSetByRefusedStart) {
     Start();
     BlockInCallback();
     TestClock::Advance(60);
@@ -97,7 +97,7 @@ TEST_F(ContextTimerDeadlineTest, CheckOverwritesTimeOfStartRefusedMeanwhile) {
     EXPECT_EQ(m_timer.LastCheckTime(), kStart + 60);
     Unblock();
     Settle();
-    EXPECT_EQ(m_timer.LastCheckTime(), kStart) << "the second in which the check began";
+    EXPECT_EQ(m_timer.LastCheckTime(), kStart) << "not the second in which the check began";
     Tick();
     EXPECT_EQ(CapturedLog::Messages(), Strings{"I add offset 60"});
 }
@@ -262,7 +262,7 @@ TEST_F(ContextTimerDeadlineTest, FiresEverySecondAcrossOverflow) {
         EXPECT_EQ(Fired().size(), ++fired);
     }
     Tick();
-    EXPECT_EQ(Fired().size(), fired) << "once per second";
+    EXPECT_EQ(Fired().size(), fired) << "fired twice in one second";
     EXPECT_EQ(CapturedLog::Messages(), Strings{});
 }
 
@@ -301,7 +301,7 @@ TEST_F(ContextTimerDeadlineTest, MovesEveryDeadlineWithForwardJump) {
     Set("eight", 8);
     TickAt(1);
     TickAt(61);
-    EXPECT_EQ(Fired(), Strings{}) << "the jump alone fires no timer";
+    EXPECT_EQ(Fired(), Strings{}) << "the jump alone fired a timer";
     EXPECT_EQ(CapturedLog::Origins(), Strings{"4 ContextTimer.cpp: CheckTimer_ > add offset %d"});
     EXPECT_EQ(CapturedLog::Messages(), Strings{"I add offset 60"});
     RunTo(69);

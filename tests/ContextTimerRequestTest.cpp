@@ -38,7 +38,7 @@ using ContextTimerRequestTest = TimerTest;
 
 // Ids.
 
-TEST_F(ContextTimerRequestTest, GivesFirstTimersOfProcessIdsFromOne) {
+TEST_F(ContextTimerRequestTest, NumbersTimersFromOneInNewProcess) {
     EXPECT_EXIT(
         {
             ContextTimer other;
@@ -51,7 +51,7 @@ TEST_F(ContextTimerRequestTest, GivesFirstTimersOfProcessIdsFromOne) {
         ExitedWithCode(0), "ids 1 2 3\\.");
 }
 
-TEST_F(ContextTimerRequestTest, CountsIdsUp) {
+TEST_F(ContextTimerRequestTest, IncrementsIdForEachTimer) {
     const TimerId first = Set("first", 1);
     EXPECT_GE(first, 1);
     EXPECT_EQ(Set("second", 1), first + 1);
@@ -250,7 +250,7 @@ TEST_F(ContextTimerRequestTest, ServesRequestsOfManyThreadsWhileTicking) {
     Settle();
     const int before = calls;
     Tick();
-    EXPECT_EQ(calls, before) << "all of their timers were removed";
+    EXPECT_EQ(calls, before) << "a killed timer fired";
     EXPECT_EQ(Fired(), Strings(7, "stays@0"));
 }
 
@@ -261,11 +261,11 @@ TEST_F(ContextTimerRequestTest, AppliesRequestsMadeBeforeStart) {
     TestClock::Advance(100);
     Start();
     RunTo(106);
-    EXPECT_EQ(Fired(), (Strings{"timer@103", "timer@106"})) << "the interval counts from Start()";
+    EXPECT_EQ(Fired(), (Strings{"timer@103", "timer@106"})) << "the interval does not count from Start()";
     EXPECT_EQ(CapturedLog::Origins(), Strings{});
 }
 
-TEST_F(ContextTimerRequestTest, LosesSeventeenthTimerBeforeStart) {
+TEST_F(ContextTimerRequestTest, DropsSeventeenthTimerBeforeStart) {
     Strings expected;
     TimerId last = 0;
     for (int timer = 0; timer < 16; ++timer) {
@@ -274,7 +274,7 @@ TEST_F(ContextTimerRequestTest, LosesSeventeenthTimerBeforeStart) {
         expected.push_back(name + "@1");
     }
     EXPECT_EQ(CapturedLog::Origins(), Strings{});
-    EXPECT_EQ(Set("lost", 1), last + 1);
+    EXPECT_EQ(Set("dropped", 1), last + 1);
     EXPECT_EQ(CapturedLog::Origins(), Strings{"6 ContextEventThread.cpp: PushEvent > The Event Queue is overflow!!"});
     Start();
     EXPECT_EQ(Set("next", 100), last + 2);
@@ -282,7 +282,7 @@ TEST_F(ContextTimerRequestTest, LosesSeventeenthTimerBeforeStart) {
     EXPECT_EQ(Fired(), expected);
 }
 
-TEST_F(ContextTimerRequestTest, LosesSeventeenthKillBeforeStart) {
+TEST_F(ContextTimerRequestTest, DropsKillAfterSixteenRequestsBeforeStart) {
     const TimerId id = Set("timer", 1);
     for (int request = 2; request <= 16; ++request) {
         EXPECT_TRUE(m_timer.KillTimer(INT_MAX));

@@ -67,7 +67,7 @@ TEST_F(ContextTimerTest, ServesEveryCheckDelayedByLongCallback) {
     for (int check = 0; check < 3; ++check) {
         QueueCheck();
     }
-    EXPECT_EQ(Fired(), (Strings{"tick@0", "tick@0", "block@0"})) << "no other callback runs meanwhile";
+    EXPECT_EQ(Fired(), (Strings{"tick@0", "tick@0", "block@0"})) << "another callback ran meanwhile";
     Unblock();
     Settle();
     EXPECT_EQ(Fired(),
@@ -123,10 +123,10 @@ TEST_F(ContextTimerTest, KeepsTimersAndDeadlinesAcrossStop) {
     ASSERT_TRUE(m_timer.Stop());
     TestClock::Set(kStart + 195);
     Start();
-    EXPECT_EQ(Fired(), (Strings{"eight@195", "ten@195"})) << "timers whose deadline has passed fire at the first check";
+    EXPECT_EQ(Fired(), (Strings{"eight@195", "ten@195"})) << "not the timers whose deadlines had passed";
     RunTo(205);
     EXPECT_EQ(Fired(), (Strings{"eight@195", "ten@195", "two hundred@200", "eight@203", "ten@205"}));
-    EXPECT_EQ(CapturedLog::Origins(), Strings{}) << "the time between Stop() and Start() is not a jump";
+    EXPECT_EQ(CapturedLog::Origins(), Strings{}) << "the time between Stop() and Start() counted as a jump";
 }
 
 TEST_F(ContextTimerTest, StopServesQueuedRequestsFirst) {
@@ -136,7 +136,8 @@ TEST_F(ContextTimerTest, StopServesQueuedRequestsFirst) {
     Set("added", 1);
     EXPECT_TRUE(m_timer.KillTimer(killed));
     std::thread stopper([this] { EXPECT_TRUE(m_timer.Stop()); });
-    EXPECT_TRUE(Waiting::Until([this] { return m_timer.QueueLength() == 3; })) << "an add, a remove, the stop";
+    EXPECT_TRUE(Waiting::Until([this] { return m_timer.QueueLength() == 3; }))
+        << "not queued: an add, a remove, the stop";
     EXPECT_FALSE(m_timer.IsTicking());
     EXPECT_TRUE(m_timer.IsServing());
     Unblock();
@@ -152,7 +153,7 @@ TEST_F(ContextTimerTest, StopServesQueuedCheckFirst) {
     BlockInCallback();
     QueueCheck();
     std::thread stopper([this] { EXPECT_TRUE(m_timer.Stop()); });
-    EXPECT_TRUE(Waiting::Until([this] { return m_timer.QueueLength() == 2; })) << "the check, the stop";
+    EXPECT_TRUE(Waiting::Until([this] { return m_timer.QueueLength() == 2; })) << "not queued: the check, the stop";
     Unblock();
     stopper.join();
     EXPECT_EQ(Fired(), (Strings{"block@0", "block@0"}));
@@ -177,7 +178,7 @@ TEST_F(ContextTimerTest, RefusedStartSetsLastCheckTime) {
     CapturedLog::Clear();
     Tick();
     EXPECT_EQ(Fired(), Strings{"three@60"});
-    EXPECT_EQ(CapturedLog::Origins(), Strings{}) << "the refused start counts as the last check";
+    EXPECT_EQ(CapturedLog::Origins(), Strings{}) << "the refused start did not count as the last check";
 }
 
 TEST_F(ContextTimerTest, ContinuesCheckingDuringRefusedStarts) {
@@ -191,7 +192,7 @@ TEST_F(ContextTimerTest, ContinuesCheckingDuringRefusedStarts) {
     EXPECT_EQ(Fired(), Strings(11, "tick@0"));
 }
 
-TEST_F(ContextTimerTest, DoesNotTickIfEventSideAlreadyRuns) {
+TEST_F(ContextTimerTest, DoesNotTickIfEventThreadAlreadyRuns) {
     ASSERT_TRUE(m_timer.ContextEventThread::Start());
     EXPECT_FALSE(m_timer.Start());
     EXPECT_EQ(CapturedLog::Origins(), (Strings{"6 ContextEventThread.cpp: Start > Already Started",
@@ -200,7 +201,7 @@ TEST_F(ContextTimerTest, DoesNotTickIfEventSideAlreadyRuns) {
     EXPECT_TRUE(m_timer.IsServing());
 }
 
-TEST_F(ContextTimerTest, KeepsEventSideRunningIfTickSideStartFails) {
+TEST_F(ContextTimerTest, KeepsEventThreadRunningIfTickThreadStartFails) {
     Start();
     ASSERT_TRUE(m_timer.ContextEventThread::Stop());
     EXPECT_FALSE(m_timer.Start());
@@ -239,7 +240,7 @@ TEST_F(ContextTimerTest, RefusesStopWhileStopped) {
     EXPECT_EQ(CapturedLog::Origins(), refusal);
 }
 
-TEST_F(ContextTimerTest, KeepsEventSideRunningIfTickSideStopFails) {
+TEST_F(ContextTimerTest, KeepsEventThreadRunningIfTickThreadStopFails) {
     Start();
     ASSERT_TRUE(m_timer.ContextThread::Stop());
     EXPECT_FALSE(m_timer.Stop());
@@ -248,7 +249,7 @@ TEST_F(ContextTimerTest, KeepsEventSideRunningIfTickSideStopFails) {
     EXPECT_TRUE(m_timer.IsServing());
 }
 
-TEST_F(ContextTimerTest, StopsTickSideEvenIfEventSideStopFails) {
+TEST_F(ContextTimerTest, StopsTickThreadEvenIfEventThreadStopFails) {
     Start();
     ASSERT_TRUE(m_timer.ContextEventThread::Stop());
     QueueCheck();

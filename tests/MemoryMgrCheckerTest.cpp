@@ -36,7 +36,7 @@ public:
         m_changed.wait(lock, [this] { return m_allowed >= m_entered.size(); });
     }
 
-    /// Ends the current pause, or the next one if the checker does not pause.
+    /// Ends the current pause, or the next one if the checker is not pausing.
     void EndOne() { Allow(1); }
 
     /// Ends the current pause and all further ones.
@@ -217,7 +217,7 @@ TEST_F(MemoryMgrCheckerTest, SkipsCheckIfNoBlockIsCounted) {
     CMemoryManager::Release(block);
 }
 
-TEST_F(MemoryMgrCheckerTest, LogsFromComparingMethod) {
+TEST_F(MemoryMgrCheckerTest, LogsFromMethodThatFindsDamage) {
     void* block = Allocate();
     ++HeaderOf(block)->nLine;
     Check(m_manager);
@@ -264,12 +264,12 @@ TEST_F(MemoryMgrCheckerTest, ChecksAtStartAndEveryTwoSeconds) {
 TEST_F(MemoryMgrCheckerTest, UnlocksMutexDuringPause) {
     ASSERT_TRUE(m_manager.Start());
     ASSERT_TRUE(g_pauses.WaitFor(1));
-    ASSERT_TRUE(g_mutex_trylock(&OpenManager::m_mutex)) << "Allocate() and Release() would block";
+    ASSERT_TRUE(g_mutex_trylock(&OpenManager::m_mutex)) << "the checker holds the mutex while it pauses";
     g_mutex_unlock(&OpenManager::m_mutex);
     void* block = Allocate();
     EXPECT_NE(block, nullptr);
     CMemoryManager::Release(block);
-    EXPECT_EQ(g_pauses.Entered().size(), 1U) << "the pause has not ended";
+    EXPECT_EQ(g_pauses.Entered().size(), 1U) << "the pause ended";
 }
 
 TEST_F(MemoryMgrCheckerTest, DoesNotCheckWithoutInstance) {

@@ -18,7 +18,7 @@
 #include "CapturedLog.h"
 #include "MemoryFixture.h"
 
-// A sanitizer would end the program where the C library returns null.
+// By default, a sanitizer ends the program where the C library returns null.
 extern "C" const char* __asan_default_options() {
     return "allocator_may_return_null=1";
 }

@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <arpa/inet.h>
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
@@ -18,6 +17,7 @@
 #include "CapturedLog.h"
 #include "NetUtil.h"
 #include "NetUtilFixture.h"
+#include "NextFunction.h"
 
 // This program replaces calls of the C library, to record their arguments or to make them fail.
 
@@ -28,21 +28,17 @@ std::vector<timeval> g_limits;  ///< of every select()
 bool g_isSocketFailing = false;
 bool g_isSetsockoptFailing = false;
 
-template <class Function>
-Function* Next(const char* name) {
-    return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
-}
-
 }  // namespace
 
 extern "C" int listen(int fd, int backlog) noexcept {
     g_backlogs.push_back(backlog);
-    return Next<int(int, int)>("listen")(fd, backlog);
+    return NextFunction<int(int, int)>("listen")(fd, backlog);
 }
 
 extern "C" int select(int end, fd_set* readable, fd_set* writable, fd_set* failed, timeval* limit) {
     g_limits.push_back(*limit);
-    return Next<int(int, fd_set*, fd_set*, fd_set*, timeval*)>("select")(end, readable, writable, failed, limit);
+    return NextFunction<int(int, fd_set*, fd_set*, fd_set*, timeval*)>("select")(end, readable, writable, failed,
+                                                                                 limit);
 }
 
 extern "C" int socket(int domain, int type, int protocol) noexcept {
@@ -50,7 +46,7 @@ extern "C" int socket(int domain, int type, int protocol) noexcept {
         errno = EMFILE;
         return -1;
     }
-    return Next<int(int, int, int)>("socket")(domain, type, protocol);
+    return NextFunction<int(int, int, int)>("socket")(domain, type, protocol);
 }
 
 extern "C" int setsockopt(int fd, int level, int option, const void* value, socklen_t size) noexcept {
@@ -58,7 +54,7 @@ extern "C" int setsockopt(int fd, int level, int option, const void* value, sock
         errno = ENOBUFS;
         return -1;
     }
-    return Next<int(int, int, int, const void*, socklen_t)>("setsockopt")(fd, level, option, value, size);
+    return NextFunction<int(int, int, int, const void*, socklen_t)>("setsockopt")(fd, level, option, value, size);
 }
 
 namespace {

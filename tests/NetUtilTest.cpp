@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "NetUtil.h"
 
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
@@ -24,19 +23,21 @@
 #include "CapturedLog.h"
 #include "FailingAllocation.h"
 #include "NetUtilFixture.h"
+#include "NextFunction.h"
 #include "Waiting.h"
 
 namespace {
 
-/// What the next calls of writev() take, at most, in bytes; -1 fails. Without an entry they take everything.
+/// The most bytes that the next calls of writev() write; 0 and -1 are returned without writing. Without an entry, a
+/// call writes everything.
 std::vector<ssize_t> g_writes;
 
 }  // namespace
 
-/// Replaces the C library's call, to write only a part of the bytes or to fail.
+/// Replaces the C library's call, to write only part of the bytes or to fail.
 extern "C" ssize_t writev(int fd, const iovec* parts, int count) {
     if (g_writes.empty()) {
-        return reinterpret_cast<decltype(&writev)>(dlsym(RTLD_NEXT, "writev"))(fd, parts, count);
+        return NextFunction<decltype(writev)>("writev")(fd, parts, count);
     }
     const ssize_t most = g_writes.front();
     g_writes.erase(g_writes.begin());
@@ -60,7 +61,7 @@ using namespace std::string_literals;
 /// The size of the buffer that GetReply() uses: a payload must be smaller.
 constexpr int kReplyBufferSize = NetUtil::kMaxReplySize + 1;
 
-/// The functions that send, and what each sends for a text.
+/// The functions that send, and the bytes that each sends for a text.
 const struct {
     const char* name;
     std::function<bool(int fd, const std::string& text)> send;

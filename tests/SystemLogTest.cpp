@@ -17,7 +17,7 @@
 
 namespace {
 
-/// Plays the system's log daemon: listens at /dev/log in the test's private /dev.
+/// Acts as the system's log daemon: listens at /dev/log in the test's private /dev.
 class SystemLogTest : public ::testing::Test {
 protected:
     void SetUp() override {

@@ -8,7 +8,7 @@
 
 namespace {
 
-TEST(TimerMathTest, NextIdIsOneAfterLargestId) {
+TEST(TimerMathTest, NextIdIncrementsAndWrapsToOne) {
     const struct {
         std::int32_t last;
         std::int32_t next;

@@ -3,7 +3,7 @@
 //
 //   device-workload STEP
 //
-// Steps over a history of 54429 records, each including the ones before it: read, learn, rank, weekly, json.
+// Steps that process a history of 54429 records: read, learn, rank, weekly, json. Each includes the steps before it.
 // Other steps: nothing; events (10 000 events); database (opens a database); writes (opens it and makes 1 000 deferred
 // writes).
 

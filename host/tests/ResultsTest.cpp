@@ -41,7 +41,7 @@ protected:
     }
     ~ResultsTest() override { std::filesystem::remove_all(m_folder); }
 
-    /// @return what is printed on standard output.
+    /// @return the text printed on standard output.
     std::string Show(const Options& options) {
         testing::internal::CaptureStdout();
         testing::internal::CaptureStderr();
@@ -63,7 +63,7 @@ struct Case {
     bool weekly;
     bool json;
     bool evaluate;
-    const char* output;  ///< a part of what is printed
+    const char* output;  ///< must be part of the printed text
 
     Options AsOptions() const {
         Options options;
@@ -109,7 +109,7 @@ TEST_F(ResultsTest, ReadsTheStoreOnceForAPageAndTheOutput) {
     }
 }
 
-TEST_F(ResultsTest, WritesRankingsWithNamesAndTheEvaluation) {
+TEST_F(ResultsTest, WritesRankingsNamesAndEvaluationToThePage) {
     Options options;
     options.page = PagePath();
     Show(options);

@@ -70,7 +70,7 @@ class HostCase(unittest.TestCase):
         process = subprocess.Popen(self.command("--serve", 0, *arguments), stderr=subprocess.PIPE, encoding="utf-8",
                                    start_new_session=True, env={**os.environ, "TZ": "UTC"})
         try:
-            yield int(re.search(r"serving on port (\d+)", process.stderr.readline())[1]), process
+            yield int(re.search(r"serving at port (\d+)", process.stderr.readline())[1]), process
         finally:
             if process.poll() is None:
                 os.killpg(process.pid, signal.SIGTERM)

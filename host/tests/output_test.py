@@ -136,10 +136,10 @@ class OutputTest(HostCase):
                     rows = [line for line in lines if re.search(number, line)]
                     self.assertEqual(len(rows), {"--weekly": 24, "--evaluate": 8}.get(arguments[0], 5))
                     ends = {columns(row[:re.search(number, row).end()]) for row in rows}
-                    self.assertEqual(len(ends), 1, "the columns are aligned")
+                    self.assertEqual(len(ends), 1, "the columns are not aligned")
                     self.assertEqual("…" in text, width == 36 or width == 80 and "--evaluate" not in arguments)
         narrow = self.run_on_terminal(width=10, NO_COLOR="1")[0]
-        self.assertEqual(len(re.findall(r" \d+\.\d h$", narrow, re.M)), 5, "numbers are not cut")
+        self.assertEqual(len(re.findall(r" \d+\.\d h$", narrow, re.M)), 5, "a number was cut")
         wide = self.run_on_terminal(width=40, COLUMNS="300", NO_COLOR="1")[0]
         for name in self.NAMES[:4]:
             self.assertEqual(wide.count(name.strip()), 2)
@@ -154,7 +154,7 @@ class OutputTest(HostCase):
         self.assertEqual(self.run_host("--agent", "mfu").stdout.count(self.NAMES[2].strip()), 2)
         self.assertIn("a\ufffd[31mb", self.run_host("--weekly").stdout)
 
-    def test_prints_bold_headings_only_where_wanted(self):
+    def test_bolds_headings_unless_no_color_or_dumb(self):
         self.run_host(self.write("a.csv", HEADER + "x,X,d,100,5\n"))
         plain = self.run_host().stdout
         for environment in ({"NO_COLOR": "1"}, {"TERM": "dumb"}, {"TERM": ""}):
@@ -178,7 +178,7 @@ class OutputTest(HostCase):
                 self.assertEqual(result.stderr.count("\n"), 1)
                 self.assertIn("cannot write to standard output: free some space", result.stderr)
         self.assertEqual(self.run_with_output(">&- 2>&-").returncode, 8)
-        self.assertEqual((self.store / "usage.db.lock").read_bytes(), b"", "no other file took its place")
+        self.assertEqual((self.store / "usage.db.lock").read_bytes(), b"", "another file took its place")
         self.assertEqual(len(self.rows()), 1)
 
     def test_ends_quietly_when_its_reader_closes_the_pipe(self):

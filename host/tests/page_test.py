@@ -199,18 +199,19 @@ class PageTest(unittest.TestCase):
         cells = self.cells()
         for (day, hour), cell in cells.items():
             left, top, width, height = cell["box"]
-            self.assertGreaterEqual(min(width, height), 24, "large enough for a finger")
+            self.assertGreaterEqual(min(width, height), 24, "too small for a finger")
             self.assertEqual(top, cells[0, hour]["box"][1])
             self.assertEqual(left, cells[day, 0]["box"][0])
         self.browser.point(CELL.format(2, 20), click=True, kind="touch")
         self.assertEqual(self.texts("#hour bdi"), self.ranking(2, 20))
         self.assertEqual(self.focused(), (2, 20))
         self.assertTrue(self.browser.run("const box = document.querySelector('.hour').getBoundingClientRect(); "
-                                         "return box.top >= 0 && box.bottom <= innerHeight + 1"), "visible")
+                                         "return box.top >= 0 && box.bottom <= innerHeight + 1"),
+                        "the ranking is not visible")
         self.browser.press("ArrowDown")
         self.assertEqual(self.focused(), (2, 21))
         self.browser.resize(1280, 900)
-        self.assertEqual(self.focused(), (2, 21), "kept when the screen turns")
+        self.assertEqual(self.focused(), (2, 21), "the focus moved when the screen turned")
         self.browser.press("ArrowDown")
         self.assertEqual(self.focused(), (3, 21))
 
@@ -288,7 +289,7 @@ class PageTest(unittest.TestCase):
 
     # Accessibility.
 
-    def test_has_contrast_in_light_and_dark_mode(self):
+    def test_has_enough_contrast_in_light_and_dark_mode(self):
         colours = set()
         for dark in (False, True):
             for store in (self.real, self.many):
@@ -381,7 +382,7 @@ class PageTest(unittest.TestCase):
         self.assertEqual(self.texts("#total .number")[0], "123,1 Std.")
         self.assertEqual(self.texts("#about"), [f"2.121 records · time zone {ZONE}"])
         first, second = (self.cells()[day, 0]["box"][1] for day in (1, 0))
-        self.assertLess(first, second, "the week begins on Monday")
+        self.assertLess(first, second, "the week does not begin on Monday")
 
 
 if __name__ == "__main__":

@@ -84,7 +84,7 @@ class ServingTest(HostCase):
                 begun = time.monotonic()
                 self.assertIn("list", self.ask(port, "rank", "mfu"))
                 self.assertLess(time.monotonic() - begun, 20)
-                self.assertEqual(silent.recv(1), b"", "the silent client was disconnected")
+                self.assertEqual(silent.recv(1), b"", "the silent client was not disconnected")
             self.assertIsNone(process.poll())
 
     def test_reports_a_port_in_use(self):

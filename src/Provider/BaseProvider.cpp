@@ -15,7 +15,7 @@ constexpr int kRefused = -5;
         LMR_LOG_ERROR("m_pIProviderHandler is NULL"); \
         return result;                                \
     }                                                 \
-    static_assert(true, "takes the semicolon of the caller")
+    static_assert(true, "requires a semicolon after the macro")
 
 CBaseProvider::CBaseProvider(IProvider* handler) : m_pIProviderHandler(handler) {}
 

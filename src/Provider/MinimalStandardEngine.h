@@ -18,7 +18,7 @@ public:
         return CanonicalOf(first, second);
     }
 
-    /// @return the variate that two successive outputs give.
+    /// @return the variate computed from two successive outputs.
     static constexpr double CanonicalOf(std::uint32_t first, std::uint32_t second) {
         const double low = first - 1;
         const double high = second - 1;
@@ -28,7 +28,7 @@ public:
 
 private:
     static constexpr std::uint32_t kModulus = 2147483647;
-    static constexpr double kOutputs = 2147483646.0;  ///< number of outputs: they are 1 to this
+    static constexpr double kOutputs = 2147483646.0;  ///< number of possible outputs, which are 1 to kOutputs
     static constexpr double kJustBelowOne = 0x1.fffffffffffffp-1;
 
     constexpr std::uint32_t Next_() {

@@ -5,12 +5,12 @@
 #include <cstdint>
 #include <cstdlib>
 
-/// State of `rand_r` for all draws of the process, by variates and agents. Not guarded by a lock.
+/// The `rand_r` state that all variates and agents of the process share. Not guarded by a lock.
 extern unsigned int rand_seed;
 
 /// Computes the bits of two `rand_r` results at a time, as uniform variates need them.
 ///
-/// Works on a copy of the state and writes it back when destroyed: the state is then the one that `rand_r` leaves.
+/// Works on a copy of the state and writes it back when destroyed. The state is then the same as after `rand_r`.
 ///
 /// For one result, the GNU C library takes three steps of a linear congruential generator, and each step waits for the
 /// previous one. Here all six states of two results are computed from the current state, independently of each other,

@@ -62,7 +62,7 @@ constexpr double FixedUniform() {
 constexpr double kFixedUniform = FixedUniform();
 static_assert(kFixedUniform == 0.13153778773876065, "the softmax agent's draw is fixed");
 
-/// Reseeds the C library's `rand`, which no agent uses. Hosts observe this, so it stays.
+/// Reseeds the C library's `rand`, which no agent uses. Hosts can observe the effect, so it is kept.
 void ReseedHostGenerator() {
     std::srand(static_cast<unsigned int>(std::time(nullptr)));
 }

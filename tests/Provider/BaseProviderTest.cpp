@@ -12,10 +12,11 @@
 #include <vector>
 
 #include "CapturedLog.h"
+#include "LogExpectation.h"
 
 namespace {
 
-/// @return an argument in the form in which calls are compared: a number or an address.
+/// @return an argument, a number or an address, as a value that can be compared.
 std::intptr_t Word(int number) {
     return number;
 }
@@ -83,7 +84,7 @@ public:
 
     std::vector<Call> m_calls;
     int m_result = 0;
-    char* m_written = nullptr;  ///< what ProviderRead() writes to its output argument
+    char* m_written = nullptr;  ///< the value that ProviderRead() writes to its output argument
 
 private:
     int Record(Call call) {
@@ -103,7 +104,7 @@ protected:
         std::function<int(CBaseProvider&)> call;  ///< calls it; returns its result, or 0 if it has none
         Call arrives;                             ///< the call that the handler must receive
         bool returnsNumber;                       ///< whether the method returns the handler's number unchanged
-        int withoutHandler;                       ///< what it returns without a handler
+        int withoutHandler;                       ///< the result without a handler
     };
 
     void SetUp() override { CapturedLog::Clear(); }
@@ -151,20 +152,6 @@ protected:
              [](CBaseProvider& provider) { return static_cast<int>(provider.KillTimer(7)); }, Call::Of("KillTimer", 7),
              false, 1},
         };
-    }
-
-    /// Expects exactly one line in the log: an error of the given method.
-    static void ExpectLogged(const std::string& method, const std::string& message) {
-        const std::vector<CapturedLog::Line> lines = CapturedLog::Lines();
-        ASSERT_EQ(lines.size(), 1U);
-        EXPECT_EQ(lines[0].buffer, 0);
-        EXPECT_EQ(lines[0].priority, 6);
-        EXPECT_EQ(lines[0].tag, "LMR_COMMON");
-        EXPECT_EQ(lines[0].file, "BaseProvider.cpp");
-        EXPECT_EQ(lines[0].function, method);
-        EXPECT_GT(lines[0].line, 0);
-        EXPECT_EQ(lines[0].format, message);
-        EXPECT_EQ(lines[0].message, message);
     }
 
     RecordingHandler m_handler;
@@ -235,13 +222,13 @@ TEST_F(BaseProviderTest, ReturnsTextThatHandlerReads) {
     EXPECT_EQ(m_read, m_block);
 }
 
-TEST_F(BaseProviderTest, LogsMethodThatLacksHandler) {
+TEST_F(BaseProviderTest, LogsCalledMethodWithoutHandler) {
     CBaseProvider withoutHandler;
     for (const Row& row : ForwardingOperations()) {
         SCOPED_TRACE(row.name);
         CapturedLog::Clear();
         EXPECT_EQ(row.call(withoutHandler), row.withoutHandler);
-        ExpectLogged(row.method, "m_pIProviderHandler is NULL");
+        ExpectOneLogLine(/*priority=*/6, "BaseProvider.cpp", row.method, "m_pIProviderHandler is NULL");
     }
     EXPECT_TRUE(m_handler.m_calls.empty());
 }
@@ -279,13 +266,13 @@ TEST_F(BaseProviderTest, AddInSubjectRefusesNullSubject) {
     m_handler.m_result = 9;
     EXPECT_EQ(m_provider.AddInSubject(nullptr), -5);
     EXPECT_TRUE(m_handler.m_calls.empty());
-    ExpectLogged("AddInSubject", "subject is NULL");
+    ExpectOneLogLine(/*priority=*/6, "BaseProvider.cpp", "AddInSubject", "subject is NULL");
 }
 
 TEST_F(BaseProviderTest, AddInSubjectChecksSubjectWithoutHandler) {
     CBaseProvider withoutHandler;
     EXPECT_EQ(withoutHandler.AddInSubject(nullptr), -5);
-    ExpectLogged("AddInSubject", "subject is NULL");
+    ExpectOneLogLine(/*priority=*/6, "BaseProvider.cpp", "AddInSubject", "subject is NULL");
 }
 
 // The caller must set a handler first: a null check here would change the promised behaviour.

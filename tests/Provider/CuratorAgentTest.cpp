@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "CapturedLog.h"
+#include "LogExpectation.h"
 #include "Surroundings.h"
 #include "TestClock.h"
 
@@ -66,19 +67,6 @@ const ECuratorAgentType kUnknownTypes[] = {static_cast<ECuratorAgentType>(3), st
 class CuratorAgentTest : public ::testing::Test {
 protected:
     void SetUp() override { CapturedLog::Clear(); }
-
-    /// Expects exactly one line in the log, an error.
-    static void ExpectLogged(const char* function, const char* format, const std::string& message) {
-        const std::vector<CapturedLog::Line> lines = CapturedLog::Lines();
-        ASSERT_EQ(lines.size(), 1U);
-        EXPECT_EQ(lines[0].buffer, 0);
-        EXPECT_EQ(lines[0].priority, 6);
-        EXPECT_EQ(lines[0].tag, "LMR_COMMON");
-        EXPECT_EQ(lines[0].file, "CuratorAgent.cpp");
-        EXPECT_EQ(lines[0].function, function);
-        EXPECT_EQ(lines[0].format, format);
-        EXPECT_EQ(lines[0].message, message);
-    }
 
     const TimeZone m_zone{"UTC"};
 };
@@ -383,8 +371,8 @@ TEST_F(CuratorAgentTest, RefusesTheWeeklyGridForOtherTypes) {
         agent.LearnHistory(Usage("a", kMonday20h, 60));
         CapturedLog::Clear();
         EXPECT_TRUE(IsEmpty(agent.RunCurate7x24()));
-        ExpectLogged("RunCurate7x24", "7x24 Not support! - Agent type is not DATE",
-                     "7x24 Not support! - Agent type is not DATE");
+        ExpectOneLogLine(/*priority=*/6, "CuratorAgent.cpp", "RunCurate7x24",
+                         "7x24 Not support! - Agent type is not DATE");
     }
 }
 
@@ -395,10 +383,10 @@ TEST_F(CuratorAgentTest, LogsAnUnknownTypeAndRanksNothing) {
         agent.LearnHistory(Usage("too short", 0, 9));
         EXPECT_TRUE(CapturedLog::Lines().empty());
         agent.LearnHistory(Usage("a", 0, 10, "meta", "source"));
-        ExpectLogged("NewUnit_", "Error! curator agent type not found! [%d]",
-                     "Error! curator agent type not found! [" + std::to_string(static_cast<int>(type)) + "]");
+        ExpectOneLogLine(/*priority=*/6, "CuratorAgent.cpp", "NewUnit_", "Error! curator agent type not found! [%d]",
+                         "Error! curator agent type not found! [" + std::to_string(static_cast<int>(type)) + "]");
         agent.LearnHistorys({Usage("b", 0, 10), Usage("c", 0, 10)});
-        EXPECT_EQ(CapturedLog::Lines().size(), 3U) << "one line for each record";
+        EXPECT_EQ(CapturedLog::Lines().size(), 3U) << "not one line for each record";
         EXPECT_TRUE(agent.RunCurate().empty());
         agent.LearnHistory(Usage("a", 0, 10));
         EXPECT_TRUE(agent.RunCurate().empty());

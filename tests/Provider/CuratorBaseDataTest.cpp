@@ -473,7 +473,7 @@ TEST_F(CurationResult2JsonDataTest, WritesAFullGrid) {
     for (int day = 0; day < 7; ++day) {
         ASSERT_EQ(document.GetSize(days[day]), 1);
         ContextData dayDocument = document.GetValue(days[day], 0);
-        EXPECT_EQ(dayDocument.GetValue()->size(), 24U) << "a day has one member for each hour and no size";
+        EXPECT_EQ(dayDocument.GetValue()->size(), 24U) << "not one member for each hour, without a size";
         for (int hour = 0; hour < 24; ++hour) {
             const std::string key = std::to_string(hour);
             ASSERT_EQ(dayDocument.GetSize(key.c_str()), 1);

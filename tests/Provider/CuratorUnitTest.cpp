@@ -27,6 +27,7 @@ namespace {
 using Surroundings::TimeZone;
 
 constexpr unsigned int kCap = CCuratorDateUnit::kMaxLearntSeconds;
+constexpr int kMonday20h = 1609790400;  // 2021-01-04 20:00 UTC
 
 enum Day { kSunday, kMonday, kTuesday, kWednesday, kThursday, kFriday, kSaturday };
 
@@ -311,8 +312,7 @@ void ExpectSplits(const std::vector<SplitRow>& rows) {
     }
 }
 
-TEST(CuratorDateUnitTest, SplitsAUsageAtFullHoursOfLocalTime) {
-    constexpr int kMonday20h = 1609790400;    // 2021-01-04 20:00 UTC
+TEST(CuratorDateUnitTest, SplitsAUsageAtFullHours) {
     constexpr int kSaturday23h = 1610233200;  // 2021-01-09 23:00 UTC
     const std::vector<SplitRow> rows = {
         {"nothing", "UTC", kMonday20h, 0, {}},
@@ -351,6 +351,12 @@ TEST(CuratorDateUnitTest, SplitsAUsageAtFullHoursOfLocalTime) {
         {"across the epoch", "UTC", -10, 20, {{kWednesday, 23, 10}, {kThursday, 0, 10}}},
         {"long before the epoch", "UTC", -1000000000, 3600, {{kSunday, 22, 2800}, {kSunday, 23, 800}}},
         {"the earliest start", "UTC", INT_MIN, 3600, {{kFriday, 20, 848}, {kFriday, 21, 2752}}},
+    };
+    ExpectSplits(rows);
+}
+
+TEST(CuratorDateUnitTest, SplitsAUsageByTheClockOfItsZone) {
+    const std::vector<SplitRow> rows = {
         {"a zone half an hour off", "Asia/Kolkata", kMonday20h, 3600, {{kTuesday, 1, 1800}, {kTuesday, 2, 1800}}},
         {"a zone a quarter off", "Asia/Kathmandu", kMonday20h, 3600, {{kTuesday, 1, 900}, {kTuesday, 2, 2700}}},
         {"the clock goes forward",
@@ -387,7 +393,7 @@ TEST(CuratorDateUnitTest, SplitsAUsageAtFullHoursOfLocalTime) {
     ExpectSplits(rows);
 }
 
-TEST(CuratorDateUnitTest, CreditsTheRestWithoutANextHourToTheCurrentOne) {
+TEST(CuratorDateUnitTest, CreditsRestToCurrentHourIfTimeDoesNotAdvance) {
     // Standard time moves forward over the full hour, and the daylight-saving flag does not change.
     const std::vector<SplitRow> rows = {
         {"within the hour", "Europe/Moscow", 1301180400 - 1800, 60, {{kSunday, 1, 60}}},
@@ -421,7 +427,7 @@ TEST(CuratorDateUnitTest, AccumulatesRecords) {
     OpenDateUnit unit;
     Sums expected;
     for (int record = 0; record < 500; ++record) {
-        const CuratorBaseData usage = Usage(1609790400 + record * 4321, static_cast<unsigned int>(record * 31));
+        const CuratorBaseData usage = Usage(kMonday20h + record * 4321, static_cast<unsigned int>(record * 31));
         EXPECT_TRUE(SplitByCalendar(usage, 1.0, expected));
         unit.LearnHistory(usage, 1.0);
         ASSERT_EQ(unit.Read(), expected);
@@ -436,7 +442,7 @@ TEST(CuratorDateUnitTest, WeighsPiecesAndAddsThemInOrder) {
         std::mt19937 random(7);
         for (int record = 0; record < 300; ++record) {
             const CuratorBaseData usage =
-                Usage(1609790400 + static_cast<int>(random() % 2000000), static_cast<unsigned int>(random() % 13000));
+                Usage(kMonday20h + static_cast<int>(random() % 2000000), static_cast<unsigned int>(random() % 13000));
             SplitByCalendar(usage, weight, expected);
             unit.LearnHistory(usage, weight);
             ASSERT_EQ(unit.Read(), expected) << "weight " << weight << ", record " << record;
@@ -446,7 +452,7 @@ TEST(CuratorDateUnitTest, WeighsPiecesAndAddsThemInOrder) {
 
 // Date units: splitting at changes of the clock.
 
-/// A zone and a moment at which its clock changes.
+/// A zone and a moment, at which its clock usually changes.
 struct ChangeRow {
     const char* zone;
     int change;
@@ -505,7 +511,7 @@ const ChangeRow kChanges[] = {
     {"AAA0BBB,M3.2.0/2:30,M11.1.0/2:30", 1636248600, 3600, 0},
     {"AAA0BBB-0:15,M3.2.0/2:50,M11.1.0/3:05", 1615690200, 0, 900},
     {"AAA0BBB-0:15,M3.2.0/2:50,M11.1.0/3:05", 1636253400, 900, 0},
-    // no change of the clock: the turn of a year, and the epoch
+    // the clock does not change: the turn of a year, and the epoch
     {"UTC", 1609459200, 0, 0},
     {"UTC", 0, 0, 0},
     {"Asia/Kolkata", 1609459200, 19800, 19800},
@@ -640,7 +646,7 @@ TEST(CuratorDateUnitTest, AddsTheTermsOfTheScoreInOrder) {
     }
 }
 
-/// Records the hours of the week for which it is asked.
+/// Records the hours of the week for which GetScore() is called.
 class AskedUnit : public CCuratorDateUnit {
 public:
     AskedUnit() : CCuratorDateUnit("unit") {}
@@ -659,12 +665,12 @@ TEST(CuratorDateUnitTest, ScoresTheCurrentHourOfTheWeekByDefault) {
         time_t now;
         std::pair<int, int> hourOfWeek;
     } rows[] = {
-        {"UTC", 1609790400, {kMonday, 20}},
+        {"UTC", kMonday20h, {kMonday, 20}},
         {"UTC", 1609790399, {kMonday, 19}},
         {"UTC", 1610236800, {kSunday, 0}},
         {"UTC", 0, {kThursday, 0}},
         {"UTC", -1, {kWednesday, 23}},
-        {"Asia/Kolkata", 1609790400, {kTuesday, 1}},
+        {"Asia/Kolkata", kMonday20h, {kTuesday, 1}},
         {"America/New_York", 1615705199, {kSunday, 1}},
         {"America/New_York", 1615705200, {kSunday, 3}},
     };
@@ -681,23 +687,23 @@ TEST(CuratorDateUnitTest, ScoresTheCurrentHourOfTheWeekByDefault) {
 TEST(CuratorDateUnitTest, ScoresTheCurrentHourWithTheWeights) {
     const TimeZone zone("UTC");
     CCuratorDateUnit unit("unit");
-    unit.LearnHistory(Usage(1609790400, 3600), 1.0);         // Monday 20:00
-    unit.LearnHistory(Usage(1609790400 + 86400, 600), 1.0);  // Tuesday 20:00
+    unit.LearnHistory(Usage(kMonday20h, 3600), 1.0);
+    unit.LearnHistory(Usage(kMonday20h + 86400, 600), 1.0);
     const auto scoreAt = [&](time_t now) {
         const TestClock::Frozen clock(now);
         return unit.GetScore();
     };
-    EXPECT_EQ(scoreAt(1609790400), 420.0 + 4200.0 + 21600.0 + 39600.0);
-    EXPECT_EQ(scoreAt(1609790400 + 7 * 86400 + 3599), 420.0 + 4200.0 + 21600.0 + 39600.0);
-    EXPECT_EQ(scoreAt(1609790400 + 3600), 420.0 + 21600.0);
-    EXPECT_EQ(scoreAt(1609790400 + 86400), 420.0 + 4200.0 + 3600.0 + 6600.0);
-    EXPECT_EQ(scoreAt(1609790400 + 2 * 86400), 420.0 + 4200.0);
-    EXPECT_EQ(scoreAt(1609790400 + 2 * 86400 + 3600), 420.0);
+    EXPECT_EQ(scoreAt(kMonday20h), 420.0 + 4200.0 + 21600.0 + 39600.0);
+    EXPECT_EQ(scoreAt(kMonday20h + 7 * 86400 + 3599), 420.0 + 4200.0 + 21600.0 + 39600.0);
+    EXPECT_EQ(scoreAt(kMonday20h + 3600), 420.0 + 21600.0);
+    EXPECT_EQ(scoreAt(kMonday20h + 86400), 420.0 + 4200.0 + 3600.0 + 6600.0);
+    EXPECT_EQ(scoreAt(kMonday20h + 2 * 86400), 420.0 + 4200.0);
+    EXPECT_EQ(scoreAt(kMonday20h + 2 * 86400 + 3600), 420.0);
 }
 
-TEST(CuratorDateUnitTest, LeavesTheStaticBufferOfLocaltimeAlone) {
+TEST(CuratorDateUnitTest, LeavesTheBufferOfLocaltimeUnchanged) {
     const TimeZone zone("UTC");
-    const time_t moment = 1609790400;  // 2021-01-04 20:00
+    const time_t moment = kMonday20h;
     const tm* buffer = localtime(&moment);
     const auto buffered = [buffer] {
         tm copy = *buffer;
@@ -705,11 +711,11 @@ TEST(CuratorDateUnitTest, LeavesTheStaticBufferOfLocaltimeAlone) {
     };
     CCuratorDateUnit unit("unit");
     unit.LearnHistory(Usage(0, 60), 1.0);
-    EXPECT_EQ(buffered(), moment) << "learnt within an hour";
+    EXPECT_EQ(buffered(), moment) << "changed by learning within an hour";
     unit.LearnHistory(Usage(3599, 7200), 1.0);
-    EXPECT_EQ(buffered(), moment) << "learnt across hours";
+    EXPECT_EQ(buffered(), moment) << "changed by learning across hours";
     unit.GetScore();
-    EXPECT_EQ(buffered(), moment) << "scored";
+    EXPECT_EQ(buffered(), moment) << "changed by scoring";
 }
 
 TEST(CuratorDateUnitTest, LogsNothing) {

@@ -144,7 +144,7 @@ TEST_F(RandomSamplingTest, MakesADoubleFromTwoDraws) {
     }
 }
 
-TEST_F(RandomSamplingTest, ReturnsTheLowerHalfOfTheUnitInterval) {
+TEST_F(RandomSamplingTest, StaysInTheLowerHalfOfTheUnitInterval) {
     const struct {
         const char* name;
         int first, second;
@@ -152,8 +152,8 @@ TEST_F(RandomSamplingTest, ReturnsTheLowerHalfOfTheUnitInterval) {
     } rows[] = {
         {"the lowest", 0, 0, 0.0},
         {"only bits that are shifted out", 31, 63, 0.0},
-        {"the last place", 0, 64, 0x1p-53},
-        {"the upper half", 32, 0, 0x1p-27},
+        {"the lowest bit of the second draw", 0, 64, 0x1p-53},
+        {"the lowest bit of the first draw", 32, 0, 0x1p-27},
         {"the highest", kLargest, kLargest, kHighest},
     };
     for (const auto& row : rows) {
@@ -215,7 +215,7 @@ TEST_F(RandomSamplingTest, RedrawsNormalVariatesOutsideTheUnitCircle) {
         const char* name;
         double first, second;
     } rows[] = {
-        {"the corner, twice the radius, squared", 0.0, 0.0},
+        {"the corner, with a squared radius of 2", 0.0, 0.0},
         {"on an axis", 0.0, 0.5 - 0x1p-53},
         {"so near an axis that the square rounds to 1.0", 0.0, kHighest},
         {"the same at the other axis", kHighest, 0.0},
@@ -325,7 +325,7 @@ TEST_F(RandomSamplingTest, BetaVariatesOfOnesFavourTheMiddle) {
         const double beta = RandomBeta(1.0, 1.0);
         middle += beta > 0.25 && beta < 0.75;
     }
-    EXPECT_NEAR(middle, kCount * 2.0 / 3.0, kCount * 0.01);  // for a uniform distribution it would be half of them
+    EXPECT_NEAR(middle, kCount * 2.0 / 3.0, kCount * 0.01);  // a uniform distribution would have half of them there
 }
 
 TEST_F(RandomSamplingTest, BetaOfAZeroParameterIsZeroOrOne) {

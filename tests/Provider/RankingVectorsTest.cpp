@@ -17,7 +17,7 @@
 #include "Surroundings.h"
 #include "TestClock.h"
 
-// Compares what is learnt from real histories with the sums and rankings from tests/data/vectors/rankings.py.
+// Compares the sums and rankings of real histories with those that tests/data/vectors/rankings.py computes.
 
 namespace {
 
@@ -110,7 +110,7 @@ std::vector<std::pair<std::string, double>> IdsAndScores(const std::list<Curator
     return pairs;
 }
 
-/// Writes its sums in the format of the vectors.
+/// A unit that writes its sums in the format of the vectors.
 class WrittenUnit : public CCuratorDateUnit {
 public:
     using CCuratorDateUnit::CCuratorDateUnit;
@@ -180,7 +180,7 @@ TEST_P(RankingVectorsTest, AccumulatesTheSecondsOfEveryUnit) {
     EXPECT_TRUE(vectors.AtEnd());
 }
 
-TEST_P(RankingVectorsTest, RanksExactly) {
+TEST_P(RankingVectorsTest, RanksAndScoresEachRequestExactly) {
     const std::map<std::string, ECuratorAgentType> types = {
         {"mru", CURATOR_AGENT_MRU}, {"mfu", CURATOR_AGENT_MFU}, {"date", CURATOR_AGENT_DATE}};
     Words vectors(GetParam().name + std::string(".rankings"));

@@ -94,25 +94,26 @@ Field FieldAt(const char* name, std::size_t offset) {
 #define EXPECT_FIELDS(type, first, deviceSize, ...) \
     ExpectFields(#type, sizeof(type), first, deviceSize, std::vector<Field>{__VA_ARGS__})
 
-TEST(LayoutTest, LocksAndLockedData) {
+TEST(LayoutTest, KeepsFieldsOfLocksAndLockedData) {
     EXPECT_FIELDS(ContextAutoLock, kNone, 4, FIELD(ContextAutoLock, m_pMutex));
     EXPECT_FIELDS(ContextLockData, kNone, 12, FIELD(ContextLockData, m_pszData), FIELD(ContextLockData, m_mutex));
-    EXPECT_TRUE((std::is_same_v<decltype(ContextLockData::m_mutex), GMutex>)) << "the mutex is a member, not a pointer";
+    EXPECT_TRUE((std::is_same_v<decltype(ContextLockData::m_mutex), GMutex>))
+        << "the mutex must be a member, not a pointer";
 }
 
-TEST(LayoutTest, Document) {
+TEST(LayoutTest, KeepsFieldsOfDocument) {
     EXPECT_FALSE(std::is_polymorphic_v<ContextData>);
     EXPECT_FIELDS(ContextData, kNone, sizeof(Json::Value) + 32, FIELD(ContextData, m_value),
                   FIELD(ContextData, m_pValue), FIELD(ContextData, m_strJson));
 }
 
-TEST(LayoutTest, TrackedMemory) {
+TEST(LayoutTest, KeepsFieldsOfTrackedMemory) {
     EXPECT_FIELDS(TMemHeader, kNone, 64, FIELD(TMemHeader, szFileName), FIELD(TMemHeader, nBlockHigh),
                   FIELD(TMemHeader, nLine), FIELD(TMemHeader, nSize), FIELD(TMemHeader, nBlockLow));
     EXPECT_EQ(sizeof(TMemHeader), 64U);
     EXPECT_EQ(offsetof(TMemHeader, nLine), 52U);
     EXPECT_EQ(offsetof(TMemHeader, nSize), 56U);
-    EXPECT_EQ(offsetof(TMemHeader, nBlockLow), 60U) << "the whole address of the block on the device";
+    EXPECT_EQ(offsetof(TMemHeader, nBlockLow), 60U);  // on the device, the whole address of the block
     EXPECT_TRUE((std::is_base_of_v<ContextThread, CMemoryManager>));
     EXPECT_FIELDS(CMemoryManager, kEndOfThread, 64024, FIELD(CMemoryManager, m_nCount),
                   FIELD(CMemoryManager, m_nMaxSize), FIELD(CMemoryManager, m_nTotalSize),
@@ -120,7 +121,7 @@ TEST(LayoutTest, TrackedMemory) {
     EXPECT_EQ(sizeof(CMemoryManager::m_table), 1000U * 64U);
 }
 
-TEST(LayoutTest, Threads) {
+TEST(LayoutTest, KeepsFieldsOfThreads) {
     EXPECT_FIELDS(ContextThread, kTable, 12, FIELD(ContextThread, m_pThread), FIELD(ContextThread, m_bRunning));
     EXPECT_EQ(sizeof(ContextThread::m_bRunning), 1U);
     EXPECT_FIELDS(TEventMessage, kNone, 16, FIELD(TEventMessage, nEventId), FIELD(TEventMessage, pData),
@@ -130,7 +131,7 @@ TEST(LayoutTest, Threads) {
                   FIELD(ContextEventThread, m_pQueue), FIELD(ContextEventThread, m_nPreStartCount));
 }
 
-TEST(LayoutTest, Timer) {
+TEST(LayoutTest, KeepsFieldsOfTimer) {
     EXPECT_FIELDS(CTimerData, kNone, 20, FIELD(CTimerData, timerId), FIELD(CTimerData, interval),
                   FIELD(CTimerData, expireTime), FIELD(CTimerData, callback), FIELD(CTimerData, userData));
     EXPECT_EQ(sizeof(CTimerData::expireTime), 4U);
@@ -140,7 +141,7 @@ TEST(LayoutTest, Timer) {
     EXPECT_EQ(sizeof(ContextTimer::m_lastCheckTime), 4U);
 }
 
-TEST(LayoutTest, Database) {
+TEST(LayoutTest, KeepsFieldsOfDatabase) {
     EXPECT_FIELDS(struct_sql_value, kNone, 48, FIELD(struct_sql_value, nValue), FIELD(struct_sql_value, lValue),
                   FIELD(struct_sql_value, strValue), FIELD(struct_sql_value, pszValue),
                   FIELD(struct_sql_value, llValue));
@@ -157,7 +158,7 @@ TEST(LayoutTest, Database) {
     EXPECT_EQ(sizeof(ContextDatabase::m_timerId), 4U);
 }
 
-TEST(LayoutTest, ProviderBaseAndFilters) {
+TEST(LayoutTest, KeepsFieldsOfProviderBaseAndFilters) {
     EXPECT_FALSE(std::is_polymorphic_v<CBaseProvider>);
     EXPECT_FIELDS(CBaseProvider, kNone, 4, FIELD(CBaseProvider, m_pIProviderHandler));
     EXPECT_TRUE((std::is_same_v<decltype(ContextSubjectFilter::m_filterMap), std::map<std::string, bool>>));
@@ -166,7 +167,7 @@ TEST(LayoutTest, ProviderBaseAndFilters) {
     EXPECT_FIELDS(ProviderFilter, kNone, 24, FIELD(ProviderFilter, m_filterMap));
 }
 
-TEST(LayoutTest, CurationRecordsAndUnits) {
+TEST(LayoutTest, KeepsFieldsOfCurationClasses) {
     EXPECT_FIELDS(CuratorBaseData, kTable, 176, FIELD(CuratorBaseData, m_strMetaData),
                   FIELD(CuratorBaseData, m_strMetaDataSrc), FIELD(CuratorBaseData, m_nStartTime),
                   FIELD(CuratorBaseData, m_nAux), FIELD(CuratorBaseData, m_nDuration), FIELD(CuratorBaseData, m_dScore),
@@ -188,7 +189,7 @@ TEST(LayoutTest, CurationRecordsAndUnits) {
                   FIELD(CCuratorAgent, m_mapUnits));
 }
 
-TEST(LayoutTest, BanditAgents) {
+TEST(LayoutTest, KeepsFieldsOfBanditAgents) {
     EXPECT_FIELDS(ReinforcementLearningAgent, kTable, 32, FIELD(ReinforcementLearningAgent, m_nActions),
                   FIELD(ReinforcementLearningAgent, m_vecCount), FIELD(ReinforcementLearningAgent, m_vecQ));
     const std::size_t base = sizeof(ReinforcementLearningAgent);
@@ -259,7 +260,7 @@ TEST(LayoutTest, VirtualTableHoldsFunctionsInTheirSlots) {
     reinterpret_cast<void (*)(void*, const int&, const int&)>(table[2])(agent, 4, 2);
     EXPECT_EQ(agent->m_updated, 42);
     EXPECT_EQ(reinterpret_cast<int (*)(void*)>(table[3])(agent), 7);
-    reinterpret_cast<void (*)(void*)>(table[1])(agent);  // destroys and frees, or the leak checker fails
+    reinterpret_cast<void (*)(void*)>(table[1])(agent);  // destroys and frees, or LeakSanitizer reports the object
     EXPECT_EQ(destroyed, 1);
 
     alignas(NumberedAgent) unsigned char memory[sizeof(NumberedAgent)];
@@ -268,7 +269,7 @@ TEST(LayoutTest, VirtualTableHoldsFunctionsInTheirSlots) {
     EXPECT_EQ(destroyed, 2);
 }
 
-TEST(LayoutTest, OnlyStatedClassesArePolymorphic) {
+TEST(LayoutTest, OnlyPromisedClassesHaveVirtualFunctions) {
     EXPECT_TRUE(std::has_virtual_destructor_v<ContextDatabase>);
     EXPECT_TRUE(std::has_virtual_destructor_v<CCuratorAgent>);
     EXPECT_TRUE(std::has_virtual_destructor_v<IProvider>);
@@ -279,7 +280,7 @@ TEST(LayoutTest, OnlyStatedClassesArePolymorphic) {
     EXPECT_FALSE(std::is_polymorphic_v<ContextLockData>);
 }
 
-TEST(LayoutTest, EnumeratorValues) {
+TEST(LayoutTest, KeepsEnumeratorValues) {
     EXPECT_EQ(SQL_INT, 0);
     EXPECT_EQ(SQL_LONG, 1);
     EXPECT_EQ(SQL_STRING, 2);

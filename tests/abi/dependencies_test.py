@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: Apache-2.0
-"""Checks which libraries the built library links, and that it calls only functions that every jsoncpp series has.
+"""Checks which libraries the built library links, and that it calls only functions that every jsoncpp version has.
 
   dependencies_test.py LIBRARY
 """
@@ -30,7 +30,7 @@ def output(*command):
 class DependenciesTest(unittest.TestCase):
     def test_links_only_the_listed_libraries(self):
         needed = re.findall(r"\(NEEDED\).*\[(.*?)\.so", output("readelf", "--dynamic", "--wide", LIBRARY))
-        self.assertEqual(set(needed) - LIBRARIES, set(), "the library links these, but may not")
+        self.assertEqual(set(needed) - LIBRARIES, set(), "the library must not link these")
         self.assertLessEqual({"libglib-2.0", "libjsoncpp", "libsqlite3"}, set(needed),
                              "an expected library is not linked")
 

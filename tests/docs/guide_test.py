@@ -111,7 +111,7 @@ def check_links(root, problems):
 
 
 def is_data_directory(mention, directory, name):
-    """Tells whether a path is the data directory, a path inside it, or where allowed one of its parents."""
+    """Tells whether a path is the data directory, a path inside it or, where allowed, one of its parents."""
     if f"{mention}/".startswith(f"{directory}/"):
         return True
     return name in NAMES_PARENTS and f"{directory}/".startswith(f"{mention}/")
@@ -142,7 +142,7 @@ def main(root):
     links = check_links(root, problems)
     mentions = check_data_directory(root, problems)
     print("\n".join(problems) or f"{len(pages)} pages list {texts} log texts; {links} links and {mentions} mentions of "
-          "the data directory are right")
+          "the data directory are correct")
     return 1 if problems else 0
 
 

@@ -22,18 +22,55 @@ def layers_of(text):
     return {row[0]: [[name.strip() for name in cell.split(",") if name.strip()] for cell in row[1:]] for row in rows}
 
 
-def main(root):
-    layers = layers_of((root / "docs/architecture.md").read_text(encoding="utf-8"))
+def check_order(layers, problems):
+    """A layer may use only the layers listed before it."""
     order = list(layers)
-    layer_of = {file: layer for layer, (files, _, _) in layers.items() for file in files}
-    problems = []
-    seen = set()
-
     for layer, (_, uses, _) in layers.items():
         for used in uses:
             if order.index(used) >= order.index(layer):
                 problems.append(f"docs/architecture.md: {layer} may use {used}, which is not below it")
 
+
+def check_includes(root, path, row, layer_of, problems):
+    """A file may include only what the row of its layer names; a public header, only public headers."""
+    own, uses, third_parties = row
+    name = str(path.relative_to(root))
+    for number, line in enumerate(path.read_text(encoding="utf-8").splitlines(), 1):
+        include = re.match(r'\s*#\s*include\s*([<"])([^>"]+)[>"]', line)
+        if not include:
+            continue
+        where = f"{name}:{number}"
+        header = include[2]
+        if include[1] == "<":
+            if header in THIRD_PARTY and THIRD_PARTY[header] not in third_parties:
+                problems.append(f"{where}: the layer {own} may not include {header}")
+            continue
+        used = layer_of.get(header.removesuffix(".h"))
+        if used is None:
+            problems.append(f"{where}: {header} belongs to no layer")
+        elif used != own and used not in uses and header.removesuffix(".h") not in ANY_LAYER:
+            problems.append(f"{where}: the layer {own} may not include the layer {used}")
+        elif name.startswith("include/") and not any(
+                (root / "include" / (header + suffix)).exists() for suffix in ("", ".in")):
+            problems.append(f"{where}: a public header includes {header}, which is not public")
+
+
+def check_sources(root, layers, layer_of, problems):
+    """CMakeLists.txt must list the sources in the order of the layers."""
+    order = list(layers)
+    cmake = (root / "CMakeLists.txt").read_text(encoding="utf-8")
+    sources = re.findall(r"^\s+src/(\S+)\.cpp", cmake, re.M)
+    ranks = [order.index(layer_of[source]) for source in sources if source in layer_of]
+    if ranks != sorted(ranks) or not sources:
+        problems.append("CMakeLists.txt: the sources are not in the order of the layers")
+
+
+def main(root):
+    layers = layers_of((root / "docs/architecture.md").read_text(encoding="utf-8"))
+    layer_of = {file: layer for layer, (files, _, _) in layers.items() for file in files}
+    problems = []
+    seen = set()
+    check_order(layers, problems)
     paths = sorted(path for folder in ("include", "src") for path in (root / folder).rglob("*.*"))
     for path in paths:
         name = str(path.relative_to(root))
@@ -43,35 +80,10 @@ def main(root):
             continue
         seen.add(unit)
         own = layer_of[unit]
-        _, uses, third_parties = layers[own]
-        for number, line in enumerate(path.read_text(encoding="utf-8").splitlines(), 1):
-            include = re.match(r'\s*#\s*include\s*([<"])([^>"]+)[>"]', line)
-            if not include:
-                continue
-            where = f"{name}:{number}"
-            header = include[2]
-            if include[1] == "<":
-                if header in THIRD_PARTY and THIRD_PARTY[header] not in third_parties:
-                    problems.append(f"{where}: the layer {own} may not include {header}")
-                continue
-            used = layer_of.get(header.removesuffix(".h"))
-            if used is None:
-                problems.append(f"{where}: {header} belongs to no layer")
-            elif used != own and used not in uses and header.removesuffix(".h") not in ANY_LAYER:
-                problems.append(f"{where}: the layer {own} may not include the layer {used}")
-            elif name.startswith("include/") and not (root / name.split("/")[0] / header).exists() and not (
-                root / "include" / (header + ".in")).exists():
-                problems.append(f"{where}: a public header includes {header}, which is not public")
-
+        check_includes(root, path, (own, *layers[own][1:]), layer_of, problems)
     for unit in sorted(set(layer_of) - seen):
         problems.append(f"docs/architecture.md: no file exists for {unit}")
-
-    cmake = (root / "CMakeLists.txt").read_text(encoding="utf-8")
-    sources = re.findall(r"^\s+src/(\S+)\.cpp", cmake, re.M)
-    ranks = [order.index(layer_of[source]) for source in sources if source in layer_of]
-    if ranks != sorted(ranks) or not sources:
-        problems.append("CMakeLists.txt: the sources are not in the order of the layers")
-
+    check_sources(root, layers, layer_of, problems)
     print("\n".join(problems) or f"{len(paths)} files in {len(layers)} layers include only what their layers allow")
     return 1 if problems else 0
 

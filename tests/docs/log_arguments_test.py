@@ -13,7 +13,7 @@ WARNINGS = ["-Wall", "-Wextra", "-Wpedantic", "-Werror"]
 
 
 def compiled(call):
-    """@return what the compiler prints for one call; empty if it accepts the call."""
+    """Returns the errors of the compiler for one call; empty if it accepts the call."""
     source = f'#include "Log.h"\nvoid Call() {{ {call}; }}\n'
     result = subprocess.run([*COMPILER, "-std=c++17", *WARNINGS, "-fsyntax-only", f"-I{ROOT}/src", f"-I{ROOT}/include",
                              f"-I{BUILD}/include", "-x", "c++", "-"],

@@ -8,7 +8,7 @@
 /// For the statements of EXPECT_EXIT(), which run in a child process.
 namespace ChildProcess {
 
-/// Makes EXPECT_EXIT() execute the test program anew, so that the child has no state or threads of earlier tests. An
+/// Makes EXPECT_EXIT() run the test program again, so that the child has no state or threads of earlier tests. An
 /// emulated program cannot execute itself and forks instead.
 inline void UseNewProgram() {
     GTEST_FLAG_SET(death_test_style, LUMORA_TEST_IS_EMULATED ? "fast" : "threadsafe");

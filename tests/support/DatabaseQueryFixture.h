@@ -14,7 +14,7 @@ using ValueList = ContextDatabase::ValueList;
 /// The file of a second database, next to that of m_database.
 constexpr const char* kOther = "other.db";
 
-/// @return a tag of any value, including values that the enumeration lacks.
+/// @return a tag with any value, including values that the enumeration lacks.
 inline enum_sql_type TypeTag(int value) {
     return static_cast<enum_sql_type>(value);
 }
@@ -43,7 +43,7 @@ protected:
         return rows.size() == 1 ? rows[0].at("v") : "no row";
     }
 
-    /// @return what a write whose step fails logs, including the reset.
+    /// @return the log lines of a write whose step fails, including those of the reset.
     static Messages StepFailure(const std::string& query, int size = 0) {
         return Join(
             {{"E Query ERROR Q : " + query, "E vecSqlQueryValue size : " + std::to_string(size)}, ResetLines()});

@@ -12,7 +12,7 @@
 #include "CapturedLog.h"
 #include "ContextData.h"
 
-// Every series of jsoncpp has this reader and this writer; newer series mark them as deprecated.
+// Json::Reader and Json::FastWriter exist in every version of jsoncpp; newer versions mark them as deprecated.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
 
@@ -55,7 +55,7 @@ protected:
 
     void TearDown() override {
         EXPECT_TRUE(CapturedLog::Lines().empty());
-        EXPECT_EQ(m_document.GetValue(), Target()) << "the mode has changed";
+        EXPECT_EQ(m_document.GetValue(), Target()) << "the document no longer works on its target";
         EXPECT_EQ(Write(m_holder["list"][0]), "\"beside\"");
     }
 

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Implements on pthreads the GLib functions that the library and its tests call. GLib implements them on futexes, where
-// the race checker sees neither the locks nor the transfer of a queued item from one thread to another. A program that
+// ThreadSanitizer sees neither the locks nor the transfer of a queued item from one thread to another. A program that
 // is linked with this file uses these functions instead.
 
 #include "GLibOnPthreads.h"

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "MutexCount.h"
 
-#include <dlfcn.h>
 #include <glib.h>
 
 #include <algorithm>
@@ -9,6 +8,7 @@
 #include <vector>
 
 #include "GLibOnPthreads.h"
+#include "NextFunction.h"
 
 namespace {
 
@@ -38,10 +38,10 @@ int CountWithin(std::vector<const void*> Calls::*list, const void* memory, std::
     return static_cast<int>(std::count_if((calls.*list).begin(), (calls.*list).end(), isWithin));
 }
 
-/// Calls the replacement when this program has it, else the function of the next library.
-void PassOn(void (*replacement)(GMutex*), const char* name, GMutex* mutex) {
+/// Calls the replacement if this program has it, else the original function.
+void Forward(void (*replacement)(GMutex*), const char* name, GMutex* mutex) {
     if (replacement == nullptr) {
-        replacement = reinterpret_cast<void (*)(GMutex*)>(dlsym(RTLD_NEXT, name));
+        replacement = NextFunction<void(GMutex*)>(name);
     }
     replacement(mutex);
 }
@@ -49,13 +49,13 @@ void PassOn(void (*replacement)(GMutex*), const char* name, GMutex* mutex) {
 }  // namespace
 
 void g_mutex_init(GMutex* mutex) {
-    PassOn(GLibOnPthreads_mutex_init, "g_mutex_init", mutex);
+    Forward(GLibOnPthreads_mutex_init, "g_mutex_init", mutex);
     Record(&Calls::initialised, mutex);
 }
 
 void g_mutex_clear(GMutex* mutex) {
     Record(&Calls::cleared, mutex);
-    PassOn(GLibOnPthreads_mutex_clear, "g_mutex_clear", mutex);
+    Forward(GLibOnPthreads_mutex_clear, "g_mutex_clear", mutex);
 }
 
 void MutexCount::Reset() {

@@ -5,7 +5,7 @@
 #include <cstddef>
 
 /// Counts g_mutex_init() and g_mutex_clear() per mutex address, so that a test can tell whether an object clears its
-/// mutex. A program that uses it replaces both functions, for the library too; each call is passed on.
+/// mutex. A program that uses it replaces both functions, for the library too, and forwards each call.
 ///
 /// Usage: construct the object in memory that outlives it, and count the calls within that memory.
 ///

@@ -23,6 +23,7 @@
 #include <vector>
 
 #include "CapturedLog.h"
+#include "LogExpectation.h"
 #include "NetUtil.h"
 #include "Waiting.h"
 
@@ -53,7 +54,7 @@ private:
     int m_fd;
 };
 
-/// Both ends of one connection: the library uses `near`, and the test plays the peer at `far`.
+/// Both ends of one connection: the library uses `near`, and the test uses `far` as the peer.
 class Connection {
 public:
     explicit Connection(int type = SOCK_STREAM) {
@@ -181,14 +182,7 @@ protected:
 
     /// Expects one line in the log, and clears the log.
     static void ExpectOneLine(int priority, const char* function, const char* format, const std::string& message) {
-        const std::vector<CapturedLog::Line> lines = CapturedLog::Lines();
-        ASSERT_EQ(lines.size(), 1U) << function;
-        EXPECT_EQ(lines[0].priority, priority);
-        EXPECT_EQ(lines[0].tag, "LMR_COMMON");
-        EXPECT_EQ(lines[0].file, "NetUtil.cpp");
-        EXPECT_EQ(lines[0].function, function);
-        EXPECT_EQ(lines[0].format, format);
-        EXPECT_EQ(lines[0].message, message);
+        ExpectOneLogLine(priority, "NetUtil.cpp", function, format, message);
         CapturedLog::Clear();
     }
 

@@ -1,12 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "RandState.h"
 
-#include <dlfcn.h>
-
 #include <cstdlib>
 #include <deque>
 #include <stdexcept>
 
+#include "NextFunction.h"
 #include "Provider/ReinforcementLearningAgent.h"
 
 namespace {
@@ -22,7 +21,7 @@ std::deque<int> g_fed;
 }  // namespace
 
 extern "C" int rand_r(unsigned int* seed) noexcept {
-    static const auto original = reinterpret_cast<int (*)(unsigned int*)>(dlsym(RTLD_NEXT, "rand_r"));
+    static const auto original = NextFunction<int(unsigned int*)>("rand_r");
     if (g_isSearching) {
         g_isSearching = false;
         g_state = seed;

@@ -12,7 +12,7 @@
 namespace {
 
 struct State {
-    std::function<bool()> isCancelled;  ///< empty while usleep() sleeps really
+    std::function<bool()> isCancelled;  ///< if empty, usleep() sleeps for the given time
     int wakeUps = 0;                    ///< sleeps that may still end
     int count = 0;
     unsigned int microseconds = 0;

@@ -29,7 +29,7 @@ using Strings = std::vector<std::string>;
 constexpr std::time_t kStart = 1500000000;
 constexpr int kPriority = 10;  ///< of all requests and checks
 
-/// Gives access to both thread sides, the queue and the protected fields.
+/// Gives access to the state of both threads, to the queue and to protected fields.
 class OpenTimer : public ContextTimer {
 public:
     bool IsTicking() const { return ContextThread::IsRuning(); }
@@ -134,7 +134,7 @@ protected:
         return added;
     }
 
-    /// @return what the callbacks recorded so far.
+    /// @return the texts that the callbacks have recorded so far.
     Strings Fired() {
         const std::lock_guard<std::mutex> lock(m_mutex);
         return m_fired;

@@ -50,7 +50,7 @@ struct Record {
         return values;
     }
 
-    /// @return the values of a field; empty if it is missing.
+    /// @return the values of a field; empty if the field is missing.
     std::vector<std::string> Texts(const std::string& field) const {
         const auto found = fields.find(field);
         return found == fields.end() ? std::vector<std::string>{} : found->second;
