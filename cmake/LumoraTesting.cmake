@@ -63,7 +63,7 @@ endfunction()
 #
 # NAME.cpp links the shared library as a host does. DATA_DIRECTORY runs each of its cases in a mount namespace with an
 # empty data directory. SYSTEM_LOG also gives it a private /dev, and the library's log call instead of the one in
-# tests/support. ONE_THREAD says that nothing in it can race: it is not built for the race checker. TEST_DATA tells it
+# tests/support. ONE_THREAD says that nothing in it can race: it is not built for ThreadSanitizer. TEST_DATA tells it
 # where tests/data is.
 function(lumora_add_test name)
   cmake_parse_arguments(arg "DATA_DIRECTORY;SYSTEM_LOG;ONE_THREAD;TEST_DATA" "" "LIBRARIES" ${ARGN})
@@ -133,7 +133,7 @@ function(lumora_program target output)
   endif()
 endfunction()
 
-# The race checker does not understand GLib's futexes, so programs that run under it link our implementation of the few
+# ThreadSanitizer does not understand GLib's futexes, so programs that run under it link our implementation of the few
 # GLib calls that we use, which is based on pthreads.
 function(lumora_link_glib_on_pthreads target)
   if(TARGET lumora-test-glib)

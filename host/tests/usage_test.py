@@ -47,9 +47,9 @@ class UsageTest(unittest.TestCase):
                 helped = re.findall(r"^  (?:(-\w), )?(--[\w-]+)(?:=(\S+))?  ", self.help(program), re.M)
                 written = re.findall(r"^\.BR? (?:(-\w) \", \" )?(--[\w-]+)(?: =(\S+))?$", section(program, "OPTIONS"),
                                      re.M)
+                self.assertTrue(helped)
                 self.assertEqual(helped, written)
                 self.assertEqual(self.completed(program, "-"), sorted(option for _, option, _ in helped))
-        self.assertEqual(len(helped), 1)
 
     def test_help_and_man_list_the_same_exit_statuses(self):
         for program in PROGRAMS:

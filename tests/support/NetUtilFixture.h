@@ -144,9 +144,8 @@ inline std::ptrdiff_t CountDescriptors() {
 template <class Call>
 int Interrupted(int fd, Call call) {
     struct sigaction action {};
-    struct sigaction before {};
     action.sa_handler = [](int) {};
-    sigaction(SIGUSR1, &action, &before);  // without SA_RESTART
+    sigaction(SIGUSR1, &action, nullptr);  // without SA_RESTART; it stays, because the last signal may arrive late
     std::promise<pthread_t> thread;
     std::future<int> result = std::async(std::launch::async, [&] {
         thread.set_value(pthread_self());
@@ -162,7 +161,6 @@ int Interrupted(int fd, Call call) {
         shutdown(fd, SHUT_RDWR);
         result.wait();
     }
-    sigaction(SIGUSR1, &before, nullptr);
     return result.get();
 }
 
