@@ -28,9 +28,9 @@
 /// slightly between its versions, for example in whether a whole number is a double. Misuse fails as in jsoncpp, with
 /// an assertion or an exception that is not caught: a key on an array or a scalar, an index on an object, Clear() of a
 /// scalar, a conversion that is not possible. jsoncpp 1.9.5 throws `Json::LogicError` for all of these.
-/// **Limits.** jsoncpp 1.9.5 parses at most 1000 levels of nesting; for deeper text MakeData() throws
-/// `Json::RuntimeError`. Catch it if the text comes from outside. MakeStr() has no limit and recurses once per level:
-/// on a PC a document of 100 000 levels, which only code can build, overflows the stack.
+/// **Limits.** jsoncpp 1.9.5 parses at most 1000 levels of nesting, where a scalar counts as a level; for deeper text
+/// MakeData() throws `Json::RuntimeError`. Catch it if the text comes from outside. MakeStr() has no limit and recurses
+/// once per level: on a PC a document of 100 000 levels, which only code can build, overflows the stack.
 /// @ingroup document
 class LUMORA_API ContextData {
 public:

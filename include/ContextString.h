@@ -154,9 +154,10 @@ public:
     /// @param destinationSize  its size in bytes; three bytes per unit are always enough.
     /// @param source           the units; not modified.
     /// @param sourceSize       their size in **bytes**. A terminator that is included in the size is converted too.
-    /// @return false when the system has no converter ("Iconv open failed" is logged), and when the source is invalid,
-    ///         ends within a character, or does not fit ("iconv failed: %d" with `errno`). Bytes written before the
-    ///         failure stay in the destination.
+    /// @return false when the converter cannot be opened because the system has none, or memory or descriptors have run
+    ///         out ("Iconv open failed" is logged); also when the source is invalid, ends within a character, or
+    ///         does not fit ("iconv failed: %d" with `errno`). Bytes written before the failure stay in the
+    ///         destination.
     static bool Unicode2Utf8(char* destination, unsigned int destinationSize, char* source, unsigned int sourceSize);
 
     /// Removes every line feed (bytes 00 0A) and carriage return (00 0D) in place. Each unit is examined alone; line

@@ -87,7 +87,8 @@ public:
 
     /// Removes a timer when the event thread reaches the request. Until then its callback may still run, for example
     /// later in the same check when a callback kills another timer.
-    /// @return true, even for an id that does not exist; false for 0, which logs the info line "invalid timer id".
+    /// @return true, even for an id that does not exist and for the 17th request before Start(), which is lost; false
+    ///         for 0, which logs the info line "invalid timer id".
     bool KillTimer(TimerId id);
 
 private:
