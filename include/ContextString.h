@@ -126,7 +126,8 @@ public:
     ///
     /// Logs seven info lines: the six normalized fields of `std::tm`, then the low 32 bits of the result. A date that
     /// `time_t` cannot hold is not normalized.
-    /// @return 20240305140709 for that text. A 32-bit `long` saturates: every present-day date gives 2147483647.
+    /// @return the digits, for example 20240305140709 for "20240305140709" if the present daylight-saving flag applies
+    ///         to that date too. A 32-bit `long` saturates: every present-day date gives 2147483647.
     /// @throws std::out_of_range for fewer than 12 characters; nothing is logged then.
     static long StringToUTC(std::string text);
 
