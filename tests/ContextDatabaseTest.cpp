@@ -2,6 +2,7 @@
 #include "ContextDatabase.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <functional>
@@ -84,13 +85,15 @@ TEST_F(ContextDatabaseTest, StartsTimerForEveryIntervalEvenZero) {
         {"zero", [] { return std::make_unique<ContextDatabase>("x.db", kCreateTable, 0); }, 2},
         {"five", [] { return std::make_unique<ContextDatabase>("x.db", kCreateTable, 5); }, 2},
     };
-    std::thread([] {}).join();  // a sanitizer starts a thread along with the first one
+    // A sanitizer starts a thread along with the first one. The kernel may list a joined thread for a moment.
+    pid_t first = 0;
+    std::thread([&first] { first = gettid(); }).join();
+    ASSERT_TRUE(Waiting::Until([first] { return !fs::exists("/proc/self/task/" + std::to_string(first)); }));
     const std::size_t before = ThreadCount();
     for (const auto& row : rows) {
         std::unique_ptr<ContextDatabase> database = row.make();
         EXPECT_EQ(ThreadCount(), before + row.threads) << row.name;
         database.reset();
-        // The kernel may list a joined thread for a moment.
         EXPECT_TRUE(Waiting::Until([&] { return ThreadCount() == before; })) << row.name;
     }
 }
