@@ -46,17 +46,19 @@ struct struct_query_set {
 /// The path is kDataDirectory, one more "/", and the name given to the constructor. Opening creates a missing file,
 /// checks its integrity and runs the statement that creates its table.
 ///
-/// **Healing, and what it costs.** A fault of the file or a failed *write* causes a reset: the file and its journal are
-/// deleted, and an **empty** file is created. Faults are a damaged file, a file that cannot be opened, and a symbolic
-/// link at the path (the link is deleted, never followed). A write fails when its text is empty or does not compile, a
-/// value cannot be bound, a constraint is violated, the statement yields a row, the disk is full, or another process
-/// locks the file. To keep your data, write statements that cannot fail, such as `INSERT OR IGNORE` and
-/// `CREATE TABLE IF NOT EXISTS`, and read with SelectQuery(), which never resets. When a reset cannot open the file,
-/// the database stays closed: each statement then only logs "DB not opened yet", and only ResetDatabase() opens it.
+/// **Healing, and what it costs.** A fault of the file found at opening, or a failed *write*, causes a reset: the file
+/// and its journal are deleted, and an **empty** file is created. Faults are a damaged file, a file that cannot be
+/// opened, and a symbolic link at the path (the link is deleted, not followed, unless it appears between the test and
+/// the opening). A write fails when its text is empty or does not compile, a value cannot be bound, a constraint is
+/// violated, the statement yields a row, the disk is full, or another process locks the file. To keep your data, avoid
+/// statements that can fail: `INSERT OR IGNORE` passes over a duplicate key or a NULL, and `CREATE TABLE IF NOT EXISTS`
+/// an existing table, but no write survives a full disk or a lock. Read with SelectQuery(), which never resets. When a
+/// reset cannot open the file, the database stays closed: each statement then only logs "DB not opened yet", and only
+/// ResetDatabase() opens it.
 ///
 /// **Limits a host must know.**
-/// - *One object per file.* After a reset by one object, the next write of another object on the same file fails and
-///   wipes the file again.
+/// - *One object per file.* After a reset by one object, the next write by another object that changes the same file
+///   fails and wipes it again.
 /// - *One process per file.* If others must lock it for a short time, run `PRAGMA busy_timeout = <ms>` through
 ///   SelectQuery(): a write then waits, and with it all databases. Run it again after every reset.
 /// - *No fork.* In a child process the flush timer does not run, a lock held by another thread at the time of the fork
@@ -136,8 +138,8 @@ public:
     /// @param values  its values; parameters without a value are NULL.
     /// @param rows    one map from column name to text is appended for each row. An integer is **cut to 32 bits**; text
     ///                ends at its first zero byte; a real, a blob and NULL become an empty text. Select
-    ///                `CAST(x AS TEXT)` to keep such a value. If several columns have the same name, the last one is
-    ///                kept.
+    ///                `CAST(x AS TEXT)` to keep a large integer or a real (to 15 digits), and `hex(x)` to keep a blob
+    ///                or a text with zero bytes. If several columns have the same name, the last one is kept.
     /// @return false when the query does not compile ("error select %s" is logged) or a value cannot be bound ("Failed
     ///         to bind / Q[%s], V size[%d]"). Otherwise true, even when the database is closed ("DB not opened yet") or
     ///         an unreported error ends the rows early.

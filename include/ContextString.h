@@ -11,14 +11,15 @@
 /// Conversions of byte strings: numbers, words, time texts, and UTF-16 text to UTF-8.
 ///
 /// **Units.** Times are whole seconds since the epoch. Broken-down times are **local**, even where a name says "UTC";
-/// the zone is the one that `tzset(3)` last read. A time text has one of three forms: compact ("20240305140709",
-/// `%Y%m%d%H%M%S`), display ("2024-03-05 14:07:09+0900", `%Y-%m-%d %H:%M:%S%z`) or SQL ("2024-03-05 14:07:09").
-/// 16-bit text is UTF-16, **big-endian in memory**: the byte at the lower address is the high byte, on every processor.
-/// On a little-endian processor the letter A is therefore the unit 0x4100.
+/// the zone is the one that `tzset(3)` last read; parsing a time text reads it again, for the whole process. A time
+/// text has one of three forms: compact ("20240305140709", `%Y%m%d%H%M%S`), display ("2024-03-05 14:07:09+0900",
+/// `%Y-%m-%d %H:%M:%S%z`) or SQL ("2024-03-05 14:07:09"). 16-bit text is UTF-16, **big-endian in memory**: the byte at
+/// the lower address is the high byte, on every processor. On a little-endian processor the letter A is therefore the
+/// unit 0x4100.
 /// **Threads.** Static functions without state: any thread, as long as no thread changes the time zone.
-/// **Errors.** Bad text gives zero or a partial result, except where a function is documented to throw. Only
-/// StringToUTC() and the 16-bit functions log. Without memory Unicode2Utf8() and TransStrExceptLF() fail as documented
-/// there; all other functions may throw `std::bad_alloc`.
+/// **Errors.** Bad text throws only where documented; elsewhere it gives the result that the function states, mostly
+/// zero or a partial result. Only StringToUTC() and the 16-bit functions log. Without memory Unicode2Utf8() and
+/// TransStrExceptLF() fail as documented there; all other functions may throw `std::bad_alloc`.
 /// @ingroup base
 class LUMORA_API ContextString {
 public:
@@ -46,9 +47,9 @@ public:
     /// Removes leading and trailing white space (space, \\v, \\f, \\n, \\r, \\t) in place.
     static void Trim(std::string& text);
 
-    /// Copies a text without the characters of a set. The search resumes one character after each removed one, so the
-    /// second of two adjacent characters of the set stays; this is a promise. "a,,b" without "," is "a,b", and "xxxx"
-    /// without "x" is "xx".
+    /// Copies a text without the characters of a set. The character after each removed one is kept without being
+    /// examined, so the second of two adjacent characters of the set stays; this is a promise. "a,,b" without "," is
+    /// "a,b", and "xxxx" without "x" is "xx".
     /// @param text        the text to copy.
     /// @param characters  the characters to remove, in any order.
     static std::string remove_chars(const std::string& text, const std::string& characters);
@@ -155,10 +156,10 @@ public:
     /// @param destinationSize  its size in bytes; three bytes per unit are always enough.
     /// @param source           the units; not modified.
     /// @param sourceSize       their size in **bytes**. A terminator that is included in the size is converted too.
-    /// @return false when the converter cannot be opened because the system has none, or memory or descriptors have run
-    ///         out ("Iconv open failed" is logged); also when the source is invalid, ends within a character, or
-    ///         does not fit ("iconv failed: %d" with `errno`). Bytes written before the failure stay in the
-    ///         destination.
+    /// @return false when the converter cannot be opened ("Iconv open failed" is logged), because the system has none
+    ///         or because memory or descriptors have run out. Also false when the source is invalid, ends within a
+    ///         character, or does not fit into the destination ("iconv failed: %d" with `errno`). Bytes written before
+    ///         the failure stay in the destination.
     static bool Unicode2Utf8(char* destination, unsigned int destinationSize, char* source, unsigned int sourceSize);
 
     /// Removes every line feed (bytes 00 0A) and carriage return (00 0D) in place. Each unit is examined alone; line

@@ -45,14 +45,15 @@ enum ETimerEvent : int {
 /// **Units.** Intervals and deadlines are whole seconds of `time()`. The first deadline counts from the second of the
 /// last check, so the first firing may come up to 1.25 s early: one second and one tick. Each later deadline counts
 /// from the check that found the timer due.
-/// **Clock changes.** When the clock moves forward by more than 5 s between two checks, every deadline moves by the
-/// same amount and the info line "add offset %d" is logged. A callback that blocks for that long has the same effect.
-/// The same applies to a system suspend: a timer with 10 s left fires 10 s after the device wakes up, even after an
-/// hour of sleep. To act on the wall clock instead, set a short interval and compare `time()` in the callback. A
-/// suspend of up to 5 s counts as normal time. A step back is not compensated: every timer fires later by that amount.
+/// **Clock changes.** When `time()` grows by 6 or more whole seconds between two checks, every deadline moves by the
+/// same amount and the info line "add offset %d" is logged. A callback that blocks long enough has the same effect. The
+/// same applies to a system suspend: a timer with 10 s left fires 10 s after the device wakes up, even after an hour of
+/// sleep. To act on the wall clock instead, set a short interval and compare `time()` in the callback. A suspend that
+/// does not reach this limit counts as normal time. A step back is not compensated: every timer fires later by that
+/// amount.
 /// **Order.** Timers due at the same check fire in list order. A new timer is inserted before the first timer whose
 /// deadline is later at that moment, and never moves afterwards. Timers that are set with equal deadlines therefore
-/// fire in the order in which they were set.
+/// fire in the order in which they were set, unless a timer before them in the list fires between the two calls.
 /// **Ownership.** The caller keeps callbacks and user data valid until the timer is removed. The destructor neither
 /// stops the threads nor frees the records of existing timers: kill the timers, call Stop(), then destroy the object.
 /// **Threads.** SetTimer() and KillTimer() may be called from any thread and from a callback. Start(), Stop() and the

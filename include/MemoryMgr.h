@@ -29,7 +29,8 @@ static_assert(sizeof(TMemHeader) == 64 && offsetof(TMemHeader, nBlockHigh) == 50
                   offsetof(TMemHeader, nSize) == 56 && offsetof(TMemHeader, nBlockLow) == 60,
               "the layout is a promise to tools that read a process's memory");
 
-/// Finds heap damage and leaks: allocates blocks with a header before each, and checks the headers.
+/// Finds heap damage: allocates blocks with a header before each, and checks the headers. Its counters of live blocks
+/// and bytes let a derived class find leaks.
 ///
 /// The host creates one manager, registers it with SetInstance() and starts its checker with Start(). From then on
 /// Allocate() and Release() work from any thread. The manager keeps a copy of every live block's header in a table.
@@ -84,7 +85,7 @@ public:
     /// @{
 
     /// Copies a header into the lowest free slot and counts its block. If the count is below 1000 but no slot is free,
-    /// the block is counted but not stored.
+    /// which only a derived class that changes the count or the table can cause, the block is counted but not stored.
     /// @param header  copied, not kept.
     /// @return false, without counting, when the count is 1000 already.
     bool __AddMemory(TMemHeader* header);

@@ -21,10 +21,10 @@ namespace Network {
 /// **Threads.** Functions without state: any thread, as long as no two threads use one descriptor at the same time.
 /// BindPort() does not block, and AcceptNewSocket() blocks up to its limit. All others block as long as the peer or the
 /// system takes.
-/// **Signals.** Sending to a peer that has closed raises **SIGPIPE**, which ends the process unless the host ignores
-/// it. A system call that fails with `EINTR` counts as failed and is not retried.
-/// **Errors.** Reported by return value, and logged where a function says so. After a failure the stream may be in the
-/// middle of a frame: close it.
+/// **Signals.** The first send to a peer that has closed usually succeeds; a later one raises **SIGPIPE**, which ends
+/// the process unless the host ignores it. A system call that fails with `EINTR` counts as failed and is not retried.
+/// **Errors.** Reported by return value, except by GetReply(), and logged where a function says so. After a failure the
+/// stream may be in the middle of a frame: close it.
 /// @ingroup network
 class LUMORA_API NetUtil {
 public:

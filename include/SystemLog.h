@@ -18,8 +18,8 @@ enum ELumoraLogPriority : int {
     LUMORA_LOG_ERROR = 6,    ///< every other failure that is logged
 };
 
-/// Writes one message to the platform's system log. All log messages of the library go through this call.
-/// Only the failed assertions of ContextTimer do not: the C library prints them on standard error.
+/// Writes one message to the platform's system log. Every message of the library goes through this call, except the
+/// failed assertions of ContextTimer, which the C library prints on standard error.
 ///
 /// The library's default definition passes the text, with the tag in front, to `syslog(3)`: debug becomes `LOG_DEBUG`,
 /// info `LOG_INFO`, warning `LOG_WARNING`, and anything else `LOG_ERR`. It neither opens nor closes the system log, so

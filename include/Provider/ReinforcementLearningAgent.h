@@ -66,7 +66,8 @@ protected:
 /// Gives each action a probability proportional to exp(mean reward / temperature), and chooses with a fixed draw.
 ///
 /// The draw comes from the minimal standard generator (Park and Miller, 1988), which is seeded with 1 for every choice,
-/// so it is always 0.13153778773876065. Unlike in textbooks, the choice depends on the mean rewards only.
+/// so it is always 0.13153778773876065. Unlike in textbooks, chance plays no part: the mean rewards and the temperature
+/// determine the choice.
 class LUMORA_API SoftmaxAgent : public ReinforcementLearningAgent {
 public:
     /// Starts without statistics.
