@@ -51,14 +51,15 @@ struct struct_query_set {
 /// opened, and a symbolic link at the path (the link is deleted, not followed, unless it appears between the test and
 /// the opening). A write fails when its text is empty or does not compile, a value cannot be bound, a constraint is
 /// violated, the statement yields a row, the disk is full, or another process locks the file. To keep your data, avoid
-/// statements that can fail: `INSERT OR IGNORE` passes over a duplicate key or a NULL, and `CREATE TABLE IF NOT EXISTS`
-/// an existing table, but no write survives a full disk or a lock. Read with SelectQuery(), which never resets. When a
+/// statements that can fail: `INSERT OR IGNORE` skips a row with a duplicate key or with NULL in a NOT NULL column, and
+/// `CREATE TABLE IF NOT EXISTS` does nothing if the table exists; but no choice of statement helps against a full disk,
+/// or against a lock that outlasts the busy timeout (0 at first). Read with SelectQuery(), which never resets. When a
 /// reset cannot open the file, the database stays closed: each statement then only logs "DB not opened yet", and only
 /// ResetDatabase() opens it.
 ///
 /// **Limits a host must know.**
-/// - *One object per file.* After a reset by one object, the next write by another object that changes the same file
-///   fails and wipes it again.
+/// - *One object per file.* After one object resets, another object of the same file still has the deleted file open:
+///   its next write that would change anything fails, and wipes the new file.
 /// - *One process per file.* If others must lock it for a short time, run `PRAGMA busy_timeout = <ms>` through
 ///   SelectQuery(): a write then waits, and with it all databases. Run it again after every reset.
 /// - *No fork.* In a child process the flush timer does not run, a lock held by another thread at the time of the fork

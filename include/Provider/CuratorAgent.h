@@ -25,7 +25,8 @@ enum ECuratorAgentType : int {
 /// The curation engine: learns a usage history and ranks its units.
 ///
 /// The agent keeps one scoring unit for each unit id. A ranking lists the units by score, highest first; units with
-/// equal scores are listed in the order in which they were first learnt. No unit is removed until the agent is destroyed.
+/// equal scores are listed in the order in which they were first learnt. No unit is removed until the agent is
+/// destroyed.
 ///
 /// A date agent works in the local time of the process. It calls `tzset` in LearnHistory() and LearnHistorys(), so a
 /// change of `TZ` takes effect there.
