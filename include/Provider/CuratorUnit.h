@@ -90,11 +90,12 @@ public:
 /// - 6 times the seconds on that day of the week, and
 /// - 11 times the seconds at that hour of the week.
 ///
-/// Hours follow the calendar calls of the C library: a day on which daylight-saving time begins or ends by an hour has
-/// 23 or 25 hours. At the end of a 32-bit `time_t`, and where a zone moves its standard time forward over a full hour
-/// without a change of the daylight-saving flag, these calls cannot give the next full hour: the rest of the usage is
-/// credited to the current hour. Where a zone moves its standard time back by an hour in the same way, a usage that
-/// began before the change leaves out the repeated hour: what follows the change is credited one hour too late.
+/// Hours follow the calendar calls of the C library: a day on which the clock goes forward or back by an hour for
+/// daylight-saving time has 23 or 25 hours. At the end of a 32-bit `time_t`, and where a zone moves its standard time
+/// forward over a full hour without a change of the daylight-saving flag, these calls cannot give the next full hour:
+/// the rest of the usage is credited to the current hour. Where a zone moves its standard time back by an hour in the
+/// same way, a usage that began before the change leaves out the repeated hour: what follows the change is credited one
+/// hour too late.
 class LUMORA_API CCuratorDateUnit : public CCuratorBaseUnit {
 public:
     /// Cap on the duration of one usage, in seconds.
