@@ -46,7 +46,7 @@ static_assert(sizeof(TMemHeader) == 64 && offsetof(TMemHeader, nBlockHigh) == 50
 /// heap block.
 /// **Threads.** Allocate(), Release() and GetInstance() may be called from any thread. Allocate(), Release() and the
 /// checker hold one process-wide mutex. SetInstance() and the destructor take no lock and must not run at the same time
-/// as these.
+/// as Allocate(), Release() or the checker.
 /// **Errors.** Damage is logged as info; nothing is repaired.
 class LUMORA_API CMemoryManager : public ContextThread {
 public:
