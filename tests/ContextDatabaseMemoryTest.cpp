@@ -4,9 +4,12 @@
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 
+#include <atomic>
+#include <chrono>
 #include <climits>
 #include <csignal>
 #include <cstddef>
+#include <cstdio>
 #include <functional>
 #include <memory>
 #include <new>
@@ -28,6 +31,14 @@ using Form = FailingAllocation::Form;
 
 int g_namesBeforeFailure = -1;  ///< column names that SQLite may still return; negative for any number
 
+/// Blocks the next remove() while it exists.
+struct HeldRemoval {
+    Waiting::Gate hasBegun;
+    Waiting::Gate mayEnd;
+};
+
+std::atomic<HeldRemoval*> g_heldRemoval{nullptr};
+
 }  // namespace
 
 /// Replaces SQLite's function for the library: SQLite returns null when it has no memory for a name.
@@ -37,6 +48,15 @@ extern "C" const char* sqlite3_column_name(sqlite3_stmt* statement, int column) 
     }
     --g_namesBeforeFailure;
     return NextFunction<decltype(sqlite3_column_name)>("sqlite3_column_name")(statement, column);
+}
+
+/// Replaces the C library's function, which a reset calls without a lock.
+extern "C" int remove(const char* path) noexcept {
+    if (HeldRemoval* held = g_heldRemoval.exchange(nullptr)) {
+        held->hasBegun.Open();
+        held->mayEnd.Wait();
+    }
+    return NextFunction<decltype(remove)>("remove")(path);
 }
 
 namespace {
@@ -229,8 +249,9 @@ void LimitHeap(sqlite3_context* context, int, sqlite3_value** values) {
 
 TEST_F(ContextDatabaseNoMemoryTest, DropsRowWhoseTextCannotBeRead) {
     // SQLite converts UTF-16 when the text is read, after the step that calls the function.
-    PlainConnection().Run("PRAGMA encoding = 'UTF-16'; CREATE TABLE big (id INTEGER PRIMARY KEY, text TEXT);"
-                          "INSERT INTO big VALUES (1, 'one'), (2, hex(zeroblob(50000))), (3, 'three')");
+    PlainConnection().Run(
+        "PRAGMA encoding = 'UTF-16'; CREATE TABLE big (id INTEGER PRIMARY KEY, text TEXT);"
+        "INSERT INTO big VALUES (1, 'one'), (2, hex(zeroblob(50000))), (3, 'three')");
     const auto addFunction = [](sqlite3* database, char**, const sqlite3_api_routines*) {
         return sqlite3_create_function(database, "limit_heap", 1, SQLITE_UTF8, nullptr, LimitHeap, nullptr, nullptr);
     };
@@ -287,17 +308,18 @@ TEST_F(ContextDatabaseNoMemoryTest, StopsItsThreadsWithoutMemoryForMessages) {
 
 TEST_F(ContextDatabaseNoMemoryTest, WaitsForRunningFlushWithoutMemory) {
     auto database = std::make_unique<ContextDatabase>("x.db", kCreateTable, /*interval=*/1);
-    StatementHold hold;
-    Defer(*database, "INSERT INTO t (id) SELECT abs(hold() - 9223372036854775807 - 2)");
-    ASSERT_TRUE(AdvanceUntil([&] { return hold.IsHolding(); })) << "no flush started";
+    Defer(*database, kOverflow);
+    HeldRemoval held;
+    g_heldRemoval = &held;
+    ASSERT_TRUE(AdvanceUntil([] { return g_heldRemoval == nullptr; })) << "no flush started";
     Background destruction([&] {
         const FailingAllocation failing(/*allowed=*/2);
         database.reset();
     });
-    EXPECT_FALSE(destruction.Returns(kShort));
-    hold.Release();
+    EXPECT_FALSE(destruction.Returns(std::chrono::seconds(1))) << "the destructor did not wait for the flush";
+    held.mayEnd.Open();
     ASSERT_TRUE(destruction.Returns());
-    EXPECT_EQ(CapturedLog::Count("reset database"), 1) << "the flush did not end";
+    EXPECT_EQ(CapturedLog::Count("remove " + DatabasePath() + "-journal file success"), 1) << "the flush did not end";
     EXPECT_EQ(CapturedLog::Count("Stop Error"), 1);
     EXPECT_EQ(OpenDescriptors(), 0) << "the flush has opened the file again";
 }
