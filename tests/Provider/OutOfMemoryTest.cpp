@@ -433,8 +433,7 @@ struct BanditOutOfMemoryTest : public ::testing::Test {
     static constexpr int kAllocations =
         std::is_same_v<Agent, ThomsonSamplingAgent> || std::is_same_v<Agent, KalmanFilterAgent> ? 5 : 3;
 };
-using Bandits =
-    ::testing::Types<EpsilonGreedyAgent, SoftmaxAgent, MFUAgent, ThomsonSamplingAgent, KalmanFilterAgent>;
+using Bandits = ::testing::Types<EpsilonGreedyAgent, SoftmaxAgent, MFUAgent, ThomsonSamplingAgent, KalmanFilterAgent>;
 TYPED_TEST_SUITE(BanditOutOfMemoryTest, Bandits);
 
 TYPED_TEST(BanditOutOfMemoryTest, AFailedConstructionLeaksNothing) {
