@@ -163,7 +163,8 @@ TEST(ContextStringOutOfMemoryTest, ConvertsWithoutLineBreaksOrNotAtAll) {
         const bool isConverted = conversion.result == utf8;
         const bool isEmpty = conversion.result.empty();
         EXPECT_TRUE(isConverted || isEmpty || conversion.result == "out of memory") << conversion.result;
-        EXPECT_EQ(conversion.log, isEmpty && allowed > 1 ? (Words{"Iconv open failed", "convert name failed"}) : Words{});
+        EXPECT_EQ(conversion.log,
+                  isEmpty && allowed > 1 ? (Words{"Iconv open failed", "convert name failed"}) : Words{});
         EXPECT_EQ(isConverted, !Scope::HasFailed());
     });
 }

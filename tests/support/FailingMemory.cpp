@@ -18,8 +18,8 @@ constexpr bool kIsCounting = false;
 constexpr bool kIsCounting = true;
 #endif
 
-thread_local int t_allowed = 0;      ///< allocations left that succeed before the first failure
-thread_local int t_failures = 0;     ///< failures left
+thread_local int t_allowed = 0;   ///< allocations left that succeed before the first failure
+thread_local int t_failures = 0;  ///< failures left
 thread_local bool t_hasFailed = false;
 thread_local bool t_isNewing = false;  ///< inside `new`, whose call of malloc() is not counted again
 thread_local int t_blocks = 0;

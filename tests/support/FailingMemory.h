@@ -40,9 +40,9 @@ private:
 /// LeakSanitizer finds blocks that are never freed.
 int BlocksInUse();
 
-/// Calls `test(allowed, failures)` again and again: first without a failure, then with the first allocation failing, then the second and so on, once
-/// and for good, until no allocation fails. `test` creates a Scope with its arguments around the call that it tests.
-/// Expects at least one failure, and that the calls of `test` free all blocks.
+/// Calls `test(allowed, failures)` again and again: first without a failure, then with the first allocation failing,
+/// then the second and so on, once and for good, until no allocation fails. `test` creates a Scope with its arguments
+/// around the call that it tests. Expects at least one failure, and that the calls of `test` free all blocks.
 /// @return the number of allocations that failed one by one.
 template <class Test>
 int ForEveryAllocation(Test test) {
@@ -51,7 +51,8 @@ int ForEveryAllocation(Test test) {
     for (const int failures : {1, INT_MAX}) {
         bool hasFailed = true;
         for (count = 0; hasFailed && count < 10000; ++count) {
-            SCOPED_TRACE("allocation " + std::to_string(count + 1) + (failures == 1 ? " fails" : " and later ones fail"));
+            SCOPED_TRACE("allocation " + std::to_string(count + 1) +
+                         (failures == 1 ? " fails" : " and later ones fail"));
             const int before = BlocksInUse();
             test(count, failures);
             hasFailed = Scope::HasFailed();
