@@ -262,7 +262,8 @@ void ContextString::TransStrExceptLF(unsigned short* text) {
         return;
     }
     const std::size_t length = std::char_traits<unsigned short>::length(text);
-    // Zeroed, so that no half of a surrogate pair is left between the new end of the text and the old one.
+    // A promise: without memory for the scratch array the text stays unchanged, and a warning is logged. Zeroed, so
+    // that no half of a surrogate pair is left between the new end of the text and the old one.
     const std::unique_ptr<unsigned short[]> kept(new (std::nothrow) unsigned short[length + 1]());
     if (kept == nullptr) {
         LMR_LOG_WARNING("new uint16_t[nLen] failed!");
