@@ -30,10 +30,10 @@
 /// scalar, a conversion that is not possible. jsoncpp 1.9.5 throws `Json::LogicError` for all of these.
 ///
 /// When memory runs out, `std::bad_alloc` passes through, or from jsoncpp `Json::RuntimeError`, for the texts that it
-/// allocates with `malloc`. Only Clear() and GetValue() need no memory. The document stays valid and usable. Members
-/// keep their values, except that the content after MakeData() is unspecified, and that a member that was absent or
-/// null may remain as a null or as an array of nulls. Nothing leaks, except in jsoncpp 1.9.5: when copying a value with
-/// comments fails, the part that was copied is never freed. Comments come from MakeData().
+/// allocates with `malloc`. Clear() and GetValue() without a key need no memory. The document stays valid and usable.
+/// Members keep their values, except that the content after MakeData() is unspecified, and that a member that was
+/// absent or null may remain as a null or as an array of nulls. Nothing leaks, except in jsoncpp 1.9.5: when copying a
+/// value with comments fails, the part that was copied is never freed. Comments come from MakeData().
 /// **Limits.** jsoncpp 1.9.5 parses at most 1000 levels of nesting, where a scalar counts as a level; for deeper text
 /// MakeData() throws `Json::RuntimeError`. Catch it if the text comes from outside. MakeStr() has no limit and recurses
 /// once per level: on a PC a document of 100 000 levels, which only code can build, overflows the stack.
