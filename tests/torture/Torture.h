@@ -38,7 +38,8 @@ public:
 
     /// Returns whether the program should try more: until `--minutes` have passed, or `shortForm` without them.
     bool HasTime(std::chrono::milliseconds shortForm) const {
-        const auto bound = IsLong() ? std::chrono::milliseconds(static_cast<std::int64_t>(m_minutes * 60000)) : shortForm;
+        const auto bound =
+            IsLong() ? std::chrono::milliseconds(static_cast<std::int64_t>(m_minutes * 60000)) : shortForm;
         return std::chrono::steady_clock::now() - m_start < bound;
     }
 
