@@ -128,7 +128,8 @@ Samples MakeSamples() {
     Samples samples;
     samples.indexed = Snapshot(kCreateTable, "name-", "", "").first;
     samples.plain = Snapshot(kCreatePlainTable, "name-", "", "").first;
-    samples.older = Snapshot(kCreatePlainTable, "older-", "UPDATE t SET value = 0; DELETE FROM t WHERE id > 200", "").first;
+    samples.older =
+        Snapshot(kCreatePlainTable, "older-", "UPDATE t SET value = 0; DELETE FROM t WHERE id > 200", "").first;
     std::tie(samples.changed, samples.journal) = Snapshot(kCreatePlainTable, "name-", kChange, "-journal");
     samples.foreign = Snapshot(kCreateTable, "foreign-", kChange, "-journal").second;
     std::tie(samples.walFile, samples.wal) = Snapshot(kCreatePlainTable, "name-", "", "-wal");
@@ -260,8 +261,8 @@ void AddDamagedPages(std::vector<Kind>& kinds) {
         content[Below(kHeaderSize, random)] = static_cast<char>(random());
         Write(content);
     });
-    add("up to 5000 bytes after the first page overwritten with garbage; an index has all columns",
-        Promise::RightRows, [](const Samples& samples, Random& random) {
+    add("up to 5000 bytes after the first page overwritten with garbage; an index has all columns", Promise::RightRows,
+        [](const Samples& samples, Random& random) {
             Write(Page(samples.indexed, 0) + WithGarbage(samples.indexed.substr(kPageSize), 5000, random));
         });
     add("up to 5000 bytes anywhere overwritten with garbage", Promise::AnyRows,
@@ -279,17 +280,15 @@ void AddDamagedPages(std::vector<Kind>& kinds) {
         const std::size_t page = Below(pages, random);
         Write(PutPage(content, page, Page(samples.older, page)));
     });
-    add("the end cut off; an index has all columns", Promise::RightRows, [](const Samples& samples, Random& random) {
-        Write(CutOff(samples.indexed, random));
-    });
+    add("the end cut off; an index has all columns", Promise::RightRows,
+        [](const Samples& samples, Random& random) { Write(CutOff(samples.indexed, random)); });
     add("the end cut off", Promise::AnyRows,
         [](const Samples& samples, Random& random) { Write(CutOff(samples.plain, random)); });
     add("garbage appended", Promise::RightRows, [](const Samples& samples, Random& random) {
         Write(samples.plain + Garbage(1 + Below(3 * kPageSize, random), random));
     });
-    add("garbage from the first byte", Promise::RightRows, [](const Samples&, Random& random) {
-        Write("x" + Garbage(Below(5 * kPageSize, random), random));
-    });
+    add("garbage from the first byte", Promise::RightRows,
+        [](const Samples&, Random& random) { Write("x" + Garbage(Below(5 * kPageSize, random), random)); });
 }
 
 void AddCompanions(std::vector<Kind>& kinds) {
@@ -301,12 +300,13 @@ void AddCompanions(std::vector<Kind>& kinds) {
         Write(samples.changed);
         Write(samples.journal, "-journal");
     });
-    add("`-journal` of an interrupted transaction, damaged or cut off", Promise::AnyRows, [](const Samples& samples, Random& random) {
-        Write(samples.changed);
-        Write(random() % 2 == 0 ? WithGarbage(samples.journal, 100, random)
-                                : samples.journal.substr(0, Below(samples.journal.size(), random)),
-              "-journal");
-    });
+    add("`-journal` of an interrupted transaction, damaged or cut off", Promise::AnyRows,
+        [](const Samples& samples, Random& random) {
+            Write(samples.changed);
+            Write(random() % 2 == 0 ? WithGarbage(samples.journal, 100, random)
+                                    : samples.journal.substr(0, Below(samples.journal.size(), random)),
+                  "-journal");
+        });
     add("`-journal` of another file", Promise::AnyRows, [](const Samples& samples, Random& random) {
         Write(OneOf(samples.indexed, samples.plain, random));
         Write(samples.foreign, "-journal");
@@ -321,13 +321,12 @@ void AddCompanions(std::vector<Kind>& kinds) {
         Write(samples.walFile);
         Write(samples.wal, "-wal");
     });
-    add("`-wal` with its file, damaged or cut off", Promise::AnyRows,
-        [](const Samples& samples, Random& random) {
-            Write(samples.walFile);
-            Write(random() % 2 == 0 ? WithGarbage(samples.wal, 100, random)
-                                    : samples.wal.substr(0, Below(samples.wal.size(), random)),
-                  "-wal");
-        });
+    add("`-wal` with its file, damaged or cut off", Promise::AnyRows, [](const Samples& samples, Random& random) {
+        Write(samples.walFile);
+        Write(random() % 2 == 0 ? WithGarbage(samples.wal, 100, random)
+                                : samples.wal.substr(0, Below(samples.wal.size(), random)),
+              "-wal");
+    });
     add("`-wal` of another file", Promise::AnyRows, [](const Samples& samples, Random& random) {
         Write(OneOf(samples.indexed, samples.plain, random));
         Write(samples.foreignWal, "-wal");
@@ -344,16 +343,20 @@ void AddForeignFiles(std::vector<Kind>& kinds) {
                          const Rows& rows = {}) {
         kinds.push_back({name, promise, /*isRandom=*/false, std::move(prepare), rows});
     };
-    add("not damaged", Promise::RightRows, [](const Samples& samples, Random&) { Write(samples.indexed); }, RowsNamed("name-"));
+    add(
+        "not damaged", Promise::RightRows, [](const Samples& samples, Random&) { Write(samples.indexed); },
+        RowsNamed("name-"));
     add("no file, or an empty one", Promise::RightRows, [](const Samples&, Random& random) {
         if (random() % 2 == 0) {
             Write("");
         }
     });
-    for (const char* start : {"\x89PNG\r\n\x1a\n", "\x1f\x8b\x08", "\x7f" "ELF", "{\"list\": []}", "%PDF-1.4", "** This"}) {
-        add("a file of another format", Promise::RightRows, [start](const Samples&, Random& random) {
-            Write(start + Garbage(Below(2 * kPageSize, random), random));
-        });
+    for (const char* start : {"\x89PNG\r\n\x1a\n", "\x1f\x8b\x08",
+                              "\x7f"
+                              "ELF",
+                              "{\"list\": []}", "%PDF-1.4", "** This"}) {
+        add("a file of another format", Promise::RightRows,
+            [start](const Samples&, Random& random) { Write(start + Garbage(Below(2 * kPageSize, random), random)); });
     }
     add("a database without the table", Promise::RightRows,
         Statements("CREATE TABLE u (x); INSERT INTO u VALUES (1); CREATE INDEX i ON u (x)"));
@@ -368,22 +371,32 @@ void AddForeignFiles(std::vector<Kind>& kinds) {
         Statements("CREATE TABLE t (id INTEGER PRIMARY KEY, name TEXT, value INTEGER); CREATE TRIGGER r BEFORE INSERT "
                    "ON t BEGIN SELECT RAISE(IGNORE); END"));
     add("a schema that does not compile", Promise::RightRows,
-        Statements("CREATE TABLE t (id); PRAGMA writable_schema = ON; UPDATE sqlite_schema SET sql = 'CREATE NONSENSE'"));
+        Statements(
+            "CREATE TABLE t (id); PRAGMA writable_schema = ON; UPDATE sqlite_schema SET sql = 'CREATE NONSENSE'"));
     for (const char* setting : {"encoding = 'UTF-16'", "page_size = 512", "page_size = 65536", "auto_vacuum = FULL"}) {
-        add("a database with other settings", Promise::RightRows, [setting](const Samples&, Random&) {
-            Plain file;
-            file.Run(std::string("PRAGMA ") + setting);
-            Fill(file, kCreateTable, "name-");
-        }, RowsNamed("name-"));
+        add(
+            "a database with other settings", Promise::RightRows,
+            [setting](const Samples&, Random&) {
+                Plain file;
+                file.Run(std::string("PRAGMA ") + setting);
+                Fill(file, kCreateTable, "name-");
+            },
+            RowsNamed("name-"));
     }
-    add("a second name of a database (hard link)", Promise::RightRows, [](const Samples& samples, Random&) {
-        Surroundings::WriteFile(DataFolder::Path("second"), samples.indexed);
-        fs::create_hard_link(DataFolder::Path("second"), kPath);
-    }, RowsNamed("name-"));
-    add("a terabyte of zeros after the last page", Promise::RightRows, [](const Samples& samples, Random&) {
-        Write(samples.plain);
-        fs::resize_file(kPath, std::uintmax_t{1} << 40);
-    }, RowsNamed("name-"));
+    add(
+        "a second name of a database (hard link)", Promise::RightRows,
+        [](const Samples& samples, Random&) {
+            Surroundings::WriteFile(DataFolder::Path("second"), samples.indexed);
+            fs::create_hard_link(DataFolder::Path("second"), kPath);
+        },
+        RowsNamed("name-"));
+    add(
+        "a terabyte of zeros after the last page", Promise::RightRows,
+        [](const Samples& samples, Random&) {
+            Write(samples.plain);
+            fs::resize_file(kPath, std::uintmax_t{1} << 40);
+        },
+        RowsNamed("name-"));
     add("a terabyte of zeros", Promise::RightRows, [](const Samples&, Random&) {
         Write("");
         fs::resize_file(kPath, std::uintmax_t{1} << 40);
@@ -425,7 +438,7 @@ std::vector<Kind> AllKinds() {
 
 /// One row of the guide's table.
 struct Statement {
-    std::string outcomes;             ///< for example "opens or reset"
+    std::string outcomes;              ///< for example "opens or reset"
     std::vector<std::regex> messages;  ///< what may be logged before a reset, or before the database stays closed
 };
 
@@ -506,8 +519,8 @@ std::string Look(const Kind& kind) {
         for (const auto& row : found) {
             wrong += wanted.count(row.first) == 0 || wanted.at(row.first) != row.second ? 1 : 0;
         }
-        lost = static_cast<int>(std::count_if(wanted.begin(), wanted.end(),
-                                              [&](const auto& row) { return found.count(row.first) == 0; }));
+        lost = static_cast<int>(
+            std::count_if(wanted.begin(), wanted.end(), [&](const auto& row) { return found.count(row.first) == 0; }));
     }
     database.ExecuteQuery("INSERT INTO t (id, name, value) VALUES (1000, 'new', 1)", {}, /*immediate=*/true);
     seen << ' ' << wrong << ' ' << lost << ' ' << ReadRows(database).count(1000) << '\n';
@@ -545,9 +558,9 @@ std::string Judge(const Kind& kind, const Statement& statement, const Seen& seen
         }
     }
     if (seen.outcome != "opens") {
-        return seen.wrongRows != 0                                ? "rows after a reset"
-               : seen.isWritable == (seen.outcome == "closed")    ? "cannot be written after the reset"
-                                                                  : "";
+        return seen.wrongRows != 0                             ? "rows after a reset"
+               : seen.isWritable == (seen.outcome == "closed") ? "cannot be written after the reset"
+                                                               : "";
     }
     if (kind.promise == Promise::RightRows && (seen.wrongRows != 0 || seen.lostRows != 0 || !seen.isWritable)) {
         return "opens with " + std::to_string(seen.wrongRows) + " wrong rows, and without " +
@@ -593,8 +606,8 @@ void PrintTotals(const std::map<std::string, Total>& totals) {
 /// Each row of the table must be tried.
 void CheckNames(Torture& torture, const std::vector<Kind>& kinds, const std::map<std::string, Statement>& statements) {
     for (const auto& statement : statements) {
-        const bool isTried = std::any_of(kinds.begin(), kinds.end(),
-                                         [&](const Kind& kind) { return statement.first == kind.name; });
+        const bool isTried =
+            std::any_of(kinds.begin(), kinds.end(), [&](const Kind& kind) { return statement.first == kind.name; });
         torture.Count(isTried, statement.first + ": the guide lists it, but it is not tried");
     }
 }
