@@ -1,7 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Allocations.h"
 
+#include <dlfcn.h>
 #include <link.h>
+#include <pthread.h>
 
 #include <atomic>
 #include <cerrno>
@@ -10,7 +12,7 @@
 #include <cstring>
 #include <new>
 
-#ifdef __SANITIZE_ADDRESS__
+#ifdef LUMORA_TORTURE_HAS_ASAN
 #include <sanitizer/common_interface_defs.h>
 #define REAL_NAME(name) "__interceptor_" name
 #else
@@ -78,7 +80,7 @@ bool Fails(const void* caller) {
         g_loader.Has(caller) || !IsPlanned(++g_count)) {
         return false;
     }
-#ifdef __SANITIZE_ADDRESS__
+#ifdef LUMORA_TORTURE_HAS_ASAN
     if (g_plan.isShown) {
         t_isExempt = true;
         __sanitizer_print_stack_trace();
@@ -171,6 +173,15 @@ char* __strdup(const char* text) noexcept {  // NOLINT(bugprone-reserved-identif
 
 char* strndup(const char* text, std::size_t length) noexcept {
     return static_cast<char*>(Duplicate(text, strnlen(text, length), CALLER));
+}
+
+/// AddressSanitizer calls this on every new thread and ends the process when it fails.
+int pthread_getattr_np(pthread_t thread, pthread_attr_t* attributes) noexcept {
+    static const auto real = reinterpret_cast<decltype(&pthread_getattr_np)>(dlsym(RTLD_NEXT, "pthread_getattr_np"));
+    t_isExempt = true;
+    const int result = real(thread, attributes);
+    t_isExempt = false;
+    return result;
 }
 
 void free(void* block) noexcept {

@@ -8,7 +8,7 @@
 /// every `operator new`, for all its libraries: C++, the C library, jsoncpp and SQLite.
 ///
 /// Two callers are exempt. GLib ends the process by itself when malloc() fails. The dynamic loader serves
-/// pthread_create(), whose failure GLib answers in the same way.
+/// pthread_create(), whose failure GLib answers in the same way. So does what AddressSanitizer itself allocates.
 namespace Allocations {
 
 struct Plan {

@@ -58,7 +58,9 @@ void HoldsRanking(Try& tried, CCuratorAgent& agent) {
         tried.Holds(std::count(before.begin(), before.end(), id) <= 1, "ranks a unit twice");
     }
     agent.LearnHistorys(ThreeUsages());
-    agent.LearnHistory(Usage("b", 10000));
+    CuratorBaseData latest = Usage("b", 10000);
+    latest.m_nStartTime += 100000;
+    agent.LearnHistory(latest);
     const std::string ids = Ids(agent.RunCurate());
     tried.Holds(ids.size() == 3 && ids[0] == 'b', "does not learn any more");
 }
