@@ -184,6 +184,10 @@ private:
     std::atomic<bool> m_bResetting;               ///< true during a reset; further resets are dropped
     int m_nInterval;                              ///< seconds; for 0 nothing is deferred
     std::atomic<TimerId> m_timerId;               ///< 0 when there is no timer
+    const std::string m_strPath;                  ///< computed once: nothing allocates after the construction
+    const std::string m_strJournalPath;           ///< likewise, as the two below
+    const std::string m_strWalPath;
+    const std::string m_strShmPath;
 };
 
 /// @}
