@@ -111,8 +111,8 @@ TEST_F(ContextDatabaseFileTest, TouchesNothingForNameThatNamesNoFile) {
     fs::create_directory(DatabasePath("sub"));
     const Messages before = Entries();
     const std::string names[] = {
-        "",    ".",      "..",     "/",      "sub/",
-        "./",  "sub/.",  "sub/..", "../..",  std::string("\0x.db", 5),
+        "",    ".",      "..",     "/",        "sub/",
+        "./",  "sub/.",  "sub/..", "../..",    std::string("\0x.db", 5),
         "//.", "sub/./", "sub//",  "../data/", std::string("..\0x.db", 7),
     };
     for (const std::string& name : names) {
@@ -215,8 +215,8 @@ TEST_F(ContextDatabaseFileTest, NeverBlocksOnFifo) {
     const struct {
         const char* suffix;
         const char* journalMode;
-    } rows[] = {{"", "DELETE"},     {"-journal", "DELETE"}, {"-journal", "WAL"}, {"-wal", "DELETE"},
-                {"-wal", "WAL"}, {"-shm", "WAL"}};
+    } rows[] = {{"", "DELETE"},     {"-journal", "DELETE"}, {"-journal", "WAL"},
+                {"-wal", "DELETE"}, {"-wal", "WAL"},        {"-shm", "WAL"}};
     for (const auto& row : rows) {
         const std::string fifo = kPath + row.suffix;
         if (fifo != kPath) {
