@@ -6,26 +6,28 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <random>
 #include <string>
+#include <utility>
 
 /// What the torture programs share: their options and their closing line.
 class Torture {
 public:
-    /// Reads `--minutes N` and `--seed N`, and prints the seed. Anything else ends the program with status 2.
-    Torture(std::string name, int argc, char** argv) : m_name(std::move(name)) {
-        m_seed = std::random_device{}();
+    /// Reads `--minutes N`, `--seed N` and `--only TEXT`, and prints the seed. Anything else ends the program with
+    /// status 2.
+    Torture(std::string name, int argc, char** argv) : m_name(std::move(name)), m_seed(std::random_device{}()) {
         for (int i = 1; i < argc; i += 2) {
-            const bool isMinutes = std::strcmp(argv[i], "--minutes") == 0;
-            if (i + 1 == argc || (!isMinutes && std::strcmp(argv[i], "--seed") != 0)) {
-                std::fprintf(stderr, "usage: torture-%s [--minutes N] [--seed N]\n", m_name.c_str());
-                std::exit(2);
-            }
-            if (isMinutes) {
-                m_minutes = std::atof(argv[i + 1]);
+            const std::string option = argv[i];
+            const char* value = i + 1 < argc ? argv[i + 1] : nullptr;
+            if (value != nullptr && option == "--minutes") {
+                m_minutes = std::atof(value);
+            } else if (value != nullptr && option == "--seed") {
+                m_seed = static_cast<std::uint32_t>(std::strtoul(value, nullptr, 10));
+            } else if (value != nullptr && option == "--only") {
+                m_only = value;
             } else {
-                m_seed = static_cast<std::uint32_t>(std::strtoul(argv[i + 1], nullptr, 10));
+                std::fprintf(stderr, "usage: torture-%s [--minutes N] [--seed N] [--only TEXT]\n", m_name.c_str());
+                std::exit(2);
             }
         }
         m_random.seed(m_seed);
@@ -36,11 +38,14 @@ public:
     /// Returns whether `--minutes` was given.
     bool IsLong() const { return m_minutes > 0; }
 
+    /// Returns whether a try of this name is wanted: it contains the text of `--only`.
+    bool IsWanted(const std::string& what) const { return what.find(m_only) != std::string::npos; }
+
     /// Returns whether the program should try more: until `--minutes` have passed, or `shortForm` without them.
     bool HasTime(std::chrono::milliseconds shortForm) const {
-        const auto bound =
-            IsLong() ? std::chrono::milliseconds(static_cast<std::int64_t>(m_minutes * 60000)) : shortForm;
-        return std::chrono::steady_clock::now() - m_start < bound;
+        const std::chrono::duration<double, std::ratio<60>> longForm(m_minutes);
+        const auto used = std::chrono::steady_clock::now() - m_start;
+        return IsLong() ? used < longForm : used < shortForm;
     }
 
     /// Returns the generator of every random choice, which `--seed` repeats.
@@ -66,6 +71,7 @@ public:
 
 private:
     std::string m_name;
+    std::string m_only;
     double m_minutes = 0;
     std::uint32_t m_seed = 0;
     std::mt19937 m_random;
