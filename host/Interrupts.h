@@ -4,8 +4,8 @@
 
 /// Handles SIGINT and SIGTERM, which the user sends to end the program.
 ///
-/// Either ends the program at once, unless Catch() was called: what is stored is complete at any time. While the program
-/// changes files it catches the signals, to finish the step and to report it.
+/// Either ends the program at once, unless Catch() was called: what is stored is complete at any time. While the
+/// program changes files it catches the signals, to finish the step and to report it.
 ///
 /// **Threads.** One thread calls Catch(), Release() and Wait().
 namespace Interrupts {

@@ -125,19 +125,16 @@ void RankingServer::ServeReady_() {
     const auto now = Connection::Clock::now();
     const bool mayAccept = m_clients.size() < kMostClients && now >= m_nextAccept;
     auto nextStep = now >= m_nextAccept ? now + kLongestWait : m_nextAccept;
-    std::array<pollfd, kMostClients + 1> files{};
-    files[kMostClients] = {mayAccept ? m_listener : -1, POLLIN, 0};  // poll() skips negative descriptors
-    for (std::size_t index = 0; index < kMostClients; ++index) {
-        files[index].fd = -1;
-        if (index < m_clients.size()) {
-            const Connection& client = *m_clients[index];
-            files[index] = {client.Socket(), client.IsSending() ? short{POLLOUT} : short{POLLIN}, 0};
-            nextStep = std::min(nextStep, client.Deadline());
-        }
+    std::array<pollfd, 1 + kMostClients> files{};         // the listener, then the clients
+    files[0] = {mayAccept ? m_listener : -1, POLLIN, 0};  // poll() skips negative descriptors
+    nfds_t count = 1;
+    for (const std::unique_ptr<Connection>& client : m_clients) {
+        files[count++] = {client->Socket(), client->IsSending() ? short{POLLOUT} : short{POLLIN}, 0};
+        nextStep = std::min(nextStep, client->Deadline());
     }
-    if (poll(files.data(), files.size(), MillisecondsTo(nextStep)) > 0) {
+    if (poll(files.data(), count, MillisecondsTo(nextStep)) > 0) {
         for (std::size_t index = 0; index < m_clients.size(); ++index) {
-            if (files[index].revents != 0) {
+            if (files[1 + index].revents != 0) {
                 Serve_(*m_clients[index]);
             }
         }
@@ -146,7 +143,7 @@ void RankingServer::ServeReady_() {
         return client->IsOver() || client->Deadline() <= end;
     };
     m_clients.erase(std::remove_if(m_clients.begin(), m_clients.end(), isGone), m_clients.end());
-    if (files[kMostClients].revents != 0) {
+    if (files[0].revents != 0) {
         Accept_();
     }
 }

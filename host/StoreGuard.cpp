@@ -139,9 +139,9 @@ std::string ProblemOf(const Finding& finding) {
     if (finding.table != ContextHost::TableText()) {
         return std::string("it is a database of another program") + kElsewhere;
     }
-    return finding.integrity == "ok" ? ""
-                                     : "it is damaged (" + Terminal::Escaped(finding.integrity, 60) +
-                                           "); move it away to begin a new store";
+    return finding.integrity == "ok"
+               ? ""
+               : "it is damaged (" + Terminal::Escaped(finding.integrity, 60) + "); move it away to begin a new store";
 }
 
 /// Looks at a file without changing it, except that an interrupted write of a store is rolled back, which every reader

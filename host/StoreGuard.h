@@ -7,8 +7,8 @@
 /// Protects a store from other processes and from ContextDatabase, which wipes a file that it cannot open or write.
 ///
 /// Take() locks the store, refuses a file that is no sound store, and gives the file a second name, NAME.kept. A reset
-/// of the database removes only the first name. Release() then puts the file back, as the last complete transaction left
-/// it. If the program ends before that, the next Take() does it.
+/// of the database removes only the first name. Release() then puts the file back, as the last complete transaction
+/// left it. If the program ends before that, the next Take() does it.
 ///
 /// **Threads.** One thread.
 /// **Errors.** Returned as one line for the user; empty if there is none.

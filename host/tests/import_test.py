@@ -8,6 +8,7 @@ import csv
 import os
 import pathlib
 import re
+import select
 import signal
 import subprocess
 import sys
@@ -59,6 +60,8 @@ class ImportTest(HostCase):
         for ending in ("data", "interrupt"):
             process = subprocess.Popen(self.command("--json", pipe), stdout=subprocess.PIPE, stderr=subprocess.PIPE,
                                        encoding="utf-8", start_new_session=True)
+            self.addCleanup(self.end, process)
+            self.assertTrue(select.select([process.stderr], [], [], BOUND)[0], "the host says nothing")
             self.assertEqual(process.stderr.readline(), f"waiting for the pipe {pipe}\n")
             if ending == "data":
                 pipe.write_text(HEADER + "x,X,d,100,5\n")
@@ -69,6 +72,11 @@ class ImportTest(HostCase):
                 process.communicate(timeout=BOUND)
                 self.assertEqual(process.returncode, 130)
         self.assertEqual(self.rows(), [("usage/pipe", "x", "X", "d", 100, 5)])
+
+    def end(self, process):
+        if process.poll() is None:
+            os.killpg(process.pid, signal.SIGKILL)
+            process.communicate(timeout=BOUND)
 
     def test_reads_a_history_from_standard_input(self):
         result = subprocess.run(self.command("--json", "/dev/stdin"), input=HEADER + "x,X,d,100,5\n", encoding="utf-8",
