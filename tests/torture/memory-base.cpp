@@ -87,11 +87,8 @@ void TryCopy(Try& tried) {
     const std::string text(20000, 'x');
     std::ofstream(source) << text;
     tried.Call([&] { ContextFileUtil::Copy(source.c_str(), copy.c_str()); });
-    if (tried.IsUntouched()) {
-        tried.Holds(FileText(copy.c_str()) == text, "copies other bytes");
-    } else {
-        tried.Holds(text.compare(0, FileText(copy.c_str()).size(), FileText(copy.c_str())) == 0, "copies other bytes");
-    }
+    tried.Returns();
+    tried.Holds(FileText(copy.c_str()) == text, "copies other bytes");
     std::remove(source.c_str());
     std::remove(copy.c_str());
 }
@@ -108,7 +105,7 @@ Cases BaseCases() {
              int length = 0;
              tried.Call([&] { length = print(0, LUMORA_LOG_DEBUG, "torture", "%s", text.c_str()); });
              tried.Returns();
-             tried.Holds(length == 3000 || length < 0, "wrong length");
+             tried.Holds(length == 3000, "wrong length");
          }},
         {"ContextAutoLock::ContextAutoLock(GMutex*)", TryAutoLock},
         {"ContextAutoLock::~ContextAutoLock()", TryAutoLock},
@@ -195,9 +192,7 @@ Cases BaseCases() {
              int count = 0;
              tried.Call([&] { count = ContextString::SplitStringToken(text, ',', tokens); });
              tried.Holds(!tried.HasPassed() || (count == 4 && tokens == all), "wrong result");
-             tried.Holds(!tokens.empty() && tokens.size() <= all.size() &&
-                             std::equal(tokens.begin(), tokens.end(), all.begin()),
-                         "wrong tokens");
+             tried.Holds(tried.HasPassed() || tokens == Words{"old"}, "appends some of the tokens");
          }},
         {"ContextString::UrlEncode(std::string)",
          [](Try& tried) {
