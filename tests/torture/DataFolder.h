@@ -5,6 +5,7 @@
 #include <sys/mount.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
 #include <filesystem>
 #include <stdexcept>
@@ -35,6 +36,15 @@ inline void Prepare() {
         throw std::runtime_error("scripts/with-data-directory mounts another directory than the library uses");
     }
     MountMemory();
+}
+
+/// Limits the mounted file system.
+/// @param kibibytes  0: no limit.
+inline void Resize(std::uintmax_t kibibytes) {
+    const std::string options = "size=" + std::to_string(kibibytes) + "k";
+    if (mount("none", Path().c_str(), "tmpfs", MS_REMOUNT, options.c_str()) != 0) {
+        throw std::runtime_error(std::string("cannot change the size of the file system: ") + std::strerror(errno));
+    }
 }
 
 inline void Empty() {

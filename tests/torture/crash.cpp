@@ -8,7 +8,9 @@
 #include <atomic>
 #include <chrono>
 #include <climits>
+#include <cstdint>
 #include <cstdio>
+#include <filesystem>
 #include <iterator>
 #include <map>
 #include <memory>
@@ -336,26 +338,41 @@ constexpr int kImported = 50000;
 constexpr int kImportBatch = 20000;  ///< rows per transaction, as in host/main.cpp
 constexpr int kFirstStart = 1600000000;
 
-std::string WriteHistory(const Surroundings::TemporaryFolder& folder) {
+/// The histories of two devices. The subject of a history is the name of its file.
+struct Histories {
+    std::string earlier;
+    std::string further;
+};
+
+std::string WriteHistory(const Surroundings::TemporaryFolder& folder, const std::string& name, int rows) {
     std::string text = "unit_id,unit_name,device_name,start_time,duration\n";
-    for (int row = 0; row < kImported; ++row) {
+    for (int row = 0; row < rows; ++row) {
         text += "unit-" + std::to_string(row % 500) + ",,tv," + std::to_string(kFirstStart + row) + ",60\n";
     }
-    Surroundings::WriteFile(folder / "tv.csv", text);
-    return folder / "tv.csv";
+    Surroundings::WriteFile(folder / (name + ".csv"), text);
+    return folder / (name + ".csv");
 }
 
 /// Replaces the process with context-host.
+/// @param history  to import; an empty text for none.
 std::string BecomeHost(const std::string& history) {
     if (std::freopen("/dev/null", "w", stdout) == nullptr || std::freopen("/dev/null", "w", stderr) == nullptr) {
         return "cannot silence context-host";
     }
-    execl(LUMORA_CONTEXT_HOST, LUMORA_CONTEXT_HOST, "--max", "1", "--database", kName, history.c_str(), nullptr);
+    execl(LUMORA_CONTEXT_HOST, LUMORA_CONTEXT_HOST, "--max", "1", "--database", kName,
+          history.empty() ? nullptr : history.c_str(), nullptr);
     return "cannot start context-host";
 }
 
-/// @return the number of stored rows, or what is wrong with them.
-std::string StoredRows() {
+/// Runs context-host to its end.
+/// @return an empty text, or how it failed.
+std::string RunHost(const std::string& history) {
+    const Child::Ending ending = Child([&] { return BecomeHost(history); }, /*seconds=*/60).Wait();
+    return ending.isOk && ending.text.empty() ? "" : "the next context-host " + ending.text;
+}
+
+/// @return the number of stored rows of a history, or what is wrong with them.
+std::string StoredRows(const std::string& subject) {
     sqlite3* database = nullptr;
     sqlite3_open(DataFolder::Path(kName).c_str(), &database);
     std::string found = "0";  // also when it was killed before it created the table
@@ -366,41 +383,70 @@ std::string StoredRows() {
         return 0;
     };
     const std::string query = "SELECT count(*), coalesce(max(start_time) - " + std::to_string(kFirstStart - 1) +
-                              ", 0), count(DISTINCT start_time) FROM usage";
+                              ", 0), count(DISTINCT start_time) FROM usage WHERE history = 'usage/" + subject + "'";
     sqlite3_exec(database, query.c_str(), look, &found, nullptr);
     sqlite3_close(database);
     return found;
 }
 
-std::string JudgeImport(const std::string& found) {
-    const bool isNumber = found.find_first_not_of("0123456789") == std::string::npos;
-    if (!isNumber || (std::stoi(found) % kImportBatch != 0 && std::stoi(found) != kImported)) {
-        return isNumber ? found + " rows: part of a batch" : found;
-    }
-    return "";
+std::string StoredRowsInChild(const std::string& subject) {
+    return Child([&] { return StoredRows(subject); }).Wait().text;
 }
 
-/// Kills an import at a random moment, then imports again.
-void KillImport(Torture& torture, const std::string& history, std::chrono::microseconds longest) {
-    DataFolder::Empty();
-    const auto import = [&] { return BecomeHost(history); };
-    Child killed(import, /*seconds=*/60);
+/// @return an empty text if the number is that of whole batches.
+std::string JudgeImport(const std::string& found) {
+    if (found.find_first_not_of("0123456789") != std::string::npos) {
+        return found;
+    }
+    const int rows = std::stoi(found);
+    return rows % kImportBatch == 0 || rows == kImported ? "" : found + " rows: part of a batch";
+}
+
+/// Imports, and kills the import at a random moment.
+void KillHost(Torture& torture, const std::string& history, std::chrono::microseconds longest) {
+    Child killed([&] { return BecomeHost(history); }, /*seconds=*/60);
     LetPass(std::chrono::microseconds(torture.Random()() % static_cast<unsigned int>(longest.count())));
     killed.Kill();  // it may have ended before
-    std::string fault = JudgeImport(Child(StoredRows).Wait().text);
+}
+
+/// Kills an import, then imports again.
+void KillImport(Torture& torture, const Histories& histories, std::chrono::microseconds longest) {
+    DataFolder::Empty();
+    KillHost(torture, histories.further, longest);
+    std::string fault = JudgeImport(StoredRowsInChild("further"));
     if (fault.empty()) {
-        const Child::Ending again = Child(import, /*seconds=*/60).Wait();
-        const std::string found = Child(StoredRows).Wait().text;
-        fault = !again.isOk || !again.text.empty()   ? "the next import " + again.text
-                : found != std::to_string(kImported) ? "after the next import: " + found
-                                                     : "";
+        fault = RunHost(histories.further);
+    }
+    if (fault.empty() && StoredRowsInChild("further") != std::to_string(kImported)) {
+        fault = "after the next import: " + StoredRowsInChild("further");
     }
     torture.Count(fault.empty(), "import, killed: " + fault);
 }
 
+/// Kills a further import while the disk fills up. The next start, when there is room again, must find the records of
+/// the earlier one.
+void KillImportOnFullDisk(Torture& torture, const Histories& histories, std::chrono::microseconds longest) {
+    DataFolder::Empty();
+    std::string fault = RunHost(histories.earlier);
+    const std::uintmax_t used = std::filesystem::file_size(DataFolder::Path(kName)) / 1024;
+    DataFolder::Resize(used + 64 + torture.Random()() % (2 * used));
+    KillHost(torture, histories.further, longest);
+    DataFolder::Resize(0);
+    if (fault.empty()) {
+        fault = RunHost("");
+    }
+    if (fault.empty() && StoredRowsInChild("earlier") != std::to_string(kImportBatch)) {
+        fault = "of the earlier records: " + StoredRowsInChild("earlier");
+    }
+    if (fault.empty()) {
+        fault = JudgeImport(StoredRowsInChild("further"));
+    }
+    torture.Count(fault.empty(), "import on a full disk, killed: " + fault);
+}
+
 std::chrono::microseconds TimeOfImport(const std::string& history) {
     const auto begin = std::chrono::steady_clock::now();
-    Child([&] { return BecomeHost(history); }, /*seconds=*/60).Wait();
+    RunHost(history);
     return std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now() - begin);
 }
 
@@ -409,7 +455,7 @@ void PrintTotals(const std::vector<long>& kills, const std::vector<long>& rows,
     for (std::size_t kind = 0; kind < kills.size(); ++kind) {
         std::printf("%s: %ld processes killed, %ld rows acknowledged\n", kKinds[kind].name, kills[kind], rows[kind]);
     }
-    std::printf("import of context-host: %ld killed\n", imports);
+    std::printf("import of context-host: %ld killed, %ld more on a full disk\n", imports, imports);
     for (const Recording& recording : recordings) {
         std::printf("%s: power lost %ld times, in %zu steps\n", recording.kind->name, recording.tried,
                     recording.disk->Steps());
@@ -420,15 +466,17 @@ void PrintTotals(const std::vector<long>& kills, const std::vector<long>& rows,
 
 int main(int argc, char** argv) {
     constexpr std::chrono::seconds kShortForm{25};
-    constexpr int kKillsInRound = 30;
-    constexpr int kLossesInRound = 150;
+    constexpr int kKillsInRound = 10;
+    constexpr int kLossesInRound = 50;
+    constexpr int kRoundsForImport = 10;  // an import takes seconds
     Torture torture("crash", argc, argv);
     DataFolder::Prepare();
     void* shared = mmap(nullptr, sizeof(Progress), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
     Progress& progress = *new (shared) Progress;
     const Surroundings::TemporaryFolder folder;
-    const std::string history = WriteHistory(folder);
-    const std::chrono::microseconds longest = TimeOfImport(history);
+    const Histories histories = {WriteHistory(folder, "earlier", kImportBatch),
+                                 WriteHistory(folder, "further", kImported)};
+    const std::chrono::microseconds longest = TimeOfImport(histories.further);
     std::vector<Recording> recordings = RecordAll(progress);
     for (const Recording& recording : recordings) {
         torture.Count(recording.disk->FolderSyncs() != 0, "no synchronisation of the folder was observed");
@@ -437,7 +485,7 @@ int main(int argc, char** argv) {
     std::vector<long> kills(kKindCount);
     std::vector<long> rows(kKindCount);
     long imports = 0;
-    while (torture.HasTime(kShortForm)) {
+    for (int round = 0; torture.HasTime(kShortForm); ++round) {
         for (std::size_t kind = 0; kind < kKindCount; ++kind) {
             const int times = kKinds[kind].rounds != 0 ? kKillsInRound : 1;  // the timer needs longer
             for (int time = 0; time < times; ++time, ++kills[kind]) {
@@ -449,8 +497,11 @@ int main(int argc, char** argv) {
                 LosePowerOnce(torture, recording);
             }
         }
-        KillImport(torture, history, longest);
-        ++imports;
+        if (round % kRoundsForImport == 0) {
+            KillImport(torture, histories, longest);
+            KillImportOnFullDisk(torture, histories, longest);
+            ++imports;
+        }
     }
     PrintTotals(kills, rows, recordings, imports);
     return torture.End();

@@ -403,10 +403,13 @@ std::set<std::string> FilesInFolder() {
 }
 
 /// Names that are used as they are.
-const std::vector<std::string> kGoodNames = {"with space.db", "\xC3\xBC\xE5\x90\x8D\xE5\x89\x8D.db", "\xFF\xFE.db",
-                                             "new\nline.db", "%s%n%d%.db", "'\"`$(x).db", "-dash", ".hidden",
-                                             "a?mode=ro#b", "file:x.db", ":memory:", "x.db-journal", "...",
-                                             std::string(247, 'a')};
+const std::vector<std::string> kGoodNames = {"with space.db", "\xC3\xBC\xE5\x90\x8D\xE5\x89\x8D.db",
+                                             "\xFF\xFE.db",   "new\nline.db",
+                                             "%s%n%d%.db",    "'\"`$(x).db",
+                                             "-dash",         ".hidden",
+                                             "a?mode=ro#b",   "file:x.db",
+                                             ":memory:",      "x.db-journal",
+                                             "...",           std::string(247, 'a')};
 
 std::string TakesOddName(Random& random) {
     const std::string& name = kGoodNames[random() % kGoodNames.size()];
@@ -420,10 +423,10 @@ std::string TakesOddName(Random& random) {
     faults.Unless(Count(database) == 1, "the row is lost");
     database.ResetDatabase();
     const std::string path = std::string(ContextDatabase::kDataDirectory) + "/" + name;
-    faults.Unless(CapturedLog::Messages() == std::vector<std::string>{"I reset database",
-                                                                      "I remove " + path + " file success",
-                                                                      "I remove " + path + "-journal file success"},
-                  "the reset logs something else");
+    faults.Unless(
+        CapturedLog::Messages() == std::vector<std::string>{"I reset database", "I remove " + path + " file success",
+                                                            "I remove " + path + "-journal file success"},
+        "the reset logs something else");
     faults.Unless(Count(database) == 0 && CanWrite(database), "not empty and writable after a reset");
     return faults.Text().empty() ? "" : "\"" + name + "\": " + faults.Text();
 }
@@ -451,8 +454,7 @@ std::string RefusesName(Random& random) {
 }
 
 std::string StaysClosedForImpossibleName(Random& random) {
-    const std::vector<std::string> names = {std::string(256, 'a'), std::string(5000, 'a'), "missing/x.db",
-                                            "file/x.db"};
+    const std::vector<std::string> names = {std::string(256, 'a'), std::string(5000, 'a'), "missing/x.db", "file/x.db"};
     Surroundings::WriteFile(DataFolder::Path("file"), "content");
     const std::string& name = names[random() % names.size()];
     const std::set<std::string> before = FilesInFolder();
