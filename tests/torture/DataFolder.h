@@ -38,8 +38,9 @@ inline void Prepare() {
     MountMemory();
 }
 
-/// Limits the mounted file system.
-/// @param kibibytes  0: no limit.
+constexpr std::uintmax_t kAmpleKibibytes = 1U << 20;
+
+/// Changes the size of the mounted file system.
 inline void Resize(std::uintmax_t kibibytes) {
     const std::string options = "size=" + std::to_string(kibibytes) + "k";
     if (mount("none", Path().c_str(), "tmpfs", MS_REMOUNT, options.c_str()) != 0) {

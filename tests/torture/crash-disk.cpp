@@ -140,9 +140,9 @@ void NoteSync(int descriptor) {
     }
 }
 
-std::string& Overwrite(std::string& content, std::size_t offset, const std::string& data) {
+void Overwrite(std::string& content, std::size_t offset, const std::string& data) {
     content.resize(std::max(content.size(), offset + data.size()));
-    return content.replace(offset, data.size(), data);
+    content.replace(offset, data.size(), data);
 }
 
 std::string Garbage(std::size_t size, std::mt19937& random) {
@@ -151,6 +151,20 @@ std::string Garbage(std::size_t size, std::mt19937& random) {
         byte = static_cast<char>(random());
     }
     return text;
+}
+
+/// Writes some sectors of the data, and garbage to others if it spoils.
+void Tear(std::string& content, std::size_t offset, const std::string& data, bool spoils, std::mt19937& random) {
+    std::size_t size = 0;
+    for (std::size_t from = 0; from < data.size(); from += size) {
+        size = std::min(kSectorSize - (offset + from) % kSectorSize, data.size() - from);
+        const unsigned int fate = static_cast<unsigned int>(random() % 3);
+        if (fate == 0) {
+            Overwrite(content, offset + from, data.substr(from, size));
+        } else if (fate == 1 && spoils) {
+            Overwrite(content, offset + from, Garbage(size, random));
+        }
+    }
 }
 
 }  // namespace
@@ -304,26 +318,13 @@ std::string CrashDisk::ContentAfterLoss(int file, std::size_t end, Loss loss, st
     for (std::size_t change = 0; change < changes.size(); ++change) {
         const Step& step = m_steps[changes[change]];
         const bool isKept = change < synced || loss == KEEP_ALL || (loss == KEEP_FIRST && change - synced < first) ||
-                            (loss == LOSE_SOME && random() % 2 == 0);
-        const bool isTorn = change >= synced && (loss == TEAR_SOME || loss == SPOIL_SOME);
-        const auto offset = static_cast<std::size_t>(step.offset);
-        if (step.kind == Kind::Truncate) {
-            if (isKept || (isTorn && random() % 2 == 0)) {
-                content.resize(offset);
-            }
+                            (loss >= LOSE_SOME && random() % 2 == 0);
+        if (isKept && step.kind == Kind::Truncate) {
+            content.resize(static_cast<std::size_t>(step.offset));
         } else if (isKept) {
-            Overwrite(content, offset, step.data);
-        } else if (isTorn) {
-            for (std::size_t from = 0; from < step.data.size(); from += kSectorSize - (offset + from) % kSectorSize) {
-                const std::size_t room = kSectorSize - (offset + from) % kSectorSize;
-                const std::string sector = step.data.substr(from, room);
-                const unsigned int fate = static_cast<unsigned int>(random() % 3);
-                if (fate == 0) {
-                    Overwrite(content, offset + from, sector);
-                } else if (fate == 1 && loss == SPOIL_SOME) {
-                    Overwrite(content, offset + from, Garbage(sector.size(), random));
-                }
-            }
+            Overwrite(content, static_cast<std::size_t>(step.offset), step.data);
+        } else if (step.kind == Kind::Write && (loss == TEAR_SOME || loss == SPOIL_SOME)) {
+            Tear(content, static_cast<std::size_t>(step.offset), step.data, loss == SPOIL_SOME, random);
         }
     }
     return content;

@@ -2,6 +2,7 @@
 // Ends processes and the power in the middle of writes, and checks what the next start finds.
 #include <sqlite3.h>
 #include <sys/mman.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -334,7 +335,7 @@ void LosePowerOnce(Torture& torture, Recording& recording) {
 
 // The import of context-host.
 
-constexpr int kImported = 50000;
+constexpr int kImported = 25000;
 constexpr int kImportBatch = 20000;  ///< rows per transaction, as in host/main.cpp
 constexpr int kFirstStart = 1600000000;
 
@@ -402,17 +403,31 @@ std::string JudgeImport(const std::string& found) {
     return rows % kImportBatch == 0 || rows == kImported ? "" : found + " rows: part of a batch";
 }
 
+/// Tells whether a reset has replaced the store, and its second name still keeps the records.
+bool IsStoreReplaced() {
+    struct stat store {};
+    struct stat kept {};
+    const std::string path = DataFolder::Path(kName);
+    return stat((path + ".kept").c_str(), &kept) == 0 &&
+           (stat(path.c_str(), &store) != 0 || store.st_ino != kept.st_ino);
+}
+
 /// Imports, and kills the import at a random moment.
-void KillHost(Torture& torture, const std::string& history, std::chrono::microseconds longest) {
+/// @param waitsForReset  begins to count when a failed write has replaced the store, or else after `longest`.
+void KillHost(Torture& torture, const std::string& history, std::chrono::microseconds longest, bool waitsForReset) {
     Child killed([&] { return BecomeHost(history); }, /*seconds=*/60);
-    LetPass(std::chrono::microseconds(torture.Random()() % static_cast<unsigned int>(longest.count())));
+    const auto end = std::chrono::steady_clock::now() + longest;
+    while (waitsForReset && !IsStoreReplaced() && std::chrono::steady_clock::now() < end) {
+    }
+    const int bound = waitsForReset ? 2000 : static_cast<int>(longest.count());
+    LetPass(std::chrono::microseconds(torture.Random()() % static_cast<unsigned int>(bound)));
     killed.Kill();  // it may have ended before
 }
 
 /// Kills an import, then imports again.
 void KillImport(Torture& torture, const Histories& histories, std::chrono::microseconds longest) {
     DataFolder::Empty();
-    KillHost(torture, histories.further, longest);
+    KillHost(torture, histories.further, longest, /*waitsForReset=*/false);
     std::string fault = JudgeImport(StoredRowsInChild("further"));
     if (fault.empty()) {
         fault = RunHost(histories.further);
@@ -430,8 +445,8 @@ void KillImportOnFullDisk(Torture& torture, const Histories& histories, std::chr
     std::string fault = RunHost(histories.earlier);
     const std::uintmax_t used = std::filesystem::file_size(DataFolder::Path(kName)) / 1024;
     DataFolder::Resize(used + 64 + torture.Random()() % (2 * used));
-    KillHost(torture, histories.further, longest);
-    DataFolder::Resize(0);
+    KillHost(torture, histories.further, longest, /*waitsForReset=*/torture.Random()() % 2 == 0);
+    DataFolder::Resize(DataFolder::kAmpleKibibytes);
     if (fault.empty()) {
         fault = RunHost("");
     }
@@ -466,9 +481,9 @@ void PrintTotals(const std::vector<long>& kills, const std::vector<long>& rows,
 
 int main(int argc, char** argv) {
     constexpr std::chrono::seconds kShortForm{25};
-    constexpr int kKillsInRound = 10;
-    constexpr int kLossesInRound = 50;
-    constexpr int kRoundsForImport = 10;  // an import takes seconds
+    constexpr int kKillsInRound = 30;
+    constexpr int kLossesInRound = 150;
+    constexpr int kRoundsForImport = 5;  // an import takes seconds
     Torture torture("crash", argc, argv);
     DataFolder::Prepare();
     void* shared = mmap(nullptr, sizeof(Progress), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
