@@ -355,10 +355,11 @@ std::string WriteHistory(const Surroundings::TemporaryFolder& folder, const std:
 }
 
 /// Replaces the process with context-host.
-/// @param history  to import; an empty text for none.
-std::string BecomeHost(const std::string& history) {
-    if (std::freopen("/dev/null", "w", stdout) == nullptr || std::freopen("/dev/null", "w", stderr) == nullptr) {
-        return "cannot silence context-host";
+/// @param history   to import; an empty text for none.
+/// @param messages  the file for its error messages.
+std::string BecomeHost(const std::string& history, const std::string& messages = "/dev/null") {
+    if (std::freopen("/dev/null", "w", stdout) == nullptr || std::freopen(messages.c_str(), "w", stderr) == nullptr) {
+        return "cannot redirect the output of context-host";
     }
     execl(LUMORA_CONTEXT_HOST, LUMORA_CONTEXT_HOST, "--max", "1", "--database", kName,
           history.empty() ? nullptr : history.c_str(), nullptr);
@@ -368,8 +369,12 @@ std::string BecomeHost(const std::string& history) {
 /// Runs context-host to its end.
 /// @return an empty text, or how it failed.
 std::string RunHost(const std::string& history) {
-    const Child::Ending ending = Child([&] { return BecomeHost(history); }, /*seconds=*/60).Wait();
-    return ending.isOk && ending.text.empty() ? "" : "the next context-host " + ending.text;
+    const Surroundings::TemporaryFolder folder;
+    const std::string messages = folder / "messages";
+    const Child::Ending ending = Child([&] { return BecomeHost(history, messages); }, /*seconds=*/60).Wait();
+    return ending.isOk && ending.text.empty()
+               ? ""
+               : "the next context-host " + ending.text + ": " + Surroundings::ReadFile(messages);
 }
 
 /// @return the number of stored rows of a history, or what is wrong with them.
