@@ -48,6 +48,8 @@ public:
         return IsLong() ? used < longForm : used < shortForm;
     }
 
+    std::uint32_t Seed() const { return m_seed; }
+
     /// Returns the generator of every random choice, which `--seed` repeats.
     std::mt19937& Random() { return m_random; }
 

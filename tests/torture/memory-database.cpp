@@ -17,7 +17,8 @@ using Rows = std::vector<std::map<std::string, std::string>>;
 constexpr const char* kCreate = "CREATE TABLE IF NOT EXISTS t (id INTEGER PRIMARY KEY, name TEXT)";
 constexpr const char* kInsert = "INSERT OR IGNORE INTO t VALUES (?, ?)";
 constexpr const char* kNoMemory = "Memory Allocation Fail";
-constexpr int kNever = 3600;  ///< an interval that does not pass during a try
+constexpr int kNever = 3600;    ///< an interval that does not pass during a try
+constexpr int kEveryTick = -1;  ///< flushes at every tick
 const std::string kLongText(300, 'n');
 
 std::atomic<int> g_marks{0};  ///< calls of the SQL function mark()
@@ -145,6 +146,24 @@ void TryOpeningWithTimer(Try& tried) {
     HoldsWriting(tried, *database);
 }
 
+/// A database that was opened without memory runs what it is given later.
+void TryFlushAfterOpening(Try& tried) {
+    const Folder folder;
+    const std::string name = "x.db";
+    const std::string create = kCreate;
+    std::optional<ContextDatabase> database;
+    tried.CallEverywhere([&] {
+        database.emplace(name, create, kEveryTick);
+        Waiting::Until([] { return MemoryLog::Has(kNoMemory); }, std::chrono::milliseconds(5));
+    });
+    if (tried.HasPassed()) {
+        HoldsWriting(tried, *database);
+        Defer(*database, "INSERT OR IGNORE INTO t VALUES (50, '')");
+        tried.Holds(Waiting::Until([] { return Ids().find("50 ") != std::string::npos; }, std::chrono::seconds(2)),
+                    "a deferred write is never run");
+    }
+}
+
 void TryClosing(Try& tried, int interval) {
     const Folder folder;
     std::optional<ContextDatabase> database;
@@ -197,7 +216,10 @@ void TryFlush(Try& tried) {
 /// A flush on the event thread, while every thread fails.
 void TryFlushOnTimer(Try& tried) {
     const Folder folder;
-    ContextDatabase database("x.db", kCreate, /*interval=*/-1);
+    ContextDatabase database("x.db", kCreate, kEveryTick);
+    g_marks = 0;
+    Defer(database, "INSERT INTO t SELECT 2, mark() WHERE mark() = 0");
+    tried.Holds(Waiting::Until([] { return g_marks > 0; }), "does not flush");
     g_marks = 0;
     Defer(database, "INSERT INTO t SELECT 3, mark()");
     tried.CallEverywhere([&] { Waiting::Until([] { return g_marks > 0 || IsReset() || MemoryLog::Has(kNoMemory); }); });
@@ -258,6 +280,8 @@ Cases DatabaseCases() {
     return {
         {"ContextDatabase::ContextDatabase(std::string, std::string)", TryOpening},
         {"ContextDatabase::ContextDatabase(std::string, std::string, int)", TryOpeningWithTimer, "timerData != __null"},
+        {"ContextDatabase::ContextDatabase(std::string, std::string, int)", TryFlushAfterOpening,
+         "timerData != __null"},
         {"ContextDatabase::~ContextDatabase()", [](Try& tried) { TryClosing(tried, kNever); }, "ptimerId != __null"},
         {"ContextDatabase::SetQueryValue(ValueList&, std::string)",
          [](Try& tried) {
