@@ -106,10 +106,25 @@ int DeviceCharacteristics(sqlite3_file* file) {
 }
 
 /// Version 1: no shared memory and no mapped files, so that every read and write is seen.
-const sqlite3_io_methods kMethods = {
-    1,           Close,       Read,     Write, Truncate, Sync,    FileSize,
-    Lock,        Unlock,      CheckReservedLock, FileControl, SectorSize, DeviceCharacteristics,
-    nullptr,     nullptr,     nullptr,  nullptr, nullptr, nullptr};
+const sqlite3_io_methods kMethods = {1,
+                                     Close,
+                                     Read,
+                                     Write,
+                                     Truncate,
+                                     Sync,
+                                     FileSize,
+                                     Lock,
+                                     Unlock,
+                                     CheckReservedLock,
+                                     FileControl,
+                                     SectorSize,
+                                     DeviceCharacteristics,
+                                     nullptr,
+                                     nullptr,
+                                     nullptr,
+                                     nullptr,
+                                     nullptr,
+                                     nullptr};
 
 int Open(sqlite3_vfs* /*vfs*/, const char* name, sqlite3_file* file, int flags, int* outFlags) {
     file->pMethods = nullptr;  // nothing to close
