@@ -230,7 +230,6 @@ void TryEveryNumber(Torture& torture, const FaultyVfs::Fault& fault) {
         }
     }
     std::printf("%6ld  %s\n", tries, fault.name);
-    std::fflush(stdout);
 }
 
 }  // namespace
