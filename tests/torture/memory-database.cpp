@@ -225,6 +225,7 @@ void TryFlush(Try& tried) {
 /// A flush on the event thread, while every thread fails.
 void TryFlushOnTimer(Try& tried) {
     const Folder folder;
+    ContextDatabase other("other.db", kCreate, kNever);
     ContextDatabase database("x.db", kCreate, kEveryTick);
     g_marks = 0;
     Defer(database, "INSERT INTO t SELECT 2, mark() WHERE mark() = 0");
@@ -234,6 +235,7 @@ void TryFlushOnTimer(Try& tried) {
     tried.CallEverywhere([&] { Waiting::Until([] { return g_marks > 0 || IsReset() || MemoryLog::Has(kNoMemory); }); });
     tried.Returns();
     tried.Holds(Waiting::Until([&] { return IsReset() || HasRow(database, "3"); }), "other rows");
+    Defer(other, "SELECT 1");  // waits until the flush, with its reset, is over
     HoldsWriting(tried, database);
 }
 
