@@ -237,7 +237,6 @@ void Allocations::Arm(const Plan& plan) {
     }
     g_plan = plan;
     g_count = 0;
-    g_failed = 0;
     t_isArmed = true;
     g_isArmed = true;
 }
@@ -245,7 +244,7 @@ void Allocations::Arm(const Plan& plan) {
 long Allocations::Disarm() {
     g_isArmed = false;
     t_isArmed = false;
-    return g_failed;
+    return g_failed.exchange(0);
 }
 
 void Allocations::ExemptThread() {

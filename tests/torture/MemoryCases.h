@@ -29,6 +29,7 @@ public:
         } catch (const std::bad_alloc&) {
             m_isOther = false;
         } catch (const std::exception& exception) {
+            m_failed += Allocations::Disarm();
             m_isOther = true;
             m_other.assign(exception.what(), 0, m_other.capacity());
         }

@@ -31,8 +31,8 @@ public:
             }
         }
         m_random.seed(m_seed);
+        std::setvbuf(stdout, nullptr, _IOLBF, 0);  // a program that is killed has printed what it tried
         std::printf("seed %u\n", static_cast<unsigned int>(m_seed));
-        std::fflush(stdout);
     }
 
     /// Returns whether `--minutes` was given.
@@ -48,6 +48,8 @@ public:
         return IsLong() ? used < longForm : used < shortForm;
     }
 
+    std::uint32_t Seed() const { return m_seed; }
+
     /// Returns the generator of every random choice, which `--seed` repeats.
     std::mt19937& Random() { return m_random; }
 
@@ -59,7 +61,6 @@ public:
             return;
         }
         std::printf("NOT AS PROMISED: %s\n", what.c_str());
-        std::fflush(stdout);
     }
 
     /// Prints the closing line.

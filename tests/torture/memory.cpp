@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Calls every public function while memory runs out: its n-th allocation fails, once, and then for good, for n = 1, 2,
-// ... until the call needs fewer allocations. The short form leaves out some n above 50. Then allocations fail by
+// ... until the call needs fewer allocations. The short form leaves out some n above 20. Then allocations fail by
 // chance. After each call the case demands what the header promises, nothing may be leaked, and no lock may be taken.
 
 #include <fcntl.h>
@@ -149,7 +149,7 @@ public:
             plan.isForGood = isForGood;
             do {
                 // The short form takes a sample of the later ones.
-                plan.failAt += m_torture.IsLong() ? 1 : 1 + plan.failAt / 50;
+                plan.failAt += m_torture.IsLong() ? 1 : 1 + plan.failAt / 20;
             } while (!Run(tried, plan));
         }
         if (tried.assertion != nullptr && *tried.assertion != '\0' && m_aborts == 0) {
@@ -159,10 +159,13 @@ public:
         m_tries = 0;
     }
 
-    void TryByChance(const Case& tried) {
+    /// The chance depends on the seed, the function and the round alone, so that `--only` repeats it.
+    void TryByChance(const Case& tried, int round) {
+        const std::size_t mixed = std::hash<std::string>()(tried.function + std::to_string(round)) + m_torture.Seed();
+        std::mt19937 random(static_cast<std::uint32_t>(mixed));
         Allocations::Plan plan;
-        plan.permille = std::uniform_int_distribution<>(5, 300)(m_torture.Random());
-        plan.seed = static_cast<std::uint32_t>(m_torture.Random()());
+        plan.permille = std::uniform_int_distribution<>(5, 300)(random);
+        plan.seed = static_cast<std::uint32_t>(random());
         m_problems = 0;
         Run(tried, plan);
     }
@@ -281,7 +284,7 @@ int main(int argc, char** argv) {
     constexpr int kShortRounds = 2;
     for (int round = 0; torture.IsLong() ? torture.HasTime({}) : round < kShortRounds; ++round) {
         for (const Case& tried : cases) {
-            tries.TryByChance(tried);
+            tries.TryByChance(tried, round);
         }
     }
     sqlite3_shutdown();
