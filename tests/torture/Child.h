@@ -39,7 +39,8 @@ public:
         if (m_process == 0) {
             close(ends[0]);
             alarm(seconds);
-            Write(ends[1], action());
+            const auto run = [&]() noexcept { Write(ends[1], action()); };  // an exception must not reach the caller
+            run();
             _exit(EXIT_SUCCESS);
         }
         close(ends[1]);

@@ -11,6 +11,7 @@
 #include <climits>
 #include <cstdint>
 #include <cstdio>
+#include <exception>
 #include <filesystem>
 #include <iterator>
 #include <map>
@@ -193,9 +194,9 @@ std::string JudgeGenerations(const std::vector<int>& ids, const Marks& marks, in
     const int count = static_cast<int>(ids.size());
     const int known = marks.done / kGeneration;  // the generation that was current when the last call returned
     const int found = ids.empty() ? marks.resets : ids.front() / kGeneration;
-    const std::string what = std::to_string(count) + " rows of generation " + std::to_string(found) + ", but row " +
-                             std::to_string(marks.done) + " was acknowledged and " + std::to_string(marks.resets) +
-                             " resets had begun";
+    std::string what = std::to_string(count) + " rows of generation " + std::to_string(found) + ", but row " +
+                       std::to_string(marks.done) + " was acknowledged and " + std::to_string(marks.resets) +
+                       " resets had begun";
     if (found != marks.resets && found != known) {
         return what;
     }
@@ -482,9 +483,7 @@ void PrintTotals(const std::vector<long>& kills, const std::vector<long>& rows,
     }
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
+int RunAll(int argc, char** argv) {
     constexpr std::chrono::seconds kShortForm{25};
     constexpr int kKillsInRound = 30;
     constexpr int kLossesInRound = 150;
@@ -525,4 +524,15 @@ int main(int argc, char** argv) {
     }
     PrintTotals(kills, rows, recordings, imports);
     return torture.End();
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    try {
+        return RunAll(argc, argv);
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "torture-crash: %s\n", error.what());
+    }
+    return 2;
 }

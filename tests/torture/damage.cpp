@@ -10,6 +10,7 @@
 #include <array>
 #include <cstdio>
 #include <cstring>
+#include <exception>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -36,7 +37,6 @@ using Random = std::mt19937;
 using Rows = std::map<int, std::string>;  ///< id to the other columns
 
 constexpr const char* kName = "damage.db";
-constexpr const char* kOtherName = "other.db";
 constexpr const char* kCreateTable =
     "CREATE TABLE IF NOT EXISTS t (id INTEGER PRIMARY KEY, name TEXT, value INTEGER, UNIQUE (name, value))";
 constexpr const char* kCreatePlainTable = "CREATE TABLE t (id INTEGER PRIMARY KEY, name TEXT, value INTEGER)";
@@ -210,8 +210,11 @@ void MakeSocket(const std::string& path) {
     address.sun_family = AF_UNIX;
     path.copy(address.sun_path, sizeof(address.sun_path) - 1);
     const int file = socket(AF_UNIX, SOCK_STREAM, 0);
-    bind(file, reinterpret_cast<const sockaddr*>(&address), sizeof(address));
+    const int result = bind(file, reinterpret_cast<const sockaddr*>(&address), sizeof(address));
     close(file);
+    if (result != 0) {
+        throw std::runtime_error("cannot create a socket");
+    }
 }
 
 /// Something that is no regular file, at the path or at one that belongs to it.
@@ -351,10 +354,8 @@ void AddForeignFiles(std::vector<Kind>& kinds) {
             Write("");
         }
     });
-    for (const char* start : {"\x89PNG\r\n\x1a\n", "\x1f\x8b\x08",
-                              "\x7f"
-                              "ELF",
-                              "{\"list\": []}", "%PDF-1.4", "** This"}) {
+    for (const char* start :
+         {"\x89PNG\r\n\x1a\n", "\x1f\x8b\x08", "\177ELF", "{\"list\": []}", "%PDF-1.4", "** This"}) {
         add("a file of another format", Promise::RightRows,
             [start](const Samples&, Random& random) { Write(start + Garbage(Below(2 * kPageSize, random), random)); });
     }
@@ -628,9 +629,7 @@ void CheckNames(Torture& torture, const std::vector<Kind>& kinds, const std::map
     }
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
+int RunAll(int argc, char** argv) {
     constexpr std::chrono::seconds kShortForm{25};
     constexpr int kTimesInRound = 10;
     Torture torture("damage", argc, argv);
@@ -649,4 +648,15 @@ int main(int argc, char** argv) {
     } while (torture.HasTime(kShortForm));
     PrintTotals(totals);
     return torture.End();
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    try {
+        return RunAll(argc, argv);
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "torture-damage: %s\n", error.what());
+    }
+    return 2;
 }

@@ -15,6 +15,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <exception>
 #include <filesystem>
 #include <functional>
 #include <map>
@@ -344,6 +345,7 @@ std::string RunsOutOfDescriptors(Random& random) {
     const rlimit limit{/*rlim_cur=*/64, /*rlim_max=*/64};
     setrlimit(RLIMIT_NOFILE, &limit);
     std::vector<int> taken;
+    taken.reserve(limit.rlim_max);
     for (int file = 0; (file = open("/dev/null", O_RDONLY)) >= 0;) {
         taken.push_back(file);
     }
@@ -444,7 +446,7 @@ std::string RefusesName(Random& random) {
     Faults faults;
     {
         ContextDatabase database(name, kCreateTable);
-        const std::string path = std::string(ContextDatabase::kDataDirectory) + "/" + name.c_str();
+        const std::string path = std::string(ContextDatabase::kDataDirectory) + "/" + name.substr(0, name.find('\0'));
         faults.Unless(CapturedLog::Messages() == std::vector<std::string>{"E " + path + " is no file name!"},
                       "logs something else");
         faults.Unless(!database.IsRunning() && !CanWrite(database), "open");
@@ -524,9 +526,7 @@ void Try(Torture& torture, const Case& entry, std::map<std::string, int>& tries)
     torture.Count(fault.empty(), std::string(entry.name) + ": " + fault);
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
+int RunAll(int argc, char** argv) {
     constexpr std::chrono::seconds kShortForm{20};
     Torture torture("place", argc, argv);
     DataFolder::Prepare();
@@ -541,4 +541,15 @@ int main(int argc, char** argv) {
         std::printf("%s: %d\n", name.c_str(), count);
     }
     return torture.End();
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    try {
+        return RunAll(argc, argv);
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "torture-place: %s\n", error.what());
+    }
+    return 2;
 }
