@@ -22,6 +22,7 @@
 #include <memory>
 #include <random>
 #include <set>
+#include <stack>
 #include <string>
 #include <vector>
 
@@ -344,15 +345,14 @@ std::string RunsOutOfDescriptors(Random& random) {
     MakeHealthyFile();
     const rlimit limit{/*rlim_cur=*/64, /*rlim_max=*/64};
     setrlimit(RLIMIT_NOFILE, &limit);
-    std::vector<int> taken;
-    taken.reserve(limit.rlim_max);
+    std::stack<int> taken;
     for (int file = 0; (file = open("/dev/null", O_RDONLY)) >= 0;) {
-        taken.push_back(file);
+        taken.push(file);
     }
     const auto release = [&](std::size_t count) {
         for (; count > 0 && !taken.empty(); --count) {
-            close(taken.back());
-            taken.pop_back();
+            close(taken.top());
+            taken.pop();
         }
     };
     const std::size_t left = random() % 4;  // the file, its journal and its folder need one each
