@@ -123,8 +123,8 @@ void CheckGrid(Input& input) {
         }
     }
     for (std::size_t cell = 0; cell < 168; ++cell) {
-        isEqual = isEqual && IdsOf(grid.m_listData[cell / 24][cell % 24]) ==
-                                 IdsOf(other.m_listData[cell / 24][cell % 24]);
+        isEqual =
+            isEqual && IdsOf(grid.m_listData[cell / 24][cell % 24]) == IdsOf(other.m_listData[cell / 24][cell % 24]);
     }
     Same("IsSequenceEqual of grids", IsSequenceEqual(grid, other), isEqual);
     Same("the text of a grid", CurationResult2JsonData(grid, CuratorData2ContextData),

@@ -116,7 +116,7 @@ void Fuzz::Test(Input& input) {
     Model model;
     Model weighted;
     std::int32_t start = 0;
-    for (int count = 0; count < 8 && (count == 0 || input.HasMore()); ++count) {
+    for (int count = 0; count < 4 && (count == 0 || input.HasMore()); ++count) {
         const bool isNear = input.Flag() && count > 0;  // in the same hour or in one of the next days
         start = isNear ? static_cast<std::int32_t>(static_cast<std::uint32_t>(start) + input.Take<std::uint16_t>())
                        : input.Take<std::int32_t>();
@@ -138,5 +138,7 @@ void Fuzz::Test(Input& input) {
     localtime_r(&now, &local);
     TestClock::Set(now);
     Same("GetScore of the moment", unit.GetScore(), weighted.Score(local.tm_wday, local.tm_hour));
-    CheckAgent(records, model);
+    if (input.Below(4) == 0) {
+        CheckAgent(records, model);
+    }
 }

@@ -8,6 +8,7 @@
 #include <climits>
 #include <stdexcept>
 
+#include "Frame.h"
 #include "Fuzz.h"
 
 namespace {
@@ -21,22 +22,6 @@ constexpr std::size_t kLongestStream = 8192;
 
 int g_socket = -1;       // the library's end of a connection, whose calls below transfer only parts
 std::size_t g_part = 1;  // the most bytes of one call
-
-std::uint32_t Header(const std::string& stream) {
-    std::uint32_t header = 0;
-    for (std::size_t at = 0; at < 4; ++at) {
-        header = header << 8 | static_cast<unsigned char>(stream[at]);
-    }
-    return header;
-}
-
-std::string Framed(std::uint32_t length, const std::string& payload) {
-    std::string frame;
-    for (int shift = 24; shift >= 0; shift -= 8) {
-        frame += static_cast<char>(static_cast<unsigned char>(length >> shift & 0xFF));
-    }
-    return frame + payload;
-}
 
 /// A connection whose other end has sent a stream and then no more.
 class Connection {
@@ -88,7 +73,7 @@ Received Receive(std::string& stream, int size) {
         stream.clear();
         return result;
     }
-    const std::uint32_t header = Header(stream);
+    const std::uint32_t header = Frame::LengthIn(stream);
     stream.erase(0, 4);
     result.length = static_cast<int>(header);
     if (header > INT_MAX || size < 0 || header >= static_cast<std::uint32_t>(size)) {
@@ -125,11 +110,10 @@ void CheckSending(Input& input) {
     std::string text = input.Rest().substr(0, kLongestStream);
     Connection connection("");
     Same("sendMessage", NetUtil::sendMessage(g_socket, text.data(), static_cast<int>(text.size())), 0);
-    Same("its frame", connection.Sent(),
-         Framed(static_cast<std::uint32_t>(text.size() + 1), text + std::string(1, '\0')));
+    Same("its frame", connection.Sent(), Frame::Of(text));
     const int negative = -1 - static_cast<int>(text.size());
     Same("sendMessage without a text", NetUtil::sendMessage(g_socket, text.data(), negative), 0);
-    Same("its header", connection.Sent(), Framed(static_cast<std::uint32_t>(negative + 1), ""));
+    Same("its header", connection.Sent(), Frame::Of(static_cast<std::uint32_t>(negative + 1), ""));
     Holds("SendStringData", NetUtil::SendStringData(g_socket, text.c_str()));
     Same("its line", connection.Sent(), std::string(text.c_str()) + "\n");
     Holds("SendRawData", NetUtil::SendRawData(g_socket, text.data(), static_cast<int>(text.size())));

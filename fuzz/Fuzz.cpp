@@ -97,10 +97,28 @@ std::string Fuzz::Input::Text() {
 
 double Fuzz::Input::Real() {
     using Limits = std::numeric_limits<double>;
-    constexpr double kSpecial[] = {0.0, -0.0, 1.0, -1.0, 0.5, 1.5, 1e-7, 1e-300, 1e300, 4503599627370497.5,
-                                   Limits::min(), Limits::denorm_min(), Limits::max(), Limits::lowest(),
-                                   Limits::infinity(), -Limits::infinity(), Limits::quiet_NaN(), 2147483647.0,
-                                   2147483648.0, -2147483648.0, 4294967295.0, 9223372036854775808.0};
+    constexpr double kSpecial[] = {0.0,
+                                   -0.0,
+                                   1.0,
+                                   -1.0,
+                                   0.5,
+                                   1.5,
+                                   1e-7,
+                                   1e-300,
+                                   1e300,
+                                   4503599627370497.5,
+                                   Limits::min(),
+                                   Limits::denorm_min(),
+                                   Limits::max(),
+                                   Limits::lowest(),
+                                   Limits::infinity(),
+                                   -Limits::infinity(),
+                                   Limits::quiet_NaN(),
+                                   2147483647.0,
+                                   2147483648.0,
+                                   -2147483648.0,
+                                   4294967295.0,
+                                   9223372036854775808.0};
     const std::size_t kind = Below(4);
     if (kind == 0) {
         return OneOf(kSpecial);
@@ -125,13 +143,18 @@ std::optional<std::vector<std::uint32_t>> Fuzz::CharactersOf(const std::string& 
     std::vector<std::uint32_t> characters;
     for (std::size_t at = 0; at < utf8.size();) {
         const auto first = static_cast<unsigned char>(utf8[at]);
-        std::size_t size = 1;
+        if (first < 0x80) {
+            characters.push_back(first);
+            ++at;
+            continue;
+        }
+        std::size_t size = 2;
         while (size <= 4 && (first << (size - 1) & 0x80) != 0) {
             ++size;
         }
-        // `size` is now one more than the number of leading ones: 1 for ASCII, 2 for a misplaced byte, 3 to 5 else.
-        std::uint32_t character = size == 1 ? first : first & (0xFFU >> size);
-        const std::size_t bytes = size == 1 ? 1 : size - 1;
+        // `size` is now one more than the number of leading ones: 2 for a misplaced byte, else 3 to 5.
+        std::uint32_t character = first & (0xFFU >> size);
+        const std::size_t bytes = size - 1;
         for (std::size_t next = 1; next < bytes && at + next < utf8.size(); ++next) {
             character = character << 6 | (static_cast<unsigned char>(utf8[at + next]) & 0x3FU);
         }

@@ -11,8 +11,8 @@
 #include <type_traits>
 #include <vector>
 
-/// What the fuzz targets share. A target defines Test(), which takes values from an input, gives them to the library and
-/// compares every result with its own calculation.
+/// What the fuzz targets share. A target defines Test(), which takes values from an input, gives them to the library
+/// and compares every result with its own calculation.
 namespace Fuzz {
 
 /// Takes values from the bytes of an input, front to back. After its end, numbers are 0 and texts are empty.

@@ -197,8 +197,8 @@ bool StartsWith(const std::string& text, const char* start) {
 void CheckImport(const std::string& bytes, const Expected& expected, bool isLineKnown) {
     static const int file = memfd_create("history", 0);
     static const std::string path = "/proc/self/fd/" + std::to_string(file);
-    Holds("the file is written", ftruncate(file, 0) == 0 && pwrite(file, bytes.data(), bytes.size(), 0) ==
-                                                                static_cast<ssize_t>(bytes.size()));
+    Holds("the file is written",
+          ftruncate(file, 0) == 0 && pwrite(file, bytes.data(), bytes.size(), 0) == static_cast<ssize_t>(bytes.size()));
     Host host;
     try {
         HistoryProvider provider(path);

@@ -222,8 +222,8 @@ Node Node::Of(double real) {
 }
 
 Node Node::Of(long long number) {
-    Node node = OfUnsigned(number < 0 ? 0 - static_cast<unsigned long long>(number)
-                                      : static_cast<unsigned long long>(number));
+    Node node =
+        OfUnsigned(number < 0 ? 0 - static_cast<unsigned long long>(number) : static_cast<unsigned long long>(number));
     node.isNegative = number < 0;
     return node;
 }

@@ -14,7 +14,7 @@ using Fuzz::Input;
 using Fuzz::Same;
 
 constexpr std::size_t kMostBlocks = 1000;
-constexpr std::size_t kMostSteps = 200;
+constexpr std::size_t kMostSteps = 48;
 
 /// The manager, opened to the test.
 class Manager : public CMemoryManager {
@@ -165,14 +165,15 @@ private:
 
 void Fuzz::Test(Input& input) {
     Model model;
+    const bool isFull = input.Below(64) == 63;
+    for (std::size_t blocks = isFull ? kMostBlocks - 4 : 0; blocks > 0; --blocks) {
+        model.Allocate("full.cpp", 1, 0);
+    }
     for (std::size_t steps = 0; steps < kMostSteps && input.HasMore(); ++steps) {
         const std::size_t step = input.Below(8);
         if (step < 3 || model.Size() == 0) {
             const std::string file = input.Flag() ? input.Bytes() : "file.cpp";
-            const bool isMany = input.Below(64) == 63;
-            for (int count = isMany ? 700 : 1; count > 0; --count) {
-                model.Allocate(file, input.Take<std::int32_t>(), input.Take<std::uint8_t>());
-            }
+            model.Allocate(file, input.Take<std::int32_t>(), input.Take<std::uint8_t>());
         } else if (step < 5) {
             model.Release(input.Take<std::uint16_t>() % model.Size());
         } else if (step == 5) {

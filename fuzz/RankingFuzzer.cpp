@@ -29,9 +29,9 @@ struct Unit {
 std::string TextOf(const std::list<CuratorBaseData>& ranking) {
     std::string text;
     for (const CuratorBaseData& record : ranking) {
-        Holds("other fields keep their defaults",
-              record.GetUnitName().empty() && record.GetUnitDeviceName().empty() && record.m_nStartTime == 0 &&
-                  record.m_nDuration == 0 && record.m_nAux == 0 && record.m_dAux[0] == 0.0);
+        Holds("other fields keep their defaults", record.GetUnitName().empty() && record.GetUnitDeviceName().empty() &&
+                                                      record.m_nStartTime == 0 && record.m_nDuration == 0 &&
+                                                      record.m_nAux == 0 && record.m_dAux[0] == 0.0);
         text += record.GetUnitId() + "=" + Fuzz::Show(record.m_dScore) + "," + record.m_strMetaData + "," +
                 record.m_strMetaDataSrc + ";";
     }
@@ -53,7 +53,9 @@ public:
         unit->source = record.m_strMetaDataSrc.empty() ? unit->source : record.m_strMetaDataSrc;
         unit->recency = static_cast<unsigned int>(record.m_nStartTime);
         unit->use += record.m_nDuration;
-        unit->date.LearnHistory(record, 1.0);
+        if (m_type == CURATOR_AGENT_DATE) {
+            unit->date.LearnHistory(record, 1.0);
+        }
     }
 
     std::string Ranking(int day, int hour) {
@@ -106,8 +108,9 @@ void CheckGrid(CCuratorAgent& agent, Model& model, bool isDate) {
             Same("a ranking of the grid", TextOf(grid.m_listData[day][hour]), isDate ? model.Ranking(day, hour) : "");
         }
     }
-    Same("the log of the grid", Fuzz::LogLines(),
-         isDate ? std::vector<std::string>() : std::vector<std::string>{"6 7x24 Not support! - Agent type is not DATE"});
+    Same(
+        "the log of the grid", Fuzz::LogLines(),
+        isDate ? std::vector<std::string>() : std::vector<std::string>{"6 7x24 Not support! - Agent type is not DATE"});
 }
 
 }  // namespace
@@ -125,7 +128,7 @@ void Fuzz::Test(Input& input) {
     CCuratorAgent agent(static_cast<ECuratorAgentType>(type), most, shortest);
     Model model(type, most, shortest);
     std::vector<CuratorBaseData> records;
-    while (input.HasMore() && records.size() < 64) {
+    while (input.HasMore() && records.size() < 32) {
         records.push_back(MakeRecord(input));
     }
     const std::size_t alone = std::min<std::size_t>(records.size(), 3);
@@ -147,7 +150,7 @@ void Fuzz::Test(Input& input) {
     tm local{};
     localtime_r(&now, &local);
     Same("RunCurate", TextOf(agent.RunCurate()), model.Ranking(local.tm_wday, local.tm_hour));
-    if (hasGrid || type != CURATOR_AGENT_DATE) {
+    if (hasGrid) {
         CheckGrid(agent, model, type == CURATOR_AGENT_DATE);
     }
 }

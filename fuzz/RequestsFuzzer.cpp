@@ -7,6 +7,7 @@
 #include <cstdlib>
 
 #include "Connection.h"
+#include "Frame.h"
 #include "Fuzz.h"
 #include "RankingServer.h"
 
@@ -74,23 +75,6 @@ std::string MeaningOf(const std::optional<RankingRequest>& request) {
     }
 }
 
-std::uint32_t Header(const std::string& stream) {
-    std::uint32_t header = 0;
-    for (std::size_t at = 0; at < 4; ++at) {
-        header = header << 8 | static_cast<unsigned char>(stream[at]);
-    }
-    return header;
-}
-
-std::string Framed(const std::string& text) {
-    const std::uint32_t length = static_cast<std::uint32_t>(text.size()) + 1;
-    std::string frame;
-    for (int shift = 24; shift >= 0; shift -= 8) {
-        frame += static_cast<char>(static_cast<unsigned char>(length >> shift & 0xFF));
-    }
-    return frame + text + std::string(1, '\0');
-}
-
 /// @return the descriptor of a new client of `listener`.
 int Connect(int listener) {
     sockaddr_un address{};
@@ -129,11 +113,12 @@ void CheckConnection(Input& input) {
         arrived += size;
         for (bool isReceived = true; isReceived && !connection.IsOver();) {
             const bool hasHeader = arrived >= 4;
-            const std::uint32_t length = hasHeader ? Header(stream) : 0;
+            const std::uint32_t length = hasHeader ? Frame::LengthIn(stream) : 0;
             const bool isRefused = hasHeader && length >= Connection::kRequestBuffer;
             isReceived = hasHeader && !isRefused && arrived >= 4 + length;
-            Same("a request", connection.Receive(),
-                 isReceived ? std::optional<std::string>(stream.substr(4, length == 0 ? 0 : length - 1)) : std::nullopt);
+            Same(
+                "a request", connection.Receive(),
+                isReceived ? std::optional<std::string>(stream.substr(4, length == 0 ? 0 : length - 1)) : std::nullopt);
             Same("the end of the connection", connection.IsOver(), isRefused);
             if (isReceived) {
                 connection.Answer(answer, /*isLast=*/false);
@@ -142,7 +127,7 @@ void CheckConnection(Input& input) {
                 std::string received(answer.size() + 5, '\0');
                 Same("its size", recv(client, received.data(), received.size(), MSG_WAITALL),
                      static_cast<ssize_t>(received.size()));
-                Same("the answer", received, Framed(answer));
+                Same("the answer", received, Frame::Of(answer));
                 stream.erase(0, 4 + length);
                 arrived -= 4 + length;
             }

@@ -15,8 +15,8 @@ namespace {
 using Fuzz::Holds;
 using Fuzz::Same;
 
-constexpr const char* kZones[] = {"UTC", "Europe/Berlin", "America/New_York", "Australia/Lord_Howe", "Asia/Kolkata",
-                                  "America/St_Johns", "<-0330>3:30", "Pacific/Apia"};
+constexpr const char* kZones[] = {"UTC",          "Europe/Berlin",    "America/New_York", "Australia/Lord_Howe",
+                                  "Asia/Kolkata", "America/St_Johns", "<-0330>3:30",      "Pacific/Apia"};
 constexpr time_t kMoments[] = {1705320000, 1720000000, 0};  // in winter and in summer
 
 long long FloorDivide(long long number, long long by) {

@@ -114,12 +114,11 @@ void CheckString(const std::string& bytes) {
     cleaned += whole.substr(2 * end) + std::string(2, '\0');
     const Converted converted = Convert(cleaned, std::string::npos);
     const bool isValid = text.empty() || converted.error == 0;
-    Same("Twstring2String", ContextString::Twstring2String(text),
-         isValid ? std::string(converted.text.c_str()) : "");
+    Same("Twstring2String", ContextString::Twstring2String(text), isValid ? std::string(converted.text.c_str()) : "");
     Same("its messages", Fuzz::LogLines(),
-         isValid ? std::vector<std::string>()
-                 : std::vector<std::string>{"6 iconv failed: " + std::to_string(converted.error),
-                                            "6 convert name failed"});
+         isValid
+             ? std::vector<std::string>()
+             : std::vector<std::string>{"6 iconv failed: " + std::to_string(converted.error), "6 convert name failed"});
 }
 
 }  // namespace
