@@ -93,6 +93,7 @@ double NormalValue() {
     }
 }
 
+/// What a Kalman agent must have learnt.
 struct Kalman {
     double observationNoise;
     double processNoise;
@@ -121,6 +122,43 @@ struct Kalman {
     }
 };
 
+/// An agent, opened to the test.
+class Opened {
+public:
+    virtual ~Opened() = default;
+    virtual ReinforcementLearningAgent& Agent() = 0;
+    virtual void Compare(const Model& model, const Kalman& kalman) = 0;
+};
+
+template <class Base>
+class OpenedAgent : public Base, public Opened {
+public:
+    using Base::Base;
+
+    ReinforcementLearningAgent& Agent() override { return *this; }
+
+    void Compare(const Model& model, const Kalman& kalman) override {
+        Same("the counts", this->m_vecCount, model.counts);
+        SameNumbers("the mean rewards", this->m_vecQ, model.means);
+        if constexpr (std::is_same_v<Base, ThomsonSamplingAgent>) {
+            Same("the successes", this->m_vecSuccess, model.successes);
+            Same("the failures", this->m_vecFailure, model.failures);
+        }
+        if constexpr (std::is_same_v<Base, KalmanFilterAgent>) {
+            SameNumbers("the means", this->m_vecMean, kalman.means);
+            SameNumbers("the variances", this->m_vecVariance, kalman.variances);
+        }
+    }
+
+private:
+    static void SameNumbers(const char* what, const std::vector<double>& actual, const std::vector<double>& expected) {
+        Same("the number of actions", actual.size(), expected.size());
+        for (std::size_t action = 0; action < actual.size(); ++action) {
+            Same(what, actual[action], expected[action]);
+        }
+    }
+};
+
 double Above0(Input& input) {
     const double parameter = std::fabs(input.Real());
     return parameter > 0 && parameter <= 1e300 ? parameter : 1.0;
@@ -139,16 +177,16 @@ void Fuzz::Test(Input& input) {
     Model model(n);
     Kalman kalman{first, second, std::vector<double>(n, mean), std::vector<double>(n, variance)};
     const int size = static_cast<int>(n);
-    std::unique_ptr<ReinforcementLearningAgent> agents[5];
-    agents[0] = std::make_unique<EpsilonGreedyAgent>(size, first);
-    agents[1] = std::make_unique<SoftmaxAgent>(size, first);
-    agents[2] = std::make_unique<MFUAgent>(size);
-    agents[3] = std::make_unique<ThomsonSamplingAgent>(size, first, second);
-    agents[4] = std::make_unique<KalmanFilterAgent>(size, first, second, mean, variance);
+    std::unique_ptr<Opened> agents[5];
+    agents[0] = std::make_unique<OpenedAgent<EpsilonGreedyAgent>>(size, first);
+    agents[1] = std::make_unique<OpenedAgent<SoftmaxAgent>>(size, first);
+    agents[2] = std::make_unique<OpenedAgent<MFUAgent>>(size);
+    agents[3] = std::make_unique<OpenedAgent<ThomsonSamplingAgent>>(size, first, second);
+    agents[4] = std::make_unique<OpenedAgent<KalmanFilterAgent>>(size, first, second, mean, variance);
     RandState::Set(seed);
     Variates::state = seed;
     for (int step = 0; step < kMostSteps; ++step) {
-        const int choice = agents[kind]->ChooseAction();
+        const int choice = agents[kind]->Agent().ChooseAction();
         const int expected[] = {kind == 0 ? ChooseGreedy(model, first) : 0, ChooseSoftly(model, first),
                                 Argmax(model.counts), kind == 3 ? ChooseByBeta(model, first, second) : 0,
                                 kalman.Choose()};
@@ -159,8 +197,9 @@ void Fuzz::Test(Input& input) {
         }
         const std::size_t action = input.Below(n);
         const int reward = input.Flag() ? static_cast<int>(input.Below(3)) : input.Take<std::int32_t>();
-        agents[kind]->UpdateQ(static_cast<int>(action), reward);
+        agents[kind]->Agent().UpdateQ(static_cast<int>(action), reward);
         model.Update(action, reward);
         kalman.Update(action, reward);
+        agents[kind]->Compare(model, kalman);
     }
 }
