@@ -48,9 +48,11 @@ struct struct_query_set {
 ///
 /// **Healing, and what it costs.** A fault of the file found at opening, or a failed *write*, causes a reset: the file
 /// and its journal are deleted, and an **empty** file is created. Faults are a damaged file, a file that cannot be
-/// opened, and a symbolic link at the path (the link is deleted, not followed, unless it appears between the test and
-/// the opening). A write fails when its text is empty or does not compile, a value cannot be bound, a constraint is
-/// violated, the statement yields a row, the disk is full, or another process locks the file. To keep your data, avoid
+/// opened (too few descriptors suffice), a symbolic link at the path, which is deleted and not followed, and what is no
+/// regular file: anything else at the journal, or a FIFO, a socket or a device at the path or, if the file is not
+/// empty, at SQLite's "-wal" or "-shm". A write fails when its text is empty or does not compile, a value cannot be
+/// bound, a constraint is violated, the statement yields a row, the disk is full, SQLite has no memory, or another
+/// connection locks the file. The creation statement at each opening is such a write. To keep your data, avoid
 /// statements that can fail: `INSERT OR IGNORE` skips a row with a duplicate key or with NULL in a NOT NULL column, and
 /// `CREATE TABLE IF NOT EXISTS` does nothing if the table exists; but no choice of statement helps against a full disk,
 /// or against a lock that outlasts the busy timeout (0 at first). Read with SelectQuery(), which never resets. When a
@@ -63,16 +65,28 @@ struct struct_query_set {
 /// - *One process per file.* If others must lock it for a short time, run `PRAGMA busy_timeout = <ms>` through
 ///   SelectQuery(): a write then waits, and with it all databases. Run it again after every reset.
 /// - *No fork.* In a child process the flush timer does not run, a lock held by another thread at the time of the fork
-///   is never released, and destroying an object with a timer is undefined. The child must only call `exec` or `_exit`.
-/// - *No empty name.* With the name "" a reset removes the data directory, if it is empty, and creates a file in its
-///   place.
+///   is never released, destroying an object with a timer is undefined, and destroying one without a timer deletes the
+///   journal of the parent's open transaction, whose COMMIT then fails. The child must only call `exec` or `_exit`.
+/// - *A name that names a file.* If its last component is empty, "." or "..", the error "%s is no file name!" is
+///   logged, the object stays closed, and no file is touched, by ResetDatabase() either. A name ends at its first zero
+///   byte.
+/// - *Protect the directory.* SQLite believes the files that it finds: a stale "-wal" beside a file with content brings
+///   the old rows back and loses the new ones, a foreign journal overwrites the content, and while a folder is at
+///   "-wal" every write fails. Links and special files are looked for at the opening only; a FIFO that is put at the
+///   journal later blocks all databases. A link that is put at the path during the opening is noticed after it: an
+///   empty file may then exist at its target. A link that is removed again in the meantime is not noticed.
+/// - *Statements end.* A view or a trigger that runs without end, also one in a file from elsewhere, blocks all
+///   databases of the process.
+/// - *Power loss* may roll back the last write, always as a whole.
+/// - *A clock that is set back* delays the next flush by the same time.
 /// - *Waiting.* Deferring a write blocks while any database of the process flushes: 0.4 to 1 s for 500 inserts on a PC,
 ///   but 4 to 19 ms when they are in one transaction.
 /// - *64-bit values.* `long` has 32 bits on the device. Pass larger numbers as text: an INTEGER column converts them;
 ///   elsewhere write `CAST(? AS INTEGER)`.
 /// - *Concurrent failures.* A write that fails while another thread resets the database returns before the reset ends.
 ///   The reset closes the database for a moment; other statements then log "DB not opened yet" and are lost.
-/// - *No memory for the timer.* If the timer cannot be allocated, every write is immediate.
+/// - *No memory for the timer.* If the timer cannot be allocated, every write is immediate. If its request is lost
+///   ("Memory Allocation Fail" is logged), nothing flushes: deferred statements stay queued.
 ///
 /// **Units.** The flush interval is in seconds.
 /// **Ownership.** Query texts and values are copied, except a `SQL_CSTRING` value: only the pointer is copied, and a
@@ -81,7 +95,12 @@ struct struct_query_set {
 /// SetQueryValue() uses only its arguments. The flush runs on the object's own timer thread. Two process-wide mutexes
 /// serialise all objects: one guards every use of a connection; the other guards the lists of deferred statements and
 /// is held during a whole flush.
-/// **Errors.** Logged. Return values say little; see each method.
+/// **Errors.** Logged. Return values say little; see each method. When C++ has no memory, `std::bad_alloc` passes to
+/// the caller of a constructor, SetQueryValue(), SelectQuery(), or ExecuteQuery() for a deferred statement: nothing
+/// leaks, no lock stays taken, value lists and deferred statements are unchanged, and the object can be used and
+/// destroyed. Opening, closing, immediate writes, resets and flushes allocate nothing through C++, so the flush thread
+/// never throws. When SQLite has no memory, a write fails and a read ends early. The process aborts only when GLib has
+/// no memory or no thread, or when the timer has none for its record (constructor) or for the id to kill (destructor).
 class LUMORA_API ContextDatabase {
 public:
     /// The directory of every database file; ends with a slash.
@@ -102,7 +121,9 @@ public:
     ContextDatabase(std::string name, std::string createTableQuery);
 
     /// Closes the database and stops the timer. Statements that were not flushed are lost. During a flush, the
-    /// destructor makes each remaining statement log "DB not opened yet"; "NOT matched any timer" may follow.
+    /// destructor makes each remaining statement log "DB not opened yet", so thousands of statements log thousands of
+    /// lines; "NOT matched any timer" may follow. Both threads have ended when it returns, even without memory for the
+    /// stop message ("Memory Allocation Fail" and "Stop Error" are logged).
     virtual ~ContextDatabase();
 
     ContextDatabase(const ContextDatabase&) = delete;
@@ -142,14 +163,15 @@ public:
     ///                `CAST(x AS TEXT)` to keep a large integer or a real (to 15 digits), and `hex(x)` to keep a blob
     ///                or a text with zero bytes. If several columns have the same name, the last one is kept.
     /// @return false when the query does not compile ("error select %s" is logged) or a value cannot be bound ("Failed
-    ///         to bind / Q[%s], V size[%d]"). Otherwise true, even when the database is closed ("DB not opened yet") or
-    ///         an unreported error ends the rows early.
+    ///         to bind / Q[%s], V size[%d]"). Otherwise true, even when the database is closed ("DB not opened yet"),
+    ///         an unreported error ends the rows early, or SQLite has no memory to read a row ("Memory Allocation
+    ///         Fail"). A row that cannot be read whole is not appended.
     bool SelectQuery(const char* query, const ValueList& values, std::vector<std::map<std::string, std::string>>& rows);
 
     /// Deletes the file and its journal and opens an empty database. Returns at once while another reset is running.
     ///
     /// Logs the info lines "reset database" and, for each of the two files, "remove %s file success", even when nothing
-    /// was removed.
+    /// was removed. If the file is damaged and cannot be removed, the database ends closed.
     void ResetDatabase();
 
     /// Returns whether the database is open. Takes no lock.
@@ -184,6 +206,10 @@ private:
     std::atomic<bool> m_bResetting;               ///< true during a reset; further resets are dropped
     int m_nInterval;                              ///< seconds; for 0 nothing is deferred
     std::atomic<TimerId> m_timerId;               ///< 0 when there is no timer
+    const std::string m_strPath;                  ///< computed once: nothing allocates after the construction
+    const std::string m_strJournalPath;           ///< likewise, as the two below
+    const std::string m_strWalPath;
+    const std::string m_strShmPath;
 };
 
 /// @}

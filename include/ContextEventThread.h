@@ -29,8 +29,9 @@ struct TEventMessage {
 /// that implements OnEvent().
 /// **Threads.** PushEvent(), PushStaticEvent() and IsRuning() may be called from any thread and from OnEvent(). Start()
 /// and Stop() belong to the owner's thread. OnEvent() runs on the worker only.
-/// **Errors.** Reported by return value and logged. When the system refuses a thread, GLib ends the process:
-/// `g_thread_new` never returns null.
+/// **Errors.** Reported by return value and logged. Without memory for a message, Stop() and PushEvent() log an error
+/// and return false: nothing leaks, no lock stays taken, and the worker continues. When GLib gets no memory for its
+/// queue or no thread from the system, it aborts the process: `g_thread_new` never returns null.
 /// @ingroup threads
 class LUMORA_API ContextEventThread {
 public:
@@ -69,7 +70,8 @@ public:
     /// @param data      passed to OnEvent(); on failure the caller still owns it.
     /// @param priority  lower values are served first.
     /// @return false when the worker is stopped and has accepted 16 events ("The Event Queue is overflow!!" is logged),
-    ///         or when no message could be allocated ("Memory Allocation Fail" is logged).
+    ///         or when no message could be allocated ("Memory Allocation Fail" is logged; while the worker is stopped,
+    ///         the call counts among the 16).
     bool PushEvent(int eventId, void* data, int priority);
 
     /// Queues a message that the caller owns. Sets its `bStatic` and uses its other fields unchanged.

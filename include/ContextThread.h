@@ -17,8 +17,8 @@
 /// of the class that implements OnThread().
 /// **Threads.** Start() and Stop() belong to the owner's thread and must not run at the same time. OnThread() must not
 /// call Stop(). IsRuning() may be called from any thread.
-/// **Errors.** Reported by return value and logged. When the system refuses a thread, GLib ends the process:
-/// `g_thread_new` never returns null.
+/// **Errors.** Reported by return value and logged. The class allocates nothing itself. When GLib gets no memory or no
+/// thread from the system, it aborts the process: `g_thread_new` never returns null.
 /// @ingroup threads
 class LUMORA_API ContextThread {
 public:

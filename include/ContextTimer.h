@@ -58,8 +58,9 @@ enum ETimerEvent : int {
 /// stops the threads nor frees the records of existing timers: kill the timers, call Stop(), then destroy the object.
 /// **Threads.** SetTimer() and KillTimer() may be called from any thread and from a callback. Start(), Stop() and the
 /// destructor belong to the owner's thread.
-/// **Errors.** Reported by return value and logged. Without memory a request aborts the process, or is lost after the
-/// error "Memory Allocation Fail".
+/// **Errors.** Reported by return value and logged. Without memory a request either aborts the process or is lost after
+/// the error "Memory Allocation Fail": see SetTimer() and KillTimer(). Nothing leaks, no lock stays taken, the threads
+/// continue, and the object can be used. GLib's own allocations, and `g_thread_new`, abort the process when they fail.
 class LUMORA_API ContextTimer : public ContextThread, public ContextEventThread {
 public:
     ContextTimer();
@@ -73,7 +74,10 @@ public:
     bool Start();
 
     /// Stops the tick thread, which takes up to 250 ms, then the event thread, which serves all queued requests first.
-    /// @return false when either thread is not running; the error "Stop Error" follows that thread's own error.
+    /// @return false when either thread is not running, or when there is no memory for the stop message: the tick
+    /// thread
+    ///         has then stopped and the event thread continues, so call ContextEventThread::Stop() again before the
+    ///         destructor. The error "Stop Error" follows that thread's own error.
     bool Stop();
 
     /// Sets a timer that fires every `interval` seconds until it is killed.
@@ -83,13 +87,18 @@ public:
     ///                  null.
     /// @param userData  passed to the callback.
     /// @return the timer's id. Ids count up through the whole process; after 2147483647 they start again at 1, even if
-    ///         1 is in use. An id is returned even for the 17th request before Start(), which is lost.
+    ///         1 is in use. An id is returned even for a request that is lost: the 17th before Start() ("The Event
+    ///         Queue is overflow!!" is logged), or one without memory for its event or, later, for its place in the
+    ///         list
+    ///         ("Memory Allocation Fail"). Without memory for the record, the assertion "timerData != __null" aborts.
     TimerId SetTimer(unsigned int interval, timer_cb callback, void* userData);
 
     /// Removes a timer when the event thread reaches the request. Until then its callback may still run, for example
     /// later in the same check when a callback kills another timer.
-    /// @return true, even for an id that does not exist and for the 17th request before Start(), which is lost; false
-    ///         for 0, which logs the info line "invalid timer id".
+    /// @return true, even for an id that does not exist and for a request that is lost: the 17th before Start() ("The
+    ///         Event Queue is overflow!!" is logged), or one without memory for its event ("Memory Allocation Fail");
+    ///         the timer then stays. False for 0, which logs the info line "invalid timer id". Without memory for the
+    ///         copy of the id, the assertion "ptimerId != __null" aborts.
     bool KillTimer(TimerId id);
 
 private:

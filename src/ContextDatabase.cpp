@@ -4,8 +4,12 @@
 #include <glib.h>
 #include <sqlite3.h>
 #include <strings.h>
+#include <sys/stat.h>
 
+#include <cerrno>
+#include <climits>
 #include <cstdio>
+#include <cstring>
 #include <new>
 
 #include "ContextAutoLock.h"
@@ -14,7 +18,11 @@
 
 namespace {
 
+// SQLite's names for the files that it keeps beside the database.
 constexpr const char* kJournalSuffix = "-journal";
+constexpr const char* kWalSuffix = "-wal";
+constexpr const char* kShmSuffix = "-shm";
+
 constexpr const char* QUERY_INTEGRITY_CHECK = "pragma integrity_check";
 
 constexpr std::size_t kUsualValueCount = 8;
@@ -24,8 +32,54 @@ constexpr std::size_t kKeptQueryCapacity = 256;  ///< a larger capacity is relea
 GMutex g_db_mutex;         ///< guards every use of a connection
 GMutex g_query_set_mutex;  ///< guards the lists of deferred statements
 
-std::string DatabasePath(const std::string& name) {
+/// @param name  a C string: a name ends at its first zero byte, for the journal's path too.
+std::string DatabasePath(const char* name) {
     return std::string(ContextDatabase::kDataDirectory) + "/" + name;
+}
+
+/// Tells whether the last component of an absolute path can name a file. Logs an error if it cannot.
+bool IsFileName(const char* path) {
+    const char* last = std::strrchr(path, '/') + 1;
+    if (*last != '\0' && std::strcmp(last, ".") != 0 && std::strcmp(last, "..") != 0) {
+        return true;
+    }
+    LMR_LOG_ERROR("%s is no file name!", path);
+    return false;
+}
+
+/// @return the type of the file at a path, which is not followed if it is a link; 0 when it cannot be read.
+mode_t FileType(const std::string& path) {
+    struct stat status {};
+    return lstat(path.c_str(), &status) == 0 ? status.st_mode & S_IFMT : 0;
+}
+
+/// Tells whether a path is a FIFO, a socket or a device.
+bool IsSpecialFile(const std::string& path) {
+    const mode_t type = FileType(path);
+    return type != 0 && type != S_IFREG && type != S_IFDIR && type != S_IFLNK;
+}
+
+bool IsMissingOrEmpty(const std::string& path) {
+    struct stat status {};
+    return lstat(path.c_str(), &status) == 0 ? status.st_size == 0 : errno == ENOENT;
+}
+
+/// @return the first path that SQLite must not open, because a FIFO could block it for ever; null when there is none.
+const char* FindUnsafePath(const std::string& path, const std::string& journal, const std::string& wal,
+                           const std::string& shm) {
+    if (IsSpecialFile(path)) {
+        return path.c_str();
+    }
+    if (const mode_t type = FileType(journal); type != 0 && type != S_IFREG) {
+        return journal.c_str();
+    }
+    if (IsMissingOrEmpty(path)) {
+        return nullptr;  // SQLite then only removes the file at "-wal", and does not open "-shm"
+    }
+    if (IsSpecialFile(wal)) {
+        return wal.c_str();
+    }
+    return IsSpecialFile(shm) ? shm.c_str() : nullptr;
 }
 
 void _OnTimerCb(int timerId, void* userData) {
@@ -44,6 +98,40 @@ int OnIntegrityCheckCallBack(void* data, int /*columnCount*/, char** values, cha
     }
     return 0;
 }
+
+/// The timer of one database. Its event thread can be stopped when there is no memory for a stop message.
+class FlushTimer : public ContextTimer {
+public:
+    FlushTimer() : m_stopMessage{/*nEventId=*/-1, nullptr, /*bStop=*/true, /*bStatic=*/true, /*nPriority=*/INT_MAX} {}
+    ~FlushTimer() override {
+        if (ContextEventThread::IsRuning()) {
+            PushStaticEvent(&m_stopMessage);  // its priority value is the largest: after all queued events
+            g_thread_join(ContextEventThread::m_pThread);
+        }
+        for (const CTimerData* timer : m_timerList) {  // a timer whose removal could not be requested
+            delete timer;
+        }
+    }
+
+    FlushTimer(const FlushTimer&) = delete;
+    FlushTimer& operator=(const FlushTimer&) = delete;
+
+private:
+    TEventMessage m_stopMessage;
+};
+
+/// Clears a flag at the end of its scope, so that a reset that fails half-way can be tried again.
+class FlagClearer {
+public:
+    explicit FlagClearer(std::atomic<bool>& flag) : m_flag(flag) {}
+    ~FlagClearer() { m_flag = false; }
+
+    FlagClearer(const FlagClearer&) = delete;
+    FlagClearer& operator=(const FlagClearer&) = delete;
+
+private:
+    std::atomic<bool>& m_flag;
+};
 
 /// A compiled statement, finalized at the end of its scope.
 class Statement {
@@ -64,28 +152,46 @@ private:
     int m_nResult;
 };
 
-std::string ColumnText(sqlite3_stmt* statement, int column) {
-    switch (sqlite3_column_type(statement, column)) {
-        case SQLITE_TEXT: {
-            const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(statement, column));
-            return text != nullptr ? text : "";
-        }
-        case SQLITE_INTEGER:
-            return std::to_string(sqlite3_column_int(statement, column));
-        default:
-            return {};
-    }
-}
+using Row = std::map<std::string, std::string>;
+using Columns = std::map<std::string, int>;
 
 /// Maps each name to the last column that has it. Sorted, so that every row is built without a search.
-std::map<std::string, int> ColumnsByName(sqlite3_stmt* statement) {
-    std::map<std::string, int> columns;
+/// @return false when SQLite has no memory for a name.
+bool ReadColumnNames(sqlite3_stmt* statement, Columns& columns) {
     const int count = sqlite3_column_count(statement);
     for (int column = 0; column < count; ++column) {
         const char* name = sqlite3_column_name(statement, column);
-        columns[name != nullptr ? name : ""] = column;
+        if (name == nullptr) {
+            return false;
+        }
+        columns[name] = column;
     }
-    return columns;
+    return true;
+}
+
+/// @return false when SQLite has no memory for the text.
+bool ReadColumn(sqlite3_stmt* statement, int column, std::string& text) {
+    const int type = sqlite3_column_type(statement, column);
+    if (type == SQLITE_INTEGER) {
+        text = std::to_string(sqlite3_column_int(statement, column));
+    } else if (type == SQLITE_TEXT) {
+        const auto* value = reinterpret_cast<const char*>(sqlite3_column_text(statement, column));
+        if (value == nullptr) {
+            return false;
+        }
+        text = value;
+    }
+    return true;
+}
+
+/// @return false when SQLite has no memory for a text.
+bool ReadRow(sqlite3_stmt* statement, const Columns& columns, Row& row) {
+    for (const auto& [name, column] : columns) {
+        if (!ReadColumn(statement, column, row.emplace_hint(row.end(), name, std::string())->second)) {
+            return false;
+        }
+    }
+    return true;
 }
 
 /// Appends a value and returns it; the caller sets the member. One allocation covers a statement of usual length.
@@ -102,12 +208,16 @@ struct_sql_value& Append(ContextDatabase::ValueList& values, enum_sql_type type)
 
 ContextDatabase::ContextDatabase(std::string name, std::string createTableQuery, int interval)
     : m_pDB(nullptr),
-      m_pTimer(new (std::nothrow) ContextTimer),
+      m_pTimer(new (std::nothrow) FlushTimer),
       m_strDBName(std::move(name)),
       m_strCreateTableQuery(std::move(createTableQuery)),
       m_bResetting(false),
       m_nInterval(interval),
-      m_timerId(0) {
+      m_timerId(0),
+      m_strPath(DatabasePath(m_strDBName.c_str())),
+      m_strJournalPath(m_strPath + kJournalSuffix),
+      m_strWalPath(m_strPath + kWalSuffix),
+      m_strShmPath(m_strPath + kShmSuffix) {
     if (m_pTimer) {
         m_pTimer->Start();
         m_timerId = m_pTimer->SetTimer(static_cast<unsigned int>(interval), _OnTimerCb, this);
@@ -123,7 +233,11 @@ ContextDatabase::ContextDatabase(std::string name, std::string createTableQuery)
       m_strCreateTableQuery(std::move(createTableQuery)),
       m_bResetting(false),
       m_nInterval(0),
-      m_timerId(0) {
+      m_timerId(0),
+      m_strPath(DatabasePath(m_strDBName.c_str())),
+      m_strJournalPath(m_strPath + kJournalSuffix),
+      m_strWalPath(m_strPath + kWalSuffix),
+      m_strShmPath(m_strPath + kShmSuffix) {
     OpenDatabase_();
 }
 
@@ -133,6 +247,7 @@ ContextDatabase::~ContextDatabase() {
         m_pTimer->KillTimer(m_timerId);
         m_timerId = 0;
         m_pTimer->Stop();
+        m_pTimer.reset();  // joins the event thread if Stop() could not
         CloseDatabase_();  // a flush that failed in the meantime may have opened it again
     }
 }
@@ -183,35 +298,34 @@ bool ContextDatabase::SelectQuery(const char* query, const ValueList& values,
         LMR_LOG_ERROR("Failed to bind / Q[%s], V size[%d]", query, static_cast<int>(values.size()));
         return false;
     }
-    std::map<std::string, int> columns;
+    Columns columns;
     while (sqlite3_step(statement.Get()) == SQLITE_ROW) {
-        if (columns.empty()) {  // after the first step, which recompiles the statement if the schema has changed
-            columns = ColumnsByName(statement.Get());
+        Row row;
+        // The names are read after the first step, which recompiles the statement if the schema has changed.
+        if ((columns.empty() && !ReadColumnNames(statement.Get(), columns)) ||
+            !ReadRow(statement.Get(), columns, row)) {
+            LMR_LOG_ERROR("Memory Allocation Fail");
+            break;
         }
-        std::map<std::string, std::string>& row = rows.emplace_back();
-        for (const auto& [name, column] : columns) {
-            row.emplace_hint(row.end(), name, ColumnText(statement.Get(), column));
-        }
+        rows.push_back(std::move(row));
     }
     return true;
 }
 
 void ContextDatabase::ResetDatabase() {
-    if (m_bResetting.exchange(true)) {
+    if (!IsFileName(m_strPath.c_str()) || m_bResetting.exchange(true)) {
         return;
     }
+    const FlagClearer clearer(m_bResetting);
     LMR_LOG_INFO("reset database");
     CloseDatabase_();
-    std::string path = DatabasePath(m_strDBName);
-    std::remove(path.c_str());
-    LMR_LOG_INFO("remove %s file success", path.c_str());
-    path += kJournalSuffix;
-    std::remove(path.c_str());
-    LMR_LOG_INFO("remove %s file success", path.c_str());
+    std::remove(m_strPath.c_str());
+    LMR_LOG_INFO("remove %s file success", m_strPath.c_str());
+    std::remove(m_strJournalPath.c_str());
+    LMR_LOG_INFO("remove %s file success", m_strJournalPath.c_str());
     if (!OpenDatabase_()) {
         CloseDatabase_();  // a damaged file that cannot be removed has been opened again
     }
-    m_bResetting = false;
 }
 
 void ContextDatabase::OnTimerCb(int timerId) {
@@ -223,6 +337,9 @@ void ContextDatabase::OnTimerCb(int timerId) {
 }
 
 bool ContextDatabase::OpenDatabase_() {
+    if (!IsFileName(m_strPath.c_str())) {
+        return false;
+    }
     if (!CreateDatabase_()) {
         LMR_LOG_ERROR("create db error!");
     } else if (!CheckDatabaseIntegrity_()) {
@@ -242,14 +359,23 @@ bool ContextDatabase::CreateDatabase_() {
         LMR_LOG_ERROR("DB already opened");
         return true;
     }
-    const std::string path = DatabasePath(m_strDBName);
-    if (ContextFileUtil::IsSymbolicLink(path.c_str())) {
-        LMR_LOG_ERROR("%s is symbolic link file!", path.c_str());
+    const char* path = m_strPath.c_str();
+    if (ContextFileUtil::IsSymbolicLink(path)) {
+        LMR_LOG_ERROR("%s is symbolic link file!", path);
+        return false;
+    }
+    if (const char* unsafe = FindUnsafePath(m_strPath, m_strJournalPath, m_strWalPath, m_strShmPath)) {
+        LMR_LOG_ERROR("%s is not a regular file!", unsafe);
         return false;
     }
     sqlite3* database = nullptr;
-    if (sqlite3_open(path.c_str(), &database) != SQLITE_OK) {
-        LMR_LOG_ERROR("Cannot open database: %s, %s", sqlite3_errmsg(database), path.c_str());
+    if (sqlite3_open(path, &database) != SQLITE_OK) {
+        LMR_LOG_ERROR("Cannot open database: %s, %s", sqlite3_errmsg(database), path);
+        sqlite3_close(database);
+        return false;
+    }
+    if (ContextFileUtil::IsSymbolicLink(path)) {  // it has appeared since the first look, and SQLite has followed it
+        LMR_LOG_ERROR("%s is symbolic link file!", path);
         sqlite3_close(database);
         return false;
     }
@@ -271,6 +397,9 @@ bool ContextDatabase::CheckDatabaseIntegrity_() {
             LMR_LOG_ERROR("Query ERROR Q : %s", QUERY_INTEGRITY_CHECK);
             return false;
         }
+    }
+    if (isDamaged && m_bResetting) {
+        return false;  // the reset could not remove the file
     }
     if (isDamaged) {
         ResetDatabase();
@@ -326,7 +455,7 @@ void ContextDatabase::ExecuteReservedQueries_() {
     }
     m_vecQuerySet.clear();
     if (m_vecQuerySet.capacity() > kKeptQueryCapacity) {
-        m_vecQuerySet.shrink_to_fit();
+        std::vector<struct_query_set>().swap(m_vecQuerySet);
     }
 }
 
@@ -343,7 +472,7 @@ bool ContextDatabase::BindAllValues_(sqlite3_stmt* statement, const ValueList& v
                 result = BindSqlStatement_(statement, index, value.lValue);
                 break;
             case SQL_STRING:
-                result = BindSqlStatement_(statement, index, value.strValue);
+                result = BindSqlStatement_(statement, index, value.strValue.c_str());  // without a copy
                 break;
             case SQL_CSTRING:
                 result = BindSqlStatement_(statement, index, value.pszValue);

@@ -88,7 +88,12 @@ void ContextTimer::InsertTimer_(CTimerData* timer) {
     timer->expireTime = TimerMath::Add(m_lastCheckTime, timer->interval);
     const auto later = std::find_if(m_timerList.begin(), m_timerList.end(),
                                     [timer](const CTimerData* other) { return other->expireTime > timer->expireTime; });
-    m_timerList.insert(later, timer);
+    try {
+        m_timerList.insert(later, timer);
+    } catch (const std::bad_alloc&) {  // an exception would end the process: GLib's C code started this thread
+        LMR_LOG_ERROR("Memory Allocation Fail");
+        delete timer;
+    }
 }
 
 void ContextTimer::RemoveTimer_(int id) {

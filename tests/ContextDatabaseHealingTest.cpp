@@ -288,6 +288,27 @@ TEST_F(ContextDatabaseHealingTest, ResetsOnceWhenDamagedFileCannotBeRemoved) {
     EXPECT_FALSE(database.IsRunning());
 }
 
+TEST_F(ContextDatabaseHealingTest, EndsClosedWhenFailedRowsCannotBeRemoved) {
+    MakeGoodFile();
+    DamageIndexEntries({"name-20"});
+    const std::string before = Surroundings::ReadFile(kPath);
+    auto readOnly = std::make_unique<ReadOnlyDataDirectory>();
+    ContextDatabase database("x.db", kCreateTable);
+    EXPECT_EQ(
+        CapturedLog::Messages(),
+        Join({FailedRows(1), ResetLines(), FailedRows(1), {"E integrity check db error!", "E DB not opened yet"}}));
+    ExpectClosed(database);
+    EXPECT_EQ(OpenDescriptors(), 0);
+    CapturedLog::Clear();
+    database.ResetDatabase();
+    EXPECT_EQ(CapturedLog::Messages(), Join({ResetLines(), FailedRows(1), {"E integrity check db error!"}}));
+    ExpectClosed(database);
+    EXPECT_EQ(Surroundings::ReadFile(kPath), before);
+    readOnly.reset();
+    database.ResetDatabase();
+    ExpectFreshAndWorking(database);
+}
+
 // Log lines
 
 TEST_F(ContextDatabaseHealingTest, LogsFromMethodThatPerformsStep) {

@@ -6,7 +6,6 @@
 
 #include <filesystem>
 #include <functional>
-#include <iterator>
 #include <memory>
 #include <optional>
 #include <string>
@@ -23,11 +22,6 @@ namespace fs = std::filesystem;
 static_assert(!std::is_copy_constructible_v<ContextDatabase> && !std::is_copy_assignable_v<ContextDatabase>);
 
 const std::string kPath = DatabasePath();
-
-/// @return the number of threads of this process.
-std::size_t ThreadCount() {
-    return static_cast<std::size_t>(std::distance(fs::directory_iterator("/proc/self/task"), fs::directory_iterator()));
-}
 
 using ContextDatabaseTest = DatabaseTest;
 

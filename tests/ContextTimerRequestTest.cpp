@@ -13,6 +13,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
+#include <optional>
 #include <thread>
 #include <type_traits>
 #include <vector>
@@ -292,6 +293,49 @@ TEST_F(ContextTimerRequestTest, DropsKillAfterSixteenRequestsBeforeStart) {
     Start();
     RunTo(1);
     EXPECT_EQ(Fired(), Strings{"timer@1"});
+}
+
+TEST_F(ContextTimerRequestTest, LosesRequestsWithoutMemoryForTheirEvents) {
+    Start();
+    const TimerId kept = Set("kept", 1);
+    TimerId lost = 0;
+    {
+        const FailingAllocation failing(/*allowed=*/1, /*failures=*/1);  // allows the record
+        lost = Set("lost", 1);
+    }
+    EXPECT_EQ(lost, kept + 1);
+    {
+        const FailingAllocation failing(/*allowed=*/1, /*failures=*/1);  // allows the id
+        EXPECT_TRUE(m_timer.KillTimer(kept));
+    }
+    EXPECT_EQ(CapturedLog::Origins(), Strings(2, "6 ContextEventThread.cpp: PushEvent > Memory Allocation Fail"));
+    RunTo(2);
+    EXPECT_EQ(Fired(), (Strings{"kept@1", "kept@2"}));
+}
+
+TEST_F(ContextTimerRequestTest, DropsTimerWithoutMemoryForListNode) {
+    Waiting::Gate isBlocked;
+    Waiting::Gate mayGoOn;
+    std::optional<FailingAllocation> failing;  // used on the event thread only
+    Start();
+    Set("arm", 0, [&] {
+        if (failing) {
+            failing.reset();
+        } else {
+            isBlocked.Open();
+            mayGoOn.Wait();
+            failing.emplace(/*allowed=*/0, /*failures=*/1, FailingAllocation::Form::Throwing);
+        }
+    });
+    QueueCheck();
+    ASSERT_TRUE(isBlocked.Wait());
+    Set("dropped", 0);
+    Set("next", 0);
+    mayGoOn.Open();
+    Settle();
+    EXPECT_EQ(CapturedLog::Origins(), Strings{"6 ContextTimer.cpp: InsertTimer_ > Memory Allocation Fail"});
+    Tick();
+    EXPECT_EQ(Fired(), (Strings{"arm@0", "arm@0", "next@0"}));
 }
 
 TEST_F(ContextTimerRequestTest, AbortsIfTimerAllocationFails) {

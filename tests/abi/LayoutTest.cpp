@@ -149,10 +149,12 @@ TEST(LayoutTest, KeepsFieldsOfDatabase) {
     EXPECT_EQ(sizeof(struct_sql_value::llValue), 8U);
     EXPECT_FIELDS(struct_query_set, kNone, 36, FIELD(struct_query_set, strQuery),
                   FIELD(struct_query_set, vecSqlQueryValue));
-    EXPECT_FIELDS(ContextDatabase, kTable, 88, FIELD(ContextDatabase, m_pDB), FIELD(ContextDatabase, m_pTimer),
+    EXPECT_FIELDS(ContextDatabase, kTable, 184, FIELD(ContextDatabase, m_pDB), FIELD(ContextDatabase, m_pTimer),
                   FIELD(ContextDatabase, m_strDBName), FIELD(ContextDatabase, m_strCreateTableQuery),
                   FIELD(ContextDatabase, m_vecQuerySet), FIELD(ContextDatabase, m_bResetting),
-                  FIELD(ContextDatabase, m_nInterval), FIELD(ContextDatabase, m_timerId));
+                  FIELD(ContextDatabase, m_nInterval), FIELD(ContextDatabase, m_timerId),
+                  FIELD(ContextDatabase, m_strPath), FIELD(ContextDatabase, m_strJournalPath),
+                  FIELD(ContextDatabase, m_strWalPath), FIELD(ContextDatabase, m_strShmPath));
     EXPECT_EQ(sizeof(ContextDatabase::m_pDB), sizeof(void*));
     EXPECT_EQ(sizeof(ContextDatabase::m_bResetting), 1U);
     EXPECT_EQ(sizeof(ContextDatabase::m_timerId), 4U);

@@ -19,6 +19,19 @@ std::mutex g_mutex;
 std::condition_variable g_changed;
 std::vector<CapturedLog::Line> g_lines;  ///< guarded by g_mutex
 thread_local std::function<void()> t_onLog;
+thread_local bool t_isCapturing = false;
+
+/// Marks the calling thread as inside the log call for one scope.
+class Capturing {
+public:
+    Capturing() : m_before(std::exchange(t_isCapturing, true)) {}
+    ~Capturing() { t_isCapturing = m_before; }
+    Capturing(const Capturing&) = delete;
+    Capturing& operator=(const Capturing&) = delete;
+
+private:
+    bool m_before;
+};
 
 int CountLocked(const std::string& message) {
     return static_cast<int>(std::count_if(g_lines.begin(), g_lines.end(),
@@ -48,6 +61,7 @@ CapturedLog::Line Split(int buffer, int priority, const char* tag, const std::st
 }  // namespace
 
 int lumora_log_print(int buffer, int priority, const char* tag, const char* format, ...) {
+    const Capturing capturing;
     va_list arguments;
     va_start(arguments, format);
     char* formatted = nullptr;
@@ -66,6 +80,10 @@ int lumora_log_print(int buffer, int priority, const char* tag, const char* form
     g_lines.push_back(Split(buffer, priority, tag, format, text));
     g_changed.notify_all();
     return length;
+}
+
+bool CapturedLog::IsCapturing() noexcept {
+    return t_isCapturing;
 }
 
 void CapturedLog::Clear() {

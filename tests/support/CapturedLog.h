@@ -41,6 +41,9 @@ int Count(const std::string& message);
 /// @return false when the bound passes first.
 bool WaitFor(const std::string& message, int count = 1, std::chrono::milliseconds bound = std::chrono::seconds(20));
 
+/// @return true while the calling thread is inside the log call.
+bool IsCapturing() noexcept;
+
 /// Runs an action inside every log call of the thread that created it, while it lives. The action may log; it does not
 /// run again inside its own log calls.
 class OnLog {

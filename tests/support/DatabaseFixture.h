@@ -14,6 +14,7 @@
 #include <filesystem>
 #include <functional>
 #include <initializer_list>
+#include <iterator>
 #include <map>
 #include <mutex>
 #include <stdexcept>
@@ -312,6 +313,12 @@ protected:
             count += target.rfind(ContextDatabase::kDataDirectory, 0) == 0 ? 1 : 0;
         }
         return count;
+    }
+
+    /// @return the number of threads of this process.
+    static std::size_t ThreadCount() {
+        const std::filesystem::directory_iterator tasks("/proc/self/task");
+        return static_cast<std::size_t>(std::distance(tasks, std::filesystem::directory_iterator()));
     }
 
     /// Makes the stopped clock jump, and waits until the given number of timers have moved their deadlines along. Every

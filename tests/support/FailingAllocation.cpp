@@ -3,23 +3,38 @@
 
 #include <new>
 
+#include "CapturedLog.h"
+
 namespace {
 
-thread_local int t_allowed = 0;   ///< calls left that succeed before the first failure
-thread_local int t_failures = 0;  ///< failures left
+struct Calls {
+    int allowed;   ///< calls left that succeed before the first failure
+    int failures;  ///< failures left
+    int failed;
+};
+
+thread_local Calls t_calls[2];             ///< by form
+thread_local bool t_isForwarding = false;  ///< the non-throwing form is calling the throwing form
+
+Calls& CallsOf(FailingAllocation::Form form) {
+    return t_calls[static_cast<int>(form)];
+}
 
 /// @param allocate  calls the throwing form of the same operator, so that `delete` and `delete[]` match it.
 template <class Allocate>
 void* AllocateUnlessFailing(Allocate allocate) noexcept {
-    if (t_failures > 0 && t_allowed-- <= 0) {
-        --t_failures;
+    if (FailingAllocation::Fails(FailingAllocation::Form::NonThrowing)) {
         return nullptr;
     }
+    t_isForwarding = true;
+    void* memory = nullptr;
     try {
-        return allocate();
+        memory = allocate();
     } catch (const std::bad_alloc&) {
-        return nullptr;
+        memory = nullptr;
     }
+    t_isForwarding = false;
+    return memory;
 }
 
 }  // namespace
@@ -32,11 +47,28 @@ void* operator new[](std::size_t size, const std::nothrow_t& /*tag*/) noexcept {
     return AllocateUnlessFailing([size] { return ::operator new[](size); });
 }
 
-FailingAllocation::FailingAllocation(int allowed, int failures) {
-    t_allowed = allowed;
-    t_failures = failures;
+FailingAllocation::FailingAllocation(int allowed, int failures, Form form) : m_form(form) {
+    CallsOf(form) = {allowed, failures, 0};
 }
 
 FailingAllocation::~FailingAllocation() {
-    t_failures = 0;
+    CallsOf(m_form).failures = 0;
+}
+
+bool FailingAllocation::Fails(Form form) noexcept {
+    Calls& calls = CallsOf(form);
+    if (calls.failures == 0 || t_isForwarding || CapturedLog::IsCapturing()) {
+        return false;
+    }
+    if (calls.allowed > 0) {
+        --calls.allowed;
+        return false;
+    }
+    --calls.failures;
+    ++calls.failed;
+    return true;
+}
+
+int FailingAllocation::Failures(Form form) noexcept {
+    return CallsOf(form).failed;
 }
