@@ -13,7 +13,8 @@
 /// next batch with Clear().
 ///
 /// **Threads.** One thread at a time; no locking.
-/// **Errors.** None; nothing is logged.
+/// **Errors.** Nothing is logged. When memory runs out, Register() and copies throw `std::bad_alloc`. Register() then
+/// changes nothing; an assignment may leave a filter without names, which is complete. Nothing else throws.
 /// @ingroup provider
 class LUMORA_API ContextSubjectFilter {
 public:

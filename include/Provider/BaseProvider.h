@@ -14,7 +14,8 @@
 /// first.
 /// **Threads.** Each call runs on the caller's thread; no locking. Set the handler before using the provider.
 /// **Errors.** Without a handler every operation except AddInSubject() logs "m_pIProviderHandler is NULL". It then
-/// returns -5, except that KillTimer() returns true and Publish() returns nothing.
+/// returns -5, except that KillTimer() returns true and Publish() returns nothing. The class allocates
+/// nothing; an exception of the handler passes through.
 /// @ingroup provider
 class LUMORA_API CBaseProvider {
 public:

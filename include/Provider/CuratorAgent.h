@@ -29,13 +29,15 @@ enum ECuratorAgentType : int {
 /// destroyed.
 ///
 /// A date agent works in the local time of the process. It calls `tzset` in LearnHistory() and LearnHistorys(), so a
-/// change of `TZ` takes effect there.
+/// change of `TZ` takes effect there; see CCuratorDateUnit.
 ///
 /// **Units.** Durations are seconds. Scores are seconds: since the epoch (MRU), of use (MFU), or of weighted use
 /// (date).
 /// **Ownership.** The agent owns its units. It copies records in and out.
 /// **Threads.** Not thread-safe.
-/// **Errors.** Logged, as stated for each method.
+/// **Errors.** Logged, as stated for each method. When memory runs out, every method throws `std::bad_alloc`, and the
+/// agent stays usable. A method that ranks then changes nothing. One that learns skips the record that it was learning:
+/// if the id is new, its unit may exist from then on, without use or metadata and with a score of 0.
 class LUMORA_API CCuratorAgent {
 public:
     /// Starts without units.
@@ -55,7 +57,8 @@ public:
     /// ignored. An agent of an unknown type logs "Error! curator agent type not found! [%d]" and learns nothing.
     void LearnHistory(const CuratorBaseData& record);
 
-    /// Learns records in vector order, each as LearnHistory() does.
+    /// Learns records in vector order, each as LearnHistory() does. If it throws, it has learnt the records before the
+    /// one that failed; to know which one it was, learn them one by one.
     void LearnHistorys(const std::vector<CuratorBaseData>& records);
 
     /// Ranks all units by their scores for the current time.

@@ -17,6 +17,8 @@
 ///
 /// **Units.** Times are seconds since the epoch; durations are seconds.
 /// **Threads.** Not thread-safe.
+/// **Errors.** Nothing is logged. When memory runs out, copying a record or one of its texts throws `std::bad_alloc`. A
+/// setter then changes nothing; an assignment may have copied some of the fields. clear() and moves throw nothing.
 class LUMORA_API CuratorBaseData {
 public:
     /// Leaves every text empty and every number 0.
@@ -61,24 +63,31 @@ private:
 };
 
 /// One ranking for each hour of the week, indexed as `tm_wday` (0 = Sunday) and `tm_hour` count.
+///
+/// **Errors.** When memory runs out, a copy throws `std::bad_alloc`; an assignment may have copied some of the
+/// rankings.
 struct LUMORA_API CuratorBaseData7x24 {
     std::list<CuratorBaseData> m_listData[7][24];  ///< rankings by day and hour
 };
 
-/// Compares two rankings by their unit ids only; scores and all other fields are ignored.
+/// Compares two rankings by their unit ids only; scores and all other fields are ignored. Allocates nothing.
 /// @return true if both contain the same ids in the same order.
 LUMORA_API bool IsSequenceEqual(const std::list<CuratorBaseData>& a, const std::list<CuratorBaseData>& b);
 
-/// Compares two weekly grids cell by cell, by unit ids only.
+/// Compares two weekly grids cell by cell, by unit ids only. Allocates nothing.
 /// @return true if all 168 pairs of rankings compare equal.
 LUMORA_API bool IsSequenceEqual(const CuratorBaseData7x24& a, const CuratorBaseData7x24& b);
 
 /// The standard writer for one record of a result: sets "Id", "Score" and, if it is not empty, "MetaDataSrc".
+///
+/// When memory runs out, it throws `std::bad_alloc` or jsoncpp's `Json::RuntimeError`; `out` may then have some of the
+/// members.
 /// @param record  the record to write.
 /// @param out     an empty document; becomes an object.
 LUMORA_API void CuratorData2ContextData(const CuratorBaseData& record, ContextData& out);
 
-/// Serialises a ranking.
+/// Serialises a ranking. Throws what the writer throws and, when memory runs out, `std::bad_alloc` or jsoncpp's
+/// `Json::RuntimeError`.
 /// @param result  the ranking.
 /// @param writer  writes one record into an empty document: CuratorData2ContextData() or a function of the host.
 ///                Not null.
@@ -90,7 +99,7 @@ LUMORA_API std::string CurationResult2JsonData(const std::list<CuratorBaseData>&
 ///
 /// Days are "Sun" to "Sat", hours are "0" to "23". Hours with an empty ranking are omitted, and so are days without
 /// any hour. The outer "Size" is the number of days written. Each day and each hour is wrapped in an array of one
-/// element; these arrays are part of the format.
+/// element; these arrays are part of the format. Throws as for a ranking.
 /// @param result  the grid.
 /// @param writer  writes one record, as for a ranking. Not null.
 /// @return JSON text, {"Sun": [ {"20": [ {"list": [ {...}, ... ], "Size": 3} ]} ], ..., "Size": n}, and a line feed.

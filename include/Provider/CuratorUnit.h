@@ -14,11 +14,13 @@
 /// Accumulates the usage of one unit and scores it. CCuratorAgent creates and owns its units; you need this class only
 /// to score a single unit without an agent.
 ///
-/// Accumulated usage never decays and is never reset.
+/// Accumulated usage never decays and is never reset. A unit is a value: a copy has the same id, metadata and usage,
+/// and then accumulates on its own.
 ///
 /// **Units.** Scores are seconds, as doubles.
 /// **Threads.** Not thread-safe.
-/// **Errors.** None; nothing is logged.
+/// **Errors.** Nothing is logged. When memory runs out, construction, copies and assignments throw `std::bad_alloc`; an
+/// assignment then changes nothing. Learning and scoring throw nothing.
 class LUMORA_API CCuratorBaseUnit {
 public:
     /// Starts with a score of 0.
@@ -26,8 +28,8 @@ public:
     explicit CCuratorBaseUnit(const std::string& unitId);
     virtual ~CCuratorBaseUnit();
 
-    CCuratorBaseUnit(const CCuratorBaseUnit&) = delete;
-    CCuratorBaseUnit& operator=(const CCuratorBaseUnit&) = delete;
+    CCuratorBaseUnit(const CCuratorBaseUnit&) = default;         ///< Copies every field.
+    CCuratorBaseUnit& operator=(const CCuratorBaseUnit& other);  ///< Copies every field.
 
     /// Learns one usage record.
     /// @param record  the usage; its unit id is ignored.
@@ -96,6 +98,9 @@ public:
 /// the rest of the usage is credited to the current hour. Where a zone moves its standard time back by an hour in the
 /// same way, a usage that began before the change leaves out the repeated hour: what follows the change is credited one
 /// hour too late.
+///
+/// LearnHistory() calls `tzset`, so a change of `TZ` takes effect there. If the C library has no memory to read the new
+/// zone, it uses UTC instead, at the longest until `TZ` changes again.
 class LUMORA_API CCuratorDateUnit : public CCuratorBaseUnit {
 public:
     /// Cap on the duration of one usage, in seconds.

@@ -16,6 +16,7 @@ class CBaseProvider;
 /// **Called by** CBaseProvider, on the thread that the provider calls from. An implementation may block and may call
 /// back into the provider. It needs its own locking if it serves several threads.
 /// **Ownership.** As agreed between host and provider; the library keeps no argument.
+/// **Errors.** As agreed between host and provider; exceptions pass through to the provider.
 /// @ingroup provider
 class LUMORA_API IProvider {
 public:

@@ -16,14 +16,18 @@
 ///
 /// **Units.** Actions are numbered 0 to n - 1. A reward is any integer; the value of an action is the mean of its
 /// rewards.
-/// **State.** Statistics last as long as the agent: they are not saved and do not decay.
+/// **State.** Statistics last as long as the agent: they are not saved and do not decay. An agent is a value: a copy
+/// has the same parameters and statistics, and then learns on its own.
 /// **Threads.** Not thread-safe. EpsilonGreedyAgent and ThomsonSamplingAgent also share a random state with all
 /// functions of RandomSampling.h, without a lock: use all of these from one thread.
 /// **The host's rand().** Every choice of EpsilonGreedyAgent and SoftmaxAgent calls the C library's `srand` with the
 /// current time, although no agent calls `rand`. This restarts the host's `rand` sequence, so `rand` repeats its
 /// values if two choices fall in the same second. Hosts can observe this, so it stays; use another generator if you
 /// need an undisturbed sequence.
-/// **Errors.** None; nothing is logged. Actions are not checked: an action outside 0 to n - 1 is undefined behaviour.
+/// **Errors.** Nothing is logged. Actions are not checked: an action outside 0 to n - 1 is undefined behaviour. When
+/// memory runs out, construction, copies and assignments throw `std::bad_alloc`, and construction throws
+/// `std::length_error` if n is more than a vector can hold; an assignment then changes nothing. UpdateQ() and
+/// ChooseAction() need no memory and throw nothing.
 class LUMORA_API ReinforcementLearningAgent {
 public:
     /// Starts without statistics.
@@ -31,8 +35,8 @@ public:
     explicit ReinforcementLearningAgent(const int& n);
     virtual ~ReinforcementLearningAgent();
 
-    ReinforcementLearningAgent(const ReinforcementLearningAgent&) = delete;
-    ReinforcementLearningAgent& operator=(const ReinforcementLearningAgent&) = delete;
+    ReinforcementLearningAgent(const ReinforcementLearningAgent&) = default;         ///< Copies every field.
+    ReinforcementLearningAgent& operator=(const ReinforcementLearningAgent& other);  ///< Copies every field.
 
     /// Learns the reward of an action.
     virtual void UpdateQ(const int& action, const int& reward);
@@ -57,6 +61,9 @@ public:
     EpsilonGreedyAgent(const int& n, const double& epsilon);
     ~EpsilonGreedyAgent() override;
 
+    EpsilonGreedyAgent(const EpsilonGreedyAgent&) = default;             ///< Copies every field.
+    EpsilonGreedyAgent& operator=(const EpsilonGreedyAgent&) = default;  ///< Copies every field.
+
     int ChooseAction() override;
 
 protected:
@@ -76,6 +83,9 @@ public:
     SoftmaxAgent(const int& n, const double& temperature);
     ~SoftmaxAgent() override;
 
+    SoftmaxAgent(const SoftmaxAgent&) = default;             ///< Copies every field.
+    SoftmaxAgent& operator=(const SoftmaxAgent&) = default;  ///< Copies every field.
+
     /// Chooses by the fixed draw.
     /// @return the first action at which the cumulative probability exceeds the draw, or n - 1 if no action does. This
     ///         happens if there are no actions (the result is -1), if an exponential or the sum of all exponentials
@@ -94,6 +104,9 @@ public:
     explicit MFUAgent(const int& n);
     ~MFUAgent() override;
 
+    MFUAgent(const MFUAgent&) = default;             ///< Copies every field.
+    MFUAgent& operator=(const MFUAgent&) = default;  ///< Copies every field.
+
     int ChooseAction() override;
 };
 
@@ -109,6 +122,9 @@ public:
     /// @param beta   prior: added to the failures of each action. Above 0; not checked.
     ThomsonSamplingAgent(const int& n, const double& alpha, const double& beta);
     ~ThomsonSamplingAgent() override;
+
+    ThomsonSamplingAgent(const ThomsonSamplingAgent&) = default;         ///< Copies every field.
+    ThomsonSamplingAgent& operator=(const ThomsonSamplingAgent& other);  ///< Copies every field.
 
     /// Learns a success or a failure.
     /// @param action  the action that earned the reward.
@@ -141,6 +157,9 @@ public:
     KalmanFilterAgent(const int& n, const double& observationNoise, const double& processNoise,
                       const double& initialMean, const double& initialVariance);
     ~KalmanFilterAgent() override;
+
+    KalmanFilterAgent(const KalmanFilterAgent&) = default;         ///< Copies every field.
+    KalmanFilterAgent& operator=(const KalmanFilterAgent& other);  ///< Copies every field.
 
     /// Learns the reward of an action, and adds the process noise to the variance of every action.
     void UpdateQ(const int& action, const int& reward) override;

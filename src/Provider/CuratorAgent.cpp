@@ -4,40 +4,14 @@
 #include <algorithm>
 #include <ctime>
 #include <limits>
-#include <numeric>
+#include <memory>
 
 #include "Log.h"
+#include "Provider/HighestFirst.h"
 
 namespace {
 
 constexpr double kNoScore = -std::numeric_limits<double>::infinity();  ///< ranks a null entry after every unit
-
-using Score = std::vector<double>::const_iterator;
-
-/// @return the `count` highest scores, highest first; equal scores keep their order.
-std::vector<Score> HighestFirst(const std::vector<double>& scores, std::size_t count) {
-    const auto ranksBefore = [](Score a, Score b) { return *a > *b || (*a == *b && a < b); };
-    std::vector<Score> highest(std::min(count, scores.size()));
-    if (highest.empty()) {
-        return highest;
-    }
-    std::iota(highest.begin(), highest.end(), scores.begin());
-    const Score others = highest.back() + 1;
-
-    // A heap with the lowest score at its front. Another score enters only if it is higher: an equal one comes later.
-    std::make_heap(highest.begin(), highest.end(), ranksBefore);
-    double lowest = *highest.front();
-    const auto enters = [&lowest](double score) { return score > lowest; };
-    for (Score next = std::find_if(others, scores.end(), enters); next != scores.end();
-         next = std::find_if(next + 1, scores.end(), enters)) {
-        std::pop_heap(highest.begin(), highest.end(), ranksBefore);
-        highest.back() = next;
-        std::push_heap(highest.begin(), highest.end(), ranksBefore);
-        lowest = *highest.front();
-    }
-    std::sort_heap(highest.begin(), highest.end(), ranksBefore);
-    return highest;
-}
 
 }  // namespace
 
@@ -107,15 +81,20 @@ CCuratorBaseUnit* CCuratorAgent::NewUnit_(const std::string& unitId) {
 }
 
 CCuratorBaseUnit* CCuratorAgent::GetUnit_(const std::string& unitId) {
-    CCuratorBaseUnit* unit = FindUnit_(unitId);
-    if (unit == nullptr) {
-        unit = NewUnit_(unitId);
-        m_vecUnits.push_back(unit);
-        if (unit != nullptr) {
-            m_mapUnits.emplace(unit->m_strUnitId, unit);
-        }
+    CCuratorBaseUnit* known = FindUnit_(unitId);
+    if (known != nullptr) {
+        return known;
     }
-    return unit;
+    // What may fail comes first, so that a unit is in both containers or in neither.
+    std::unique_ptr<CCuratorBaseUnit> unit(NewUnit_(unitId));
+    if (m_vecUnits.size() == m_vecUnits.capacity()) {
+        m_vecUnits.reserve(2 * m_vecUnits.size() + 1);
+    }
+    if (unit != nullptr) {
+        m_mapUnits.emplace(unit->m_strUnitId, unit.get());
+    }
+    m_vecUnits.push_back(unit.get());
+    return unit.release();
 }
 
 void CCuratorAgent::Learn_(const CuratorBaseData& record, CCuratorDateUnit::LocalHour& lastHour) {
@@ -126,6 +105,9 @@ void CCuratorAgent::Learn_(const CuratorBaseData& record, CCuratorDateUnit::Loca
     if (unit == nullptr) {
         return;
     }
+    // Reserved first: the record is learnt completely or, without memory, not at all.
+    unit->m_strMetaData.reserve(record.m_strMetaData.size());
+    unit->m_strMetaDataSrc.reserve(record.m_strMetaDataSrc.size());
     if (!record.m_strMetaData.empty()) {
         unit->m_strMetaData = record.m_strMetaData;
     }
@@ -166,7 +148,8 @@ void CCuratorAgent::GetAllCandidates_(const int& day, std::vector<double> (&scor
 
 std::list<CuratorBaseData> CCuratorAgent::Rank_(const std::vector<double>& scores) {
     std::list<CuratorBaseData> ranking;
-    for (const Score score : HighestFirst(scores, static_cast<std::size_t>(std::max(m_nMaxResult, 0)))) {
+    for (const Ranked::Score score :
+         Ranked::HighestFirst(scores, static_cast<std::size_t>(std::max(m_nMaxResult, 0)))) {
         const auto order = static_cast<std::size_t>(score - scores.begin());
         if (m_vecUnits[order] == nullptr) {
             break;  // only null entries follow

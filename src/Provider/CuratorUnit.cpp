@@ -25,6 +25,17 @@ CCuratorBaseUnit::CCuratorBaseUnit(const std::string& unitId) : m_strUnitId(unit
 
 CCuratorBaseUnit::~CCuratorBaseUnit() = default;
 
+CCuratorBaseUnit& CCuratorBaseUnit::operator=(const CCuratorBaseUnit& other) {
+    std::string unitId = other.m_strUnitId;
+    std::string metaDataSrc = other.m_strMetaDataSrc;
+    std::string metaData = other.m_strMetaData;  // nothing below throws
+    m_strMetaData.swap(metaData);
+    m_strMetaDataSrc.swap(metaDataSrc);
+    m_strUnitId.swap(unitId);
+    m_dScore = other.m_dScore;
+    return *this;
+}
+
 CCuratorMRUUnit::CCuratorMRUUnit(const std::string& unitId) : CCuratorBaseUnit(unitId) {}
 
 void CCuratorMRUUnit::LearnHistory(const CuratorBaseData& record, double /*weight*/) {
@@ -57,6 +68,7 @@ CCuratorDateUnit::CCuratorDateUnit(const std::string& unitId)
     : CCuratorBaseUnit(unitId), m_dHour{}, m_dDay{}, m_dDayHour{}, m_dWeight{0.1, 1.0, 6.0, 11.0} {}
 
 void CCuratorDateUnit::LearnHistory(const CuratorBaseData& record, double weight) {
+    tzset();  // localtime_r may miss a change of the time zone
     LocalHour unknown;
     Learn_(record, weight, unknown);
 }

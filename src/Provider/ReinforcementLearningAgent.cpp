@@ -74,6 +74,16 @@ ReinforcementLearningAgent::ReinforcementLearningAgent(const int& n)
 
 ReinforcementLearningAgent::~ReinforcementLearningAgent() = default;
 
+// In each assignment, the copies that can throw come before the first change.
+ReinforcementLearningAgent& ReinforcementLearningAgent::operator=(const ReinforcementLearningAgent& other) {
+    std::vector<int> count = other.m_vecCount;
+    std::vector<double> q = other.m_vecQ;
+    m_vecCount.swap(count);
+    m_vecQ.swap(q);
+    m_nActions = other.m_nActions;
+    return *this;
+}
+
 void ReinforcementLearningAgent::UpdateQ(const int& action, const int& reward) {
     const auto i = static_cast<std::size_t>(action);
     ++m_vecCount[i];
@@ -89,7 +99,7 @@ int EpsilonGreedyAgent::ChooseAction() {
     ReseedHostGenerator();
     const double r = rand_r(&rand_seed) / kLargestDraw;
     const std::size_t best = Highest(m_vecQ.size(), [this](std::size_t i) { return m_vecQ[i]; });
-    if (m_nActions > 0 && !(m_dEpsilon > r) && m_vecQ[best] > kNothingPositiveYet) {
+    if (m_nActions > 0 && !(m_dEpsilon > r) && !(m_vecQ[best] <= kNothingPositiveYet)) {
         return static_cast<int>(best);
     }
     const int draw = rand_r(&rand_seed);
@@ -135,6 +145,17 @@ ThomsonSamplingAgent::ThomsonSamplingAgent(const int& n, const double& alpha, co
 
 ThomsonSamplingAgent::~ThomsonSamplingAgent() = default;
 
+ThomsonSamplingAgent& ThomsonSamplingAgent::operator=(const ThomsonSamplingAgent& other) {
+    std::vector<int> success = other.m_vecSuccess;
+    std::vector<int> failure = other.m_vecFailure;
+    ReinforcementLearningAgent::operator=(other);
+    m_dAlpha = other.m_dAlpha;
+    m_dBeta = other.m_dBeta;
+    m_vecSuccess.swap(success);
+    m_vecFailure.swap(failure);
+    return *this;
+}
+
 void ThomsonSamplingAgent::UpdateQ(const int& action, const int& reward) {
     ++(reward == 1 ? m_vecSuccess : m_vecFailure)[static_cast<std::size_t>(action)];
     ReinforcementLearningAgent::UpdateQ(action, reward);
@@ -158,6 +179,19 @@ KalmanFilterAgent::KalmanFilterAgent(const int& n, const double& observationNois
       m_vecVariance(SizeOf(n), initialVariance) {}
 
 KalmanFilterAgent::~KalmanFilterAgent() = default;
+
+KalmanFilterAgent& KalmanFilterAgent::operator=(const KalmanFilterAgent& other) {
+    std::vector<double> mean = other.m_vecMean;
+    std::vector<double> variance = other.m_vecVariance;
+    ReinforcementLearningAgent::operator=(other);
+    m_dObservationNoise = other.m_dObservationNoise;
+    m_dProcessNoise = other.m_dProcessNoise;
+    m_dInitialMean = other.m_dInitialMean;
+    m_dInitialVariance = other.m_dInitialVariance;
+    m_vecMean.swap(mean);
+    m_vecVariance.swap(variance);
+    return *this;
+}
 
 void KalmanFilterAgent::UpdateQ(const int& action, const int& reward) {
     ReinforcementLearningAgent::UpdateQ(action, reward);

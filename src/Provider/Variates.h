@@ -49,6 +49,12 @@ template <typename Source>
     return x2 * std::sqrt(-2.0 * std::log(r2) / r2);
 }
 
+/// @return 0.0 for -0.0, whose reciprocal is negative: the loops below would never accept a value. Any other value is
+///         returned unchanged.
+inline double WithoutMinusZero(double parameter) {
+    return parameter + 0.0;
+}
+
 template <typename Source>
 double GammaBelowOne(Source& draw, double shape) {
     const double exponent = 1.0 / shape;
@@ -98,7 +104,7 @@ double Gamma(Source& draw, double shape) {
     if (!(shape >= 0.0)) {
         return std::numeric_limits<double>::quiet_NaN();  // the loop would never accept a value
     }
-    return shape < 1.0 ? GammaBelowOne(draw, shape) : GammaAboveOne(draw, shape);
+    return shape < 1.0 ? GammaBelowOne(draw, WithoutMinusZero(shape)) : GammaAboveOne(draw, shape);
 }
 
 template <typename Source>
@@ -106,6 +112,8 @@ double BetaUpToOne(Source& draw, double a, double b) {
     if (a < 0.0 || b < 0.0) {
         return std::numeric_limits<double>::quiet_NaN();  // the loop would never accept a value
     }
+    a = WithoutMinusZero(a);
+    b = WithoutMinusZero(b);
     const double exponentA = 1.0 / a;
     const double exponentB = 1.0 / b;
     double u = 0.0;

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cctype>
 #include <climits>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <iterator>
@@ -190,6 +191,35 @@ TYPED_TEST(CuratorUnitTest, WorksThroughItsBaseClass) {
     EXPECT_GT(at8, 0.0);
     const TestClock::Frozen clock(8 * 3600 + 60);
     EXPECT_EQ(unit->GetScore(), at8);
+}
+
+TYPED_TEST(CuratorUnitTest, ACopyGoesOnIndependently) {
+    const TimeZone zone("UTC");
+    Open<TypeParam> original("unit");
+    original.m_strMetaData = "meta";
+    original.m_strMetaDataSrc = "source";
+    original.LearnHistory(Usage(kMonday20h, 100), 1.0);
+    const double score = original.GetScore(kMonday, 20);
+
+    Open<TypeParam> copy(original);
+    Open<TypeParam> assigned("another unit");
+    assigned.LearnHistory(Usage(kMonday20h, 900), 1.0);
+    assigned = original;
+    Open<TypeParam>& self = assigned;
+    assigned = self;
+    original.m_strMetaData = "new meta";
+    original.m_strMetaDataSrc = "new source";
+    original.LearnHistory(Usage(kMonday20h + 7, 7), 1.0);
+    for (Open<TypeParam>* unit : {&copy, &assigned}) {
+        EXPECT_EQ(unit->m_strUnitId, "unit");
+        EXPECT_EQ(unit->m_strMetaData, "meta");
+        EXPECT_EQ(unit->m_strMetaDataSrc, "source");
+        EXPECT_EQ(unit->GetScore(kMonday, 20), score);
+    }
+    copy.LearnHistory(Usage(kMonday20h + 7, 7), 1.0);
+    EXPECT_EQ(copy.GetScore(kMonday, 20), original.GetScore(kMonday, 20));
+    EXPECT_NE(copy.GetScore(kMonday, 20), score);
+    EXPECT_EQ(assigned.GetScore(kMonday, 20), score);
 }
 
 // MRU and MFU units.
@@ -420,6 +450,43 @@ TEST(CuratorDateUnitTest, LearnsStartsUpToTheEndOf32BitTime) {
          kIsTimeShort ? Parts{{kTuesday, 8, 1000}} : Parts{{kTuesday, 8, 953}, {kTuesday, 9, 47}}},
     };
     ExpectSplits(rows);
+}
+
+TEST(CuratorDateUnitTest, ACopyHasAllSumsAndWeights) {
+    const TimeZone zone("UTC");
+    OpenDateUnit original;
+    original.LearnHistory(Usage(kMonday20h, 9000), 1.0);
+    original.m_dWeight[3] = 12.0;
+    OpenDateUnit copy(original);
+    OpenDateUnit assigned;
+    assigned = original;
+    const Sums sums = original.Read();
+    original.LearnHistory(Usage(kMonday20h, 9000), 1.0);
+    for (const OpenDateUnit* unit : {&copy, &assigned}) {
+        EXPECT_EQ(unit->Read(), sums);
+        EXPECT_EQ(std::vector<double>(std::begin(unit->m_dWeight), std::end(unit->m_dWeight)),
+                  (std::vector<double>{0.1, 1.0, 6.0, 12.0}));
+    }
+}
+
+TEST(CuratorDateUnitTest, FollowsAChangeOfTheZoneWithoutAnAgent) {
+    // The host changes TZ without calling tzset().
+    const TimeZone before("UTC");
+    OpenDateUnit unit;
+    Sums expected;
+    const auto learnIn = [&](const char* zone, int day, int hour) {
+        setenv("TZ", zone, /*overwrite=*/1);
+        unit.LearnHistory(Usage(kMonday20h, 60), 1.0);
+        tm piece{};
+        piece.tm_wday = day;
+        piece.tm_hour = hour;
+        expected.Add(piece, 60.0);
+        EXPECT_EQ(unit.Read(), expected) << zone;
+    };
+    learnIn("UTC", kMonday, 20);
+    learnIn("Asia/Kolkata", kTuesday, 1);
+    learnIn("America/New_York", kMonday, 15);
+    learnIn("UTC", kMonday, 20);
 }
 
 TEST(CuratorDateUnitTest, AccumulatesRecords) {

@@ -12,6 +12,7 @@
 #include <initializer_list>
 #include <limits>
 #include <random>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -55,6 +56,91 @@ private:
     std::vector<double> m_uniforms;
     std::size_t m_taken = 0;
 };
+
+/// A source that draws from the library's generator and throws after a bound: a loop that never ends becomes a failure.
+class BoundedSource {
+public:
+    explicit BoundedSource(unsigned int seed) : m_state(seed) {}
+
+    std::uint64_t operator()() {
+        constexpr int kMostDraws = 10000;
+        if (++m_draws > kMostDraws) {
+            throw std::runtime_error("no value was accepted");
+        }
+        return RandR(m_state)();
+    }
+
+private:
+    unsigned int m_state;
+    int m_draws = 0;
+};
+
+/// Parameters at which a method, its arithmetic or its comparisons change.
+const std::vector<double>& EdgeParameters() {
+    constexpr double kInfinity = std::numeric_limits<double>::infinity();
+    constexpr double kLargestDouble = std::numeric_limits<double>::max();
+    static const std::vector<double> parameters = [] {
+        std::vector<double> values = {0.0,
+                                      std::numeric_limits<double>::denorm_min(),
+                                      1e-320,
+                                      3.8e-309,
+                                      3.9e-309,
+                                      5.5e-309,
+                                      5.7e-309,
+                                      std::numeric_limits<double>::min(),
+                                      1.1e-307,
+                                      1.2e-307,
+                                      1e-300,
+                                      1e-100,
+                                      1e-30,
+                                      1e-17,
+                                      1e-16,
+                                      1e-8,
+                                      1e-5,
+                                      9.3e-4,
+                                      9.31e-4,
+                                      0.001,
+                                      0.0267,
+                                      0.03,
+                                      0.1,
+                                      1.0 / 3.0,
+                                      0.5,
+                                      std::nextafter(0.5, 0.0),
+                                      std::nextafter(0.5, 1.0),
+                                      0.7,
+                                      0.9999,
+                                      std::nextafter(1.0, 0.0),
+                                      1.0,
+                                      std::nextafter(1.0, 2.0),
+                                      1.0001,
+                                      4.0 / 3.0,
+                                      1.5,
+                                      2.0,
+                                      10.0,
+                                      1e3,
+                                      1e6,
+                                      1e15,
+                                      9007199254740992.0,
+                                      9007199254740994.0,
+                                      1e17,
+                                      1e30,
+                                      1e154,
+                                      1e155,
+                                      1e300,
+                                      1e307,
+                                      kLargestDouble / 9.0,
+                                      kLargestDouble / 2.0,
+                                      kLargestDouble,
+                                      kInfinity,
+                                      kNotANumber};
+        const std::size_t count = values.size();
+        for (std::size_t i = 0; i < count; ++i) {
+            values.push_back(-values[i]);
+        }
+        return values;
+    }();
+    return parameters;
+}
 
 /// The uniform variate from two draws of all ones.
 constexpr double kHighest = 0.5 - (0x1p-27 - 0x1p-28) - 0x1p-53;
@@ -343,6 +429,93 @@ TEST_F(RandomSamplingTest, BetaOfInvalidParametersIsNaN) {
     for (const auto& row : rows) {
         EXPECT_TRUE(std::isnan(RandomBeta(row.a, row.b))) << row.a << " " << row.b;
     }
+}
+
+TEST_F(RandomSamplingTest, MinusZeroIsZero) {
+    EXPECT_EQ(StandardGamma(-0.0), 0.0);
+    const double others[] = {0.5, 1.0, 2.0};
+    for (const double other : others) {
+        for (const unsigned int seed : {1U, 99U}) {
+            RandState::Set(seed);
+            const double first = RandomBeta(0.0, other);
+            const double second = RandomBeta(other, 0.0);
+            const unsigned int end = RandState::Get();
+            RandState::Set(seed);
+            EXPECT_EQ(RandomBeta(-0.0, other), first) << other;
+            EXPECT_EQ(RandomBeta(other, -0.0), second) << other;
+            EXPECT_EQ(RandState::Get(), end) << other;
+        }
+    }
+    EXPECT_TRUE(std::isnan(RandomBeta(-0.0, -0.0)));
+    EXPECT_TRUE(std::isnan(RandomBeta(-0.0, 0.0)));
+}
+
+TEST_F(RandomSamplingTest, GammaEndsAsStatedForAnyShape) {
+    for (const double shape : EdgeParameters()) {
+        for (unsigned int seed = 0; seed < 300; ++seed) {
+            BoundedSource draw(seed * 14316557U + 1U);
+            const double gamma = Variates::Gamma(draw, shape);
+            ASSERT_EQ(std::isnan(gamma), std::isnan(shape) || shape < 0.0) << shape;
+            ASSERT_EQ(std::isinf(gamma), std::isinf(shape) && shape > 0.0) << shape;
+            if (shape >= 0.0 && shape <= 0.00093) {
+                ASSERT_EQ(gamma, 0.0) << shape;
+            } else if (shape > 0.0267) {
+                ASSERT_GT(gamma, 0.0) << shape;
+            }
+        }
+    }
+}
+
+/// What the header promises of a beta variate.
+bool IsPromised(double a, double b, double beta) {
+    const bool isValid = a >= 0.0 && b >= 0.0;
+    const bool isNaN = !isValid || std::isinf(a) || std::max(a, b) < 3.8e-309;
+    const bool mayBeNaN = isNaN || std::max(a, b) < 1.2e-307;
+    if (std::isnan(beta)) {
+        return mayBeNaN;
+    }
+    const bool isZero = a == 0.0 || std::isinf(b) || std::isinf(a + b);
+    return !isNaN && beta >= 0.0 && beta <= 1.0 && (!isZero || beta == 0.0);
+}
+
+TEST_F(RandomSamplingTest, BetaEndsAsStatedForAnyParameters) {
+    for (const double a : EdgeParameters()) {
+        for (const double b : EdgeParameters()) {
+            for (unsigned int seed = 0; seed < 30; ++seed) {
+                BoundedSource draw(seed * 143165577U + 1U);
+                const double beta = Variates::Beta(draw, a, b);
+                ASSERT_TRUE(IsPromised(a, b, beta)) << a << " " << b << ": " << beta;
+            }
+        }
+    }
+}
+
+TEST_F(RandomSamplingTest, VariatesEndAsStatedForRandomParameters) {
+    std::mt19937_64 random(12);
+    for (int round = 0; round < 100000; ++round) {
+        double parameters[2];
+        for (double& parameter : parameters) {
+            const std::uint64_t bits = random() >> (round % 3);  // small exponents, and the other half
+            std::memcpy(&parameter, &bits, sizeof(parameter));
+        }
+        BoundedSource draw(static_cast<unsigned int>(random()));
+        const double beta = Variates::Beta(draw, parameters[0], parameters[1]);
+        ASSERT_TRUE(IsPromised(parameters[0], parameters[1], beta)) << parameters[0] << " " << parameters[1];
+        const double gamma = Variates::Gamma(draw, parameters[0]);
+        ASSERT_EQ(std::isnan(gamma), !(parameters[0] >= 0.0)) << parameters[0];
+    }
+}
+
+TEST_F(RandomSamplingTest, UniformVariatesEndWhereStated) {
+#ifdef __GLIBC__
+    // The states before the lowest and the highest variate of all 2^32 states.
+    RandState::Set(102081559);
+    EXPECT_EQ(RandomDouble(), 20031234 * 0x1p-53);
+    EXPECT_GT(20031234 * 0x1p-53, 2.2e-9);
+    RandState::Set(86179032);
+    EXPECT_EQ(RandomDouble(), 4503599586336602 * 0x1p-53);
+    EXPECT_LT(4503599586336602 * 0x1p-53, 0.4999999955);
+#endif
 }
 
 TEST(MinimalStandardEngineTest, MatchesGenerateCanonical) {

@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <ctime>
 #include <functional>
+#include <iterator>
 #include <limits>
 #include <memory>
 #include <random>
@@ -56,8 +57,18 @@ public:
     using KalmanFilterAgent::m_vecVariance;
 };
 
-using SeenEpsilonGreedy = Seen<EpsilonGreedyAgent>;
-using SeenSoftmax = Seen<SoftmaxAgent>;
+class SeenEpsilonGreedy : public Seen<EpsilonGreedyAgent> {
+public:
+    using Seen<EpsilonGreedyAgent>::Seen;
+    using EpsilonGreedyAgent::m_dEpsilon;
+};
+
+class SeenSoftmax : public Seen<SoftmaxAgent> {
+public:
+    using Seen<SoftmaxAgent>::Seen;
+    using SoftmaxAgent::m_dTemperature;
+};
+
 using SeenMFU = Seen<MFUAgent>;
 
 /// The draw at a fraction of the largest one.
@@ -214,6 +225,86 @@ TEST_F(ReinforcementLearningAgentTest, StoresConstructorParameters) {
     EXPECT_EQ(kalman.m_dInitialVariance, 4.0);
 }
 
+template <class Agent>
+void ExpectCopiesGoOnIndependently(const Agent& fresh) {
+    Agent original = fresh;
+    for (int update = 0; update < 300; ++update) {
+        original.UpdateQ(2, 1);
+    }
+    Agent copy(original);
+    Agent assigned = fresh;
+    assigned.UpdateQ(0, 5);
+    assigned = original;
+    Agent& self = assigned;
+    assigned = self;
+    const std::vector<int> count = original.m_vecCount;
+    const std::vector<double> q = original.m_vecQ;
+    original.UpdateQ(1, 7);
+    for (const Agent* agent : {&copy, &assigned}) {
+        EXPECT_EQ(agent->m_nActions, 3);
+        EXPECT_EQ(agent->m_vecCount, count);
+        EXPECT_EQ(agent->m_vecQ, q);
+    }
+    copy.UpdateQ(1, 7);
+    EXPECT_EQ(copy.m_vecQ, original.m_vecQ);
+    EXPECT_EQ(assigned.m_vecQ, q);
+    RandState::Set(7);
+    const int choice = copy.ChooseAction();
+    RandState::Set(7);
+    EXPECT_EQ(original.ChooseAction(), choice);
+}
+
+TEST_F(ReinforcementLearningAgentTest, CopiesGoOnIndependently) {
+    ExpectCopiesGoOnIndependently(SeenEpsilonGreedy(3, 0.0));
+    ExpectCopiesGoOnIndependently(SeenSoftmax(3, 0.1));
+    ExpectCopiesGoOnIndependently(SeenMFU(3));
+    ExpectCopiesGoOnIndependently(SeenThomson(3, 1.0, 1.0));
+    ExpectCopiesGoOnIndependently(SeenKalman(3, 1.0, 1.0, 0.0, 1.0));
+}
+
+TEST_F(ReinforcementLearningAgentTest, AssignmentChangesTheNumberOfActions) {
+    SeenThomson thomson(2, 1.0, 1.0);
+    thomson = SeenThomson(5, 1.0, 1.0);
+    thomson.UpdateQ(4, 1);
+    EXPECT_EQ(thomson.m_nActions, 5);
+    EXPECT_EQ(thomson.m_vecSuccess, (std::vector<int>{0, 0, 0, 0, 1}));
+    thomson = SeenThomson(1, 1.0, 1.0);
+    EXPECT_EQ(thomson.m_vecFailure, std::vector<int>{0});
+    EXPECT_EQ(thomson.m_vecQ, std::vector<double>{0.0});
+}
+
+TEST_F(ReinforcementLearningAgentTest, CopiesHaveTheParametersOfTheirClass) {
+    SeenEpsilonGreedy greedy(2, 0.5);
+    greedy = SeenEpsilonGreedy(2, 0.25);
+    EXPECT_EQ(SeenEpsilonGreedy(greedy).m_dEpsilon, 0.25);
+    SeenSoftmax softmax(2, 0.5);
+    softmax = SeenSoftmax(2, 0.25);
+    EXPECT_EQ(SeenSoftmax(softmax).m_dTemperature, 0.25);
+    SeenThomson thomson(2, 1.0, 1.0);
+    SeenThomson other(2, 0.5, 1.5);
+    other.UpdateQ(0, 1);
+    other.UpdateQ(1, 0);
+    thomson = other;
+    for (const SeenThomson& agent : {thomson, SeenThomson(other)}) {
+        EXPECT_EQ(agent.m_dAlpha, 0.5);
+        EXPECT_EQ(agent.m_dBeta, 1.5);
+        EXPECT_EQ(agent.m_vecSuccess, (std::vector<int>{1, 0}));
+        EXPECT_EQ(agent.m_vecFailure, (std::vector<int>{0, 1}));
+    }
+    SeenKalman kalman(2, 9.0, 9.0, 9.0, 9.0);
+    SeenKalman learnt(2, 1.0, 2.0, 3.0, 4.0);
+    learnt.UpdateQ(1, 1);
+    kalman = learnt;
+    for (const SeenKalman& agent : {kalman, SeenKalman(learnt)}) {
+        EXPECT_EQ(agent.m_dObservationNoise, 1.0);
+        EXPECT_EQ(agent.m_dProcessNoise, 2.0);
+        EXPECT_EQ(agent.m_dInitialMean, 3.0);
+        EXPECT_EQ(agent.m_dInitialVariance, 4.0);
+        EXPECT_EQ(agent.m_vecMean, learnt.m_vecMean);
+        EXPECT_EQ(agent.m_vecVariance, learnt.m_vecVariance);
+    }
+}
+
 // Epsilon-greedy.
 
 TEST_F(ReinforcementLearningAgentTest, EpsilonGreedyMatchesRecordedRuns) {
@@ -264,6 +355,48 @@ TEST_F(ReinforcementLearningAgentTest, EpsilonGreedyChoosesTheLowestOfEqualMeans
     SeenEpsilonGreedy agent(4, 0.0);
     agent.m_vecQ = {1.0, 2.5, 2.5, 0.0};
     EXPECT_EQ(agent.ChooseAction(), 1);
+}
+
+/// The stated steps of a choice, one after the other.
+int ChooseBySteps(const std::vector<double>& q, double epsilon, int draw, int exploringDraw) {
+    const int explored = exploringDraw % static_cast<int>(q.size());
+    const double r = draw / 2147483647.0;
+    if (epsilon > r) {
+        return explored;
+    }
+    int best = 0;
+    double highest = q[0];
+    for (std::size_t i = 1; i < q.size(); ++i) {
+        if (q[i] > highest) {
+            best = static_cast<int>(i);
+            highest = q[i];
+        }
+    }
+    if (highest <= kTenMillionth) {
+        return explored;
+    }
+    return best;
+}
+
+TEST_F(ReinforcementLearningAgentTest, EpsilonGreedyFollowsTheStepsForAnyMeans) {
+    const double infinity = std::numeric_limits<double>::infinity();
+    const double nan = std::numeric_limits<double>::quiet_NaN();
+    const double values[] = {nan, -nan, infinity,      -infinity,
+                             0.0, -0.0, kTenMillionth, std::nextafter(kTenMillionth, 1.0),
+                             1.0, -1.0, 1e-320,        2.0};
+    const double epsilons[] = {0.0, 0.5, 1.0, -1.0, 2.0, nan, infinity, -infinity};
+    std::mt19937 random(5);
+    for (int round = 0; round < 20000; ++round) {
+        SeenEpsilonGreedy agent(1 + static_cast<int>(random() % 6), epsilons[random() % std::size(epsilons)]);
+        for (double& q : agent.m_vecQ) {
+            q = values[random() % std::size(values)];
+        }
+        const int draw = static_cast<int>(random() >> 1);
+        const int exploringDraw = static_cast<int>(random() >> 1);
+        RandState::Feed({draw, exploringDraw});
+        ASSERT_EQ(agent.ChooseAction(), ChooseBySteps(agent.m_vecQ, agent.m_dEpsilon, draw, exploringDraw))
+            << ::testing::PrintToString(agent.m_vecQ) << ", epsilon " << agent.m_dEpsilon << ", draw " << draw;
+    }
 }
 
 // Softmax.
