@@ -13,7 +13,8 @@
 ///
 /// **Ownership.** The caller owns the mutex, which must outlive the lock.
 /// **Threads.** Any. A `GMutex` is not recursive: a thread that locks a mutex it already holds blocks for ever.
-/// **Errors.** None. The pointer is not checked.
+/// **Errors.** None. The pointer is not checked. Locking needs no memory: on Linux a `GMutex` is a futex. Where GLib
+/// has to allocate a mutex, it aborts the process when memory runs out.
 /// @ingroup base
 class LUMORA_API ContextAutoLock {
 public:

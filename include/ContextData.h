@@ -28,6 +28,12 @@
 /// slightly between its versions, for example in whether a whole number is a double. Misuse fails as in jsoncpp, with
 /// an assertion or an exception that is not caught: a key on an array or a scalar, an index on an object, Clear() of a
 /// scalar, a conversion that is not possible. jsoncpp 1.9.5 throws `Json::LogicError` for all of these.
+///
+/// When memory runs out, `std::bad_alloc` passes through, or from jsoncpp `Json::RuntimeError`, for the texts that it
+/// allocates with `malloc`. Clear() and GetValue() without a key need no memory. The document stays valid and usable.
+/// Members keep their values, except that the content after MakeData() is unspecified, and that a member that was
+/// absent or null may remain as a null or as an array of nulls. Nothing leaks, except in jsoncpp 1.9.5: when copying a
+/// value with comments fails, the part that was copied is never freed. Comments come from MakeData().
 /// **Limits.** jsoncpp 1.9.5 parses at most 1000 levels of nesting, where a scalar counts as a level; for deeper text
 /// MakeData() throws `Json::RuntimeError`. Catch it if the text comes from outside. MakeStr() has no limit and recurses
 /// once per level: on a PC a document of 100 000 levels, which only code can build, overflows the stack.
@@ -79,13 +85,13 @@ public:
     bool Clear();
 
     /// Parses JSON text into the target. Comments are allowed, and text after the first value is ignored. After a
-    /// failure or an exception the content is unspecified.
+    /// failure or an exception the content is unspecified; MakeData() may be called again.
     /// @param text  zero-terminated JSON text. Null logs the error "input is null" and changes nothing.
     /// @return whether parsing succeeded. An owning document logs a failure as "m_reader paring error: [%p]=> %s"; a
     ///         view does not log it.
     bool MakeData(const char* text);
 
-    /// Writes the target as compact JSON on one line that ends with a line feed.
+    /// Writes the target as compact JSON on one line that ends with a line feed. After an exception the text is empty.
     /// @return the text, owned by this document and valid until its next MakeStr(), an assignment to it or its
     ///         destruction.
     const char* MakeStr();

@@ -7,7 +7,8 @@
 /// A test for symbolic links, a flush of all file systems, and a whole-file copy.
 ///
 /// **Threads.** Static functions without state: any thread.
-/// **Errors.** Nothing is logged. Sync() and Copy() do not report failures.
+/// **Errors.** Nothing is logged or thrown. Sync() and Copy() do not report failures. No function needs memory of the
+/// heap.
 /// @ingroup base
 class LUMORA_API ContextFileUtil {
 public:
@@ -26,9 +27,16 @@ public:
 
     /// Copies the bytes of one file into another, which is created or emptied first.
     ///
-    /// Failures are not reported. The destination is opened even when the source cannot be opened, so a missing source
-    /// leaves an empty destination. Copying a file onto itself empties it. A null path counts as one that cannot be
-    /// opened. Permissions and times are not copied.
+    /// Failures are not reported; compare the files to find out. What the destination then holds:
+    /// - **The source cannot be opened**, because it is missing, unreadable or null: the destination is created or
+    ///   emptied all the same.
+    /// - **The kernel has no memory** to open the source: the destination is not touched.
+    /// - **The destination cannot be opened**, or is null: it stays as it was.
+    /// - **Reading or writing fails**, for example on a full disk: the bytes copied so far. A folder as source gives an
+    ///   empty destination.
+    /// - **Both are the same file**, by name or through a link: it is emptied.
+    ///
+    /// A signal does not interrupt the copy. Permissions and times are not copied, and nothing is synced to storage.
     static void Copy(const char* source, const char* destination);
 };
 

@@ -15,7 +15,7 @@
 /// **Threads.** All operations except construction and destruction may be called from any thread at any time. Each
 /// holds the object's mutex for its whole body.
 /// **Errors.** SetData() logs a rejected argument. Without memory SetData() leaves the object empty and GetData()
-/// returns null; neither logs it.
+/// returns null; neither logs it. The other operations need no memory, and none throws. The object stays usable.
 /// @ingroup base
 class LUMORA_API ContextLockData {
 public:
@@ -31,7 +31,8 @@ public:
     /// Replaces the held string with a copy of `str`.
     ///
     /// A null or empty `str` is rejected and logs the error "ContextLockData --> SetData Error". The old string is
-    /// released before the argument is checked, so a rejected argument empties the object.
+    /// released before the argument is checked, so a rejected argument empties the object. So does a copy that fails
+    /// for want of memory; IsEmpty() tells, unless another thread sets the string meanwhile.
     void SetData(const char* str);
 
     /// Copies the held string.

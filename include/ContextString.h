@@ -18,8 +18,13 @@
 /// unit 0x4100.
 /// **Threads.** Static functions without state: any thread, as long as no thread changes the time zone.
 /// **Errors.** Bad text throws only where documented; elsewhere it gives the result that the function states, mostly
-/// zero or a partial result. Only StringToUTC() and the 16-bit functions log. Without memory Unicode2Utf8() and
-/// TransStrExceptLF() fail as documented there; all other functions may throw `std::bad_alloc`.
+/// zero or a partial result. Only StringToUTC() and the 16-bit functions log.
+///
+/// Without memory Unicode2Utf8() and TransStrExceptLF() fail as documented there; all other functions may throw
+/// `std::bad_alloc`. A function that fails changes none of its arguments, except that Unicode2Utf8() may have filled a
+/// part of its destination, and it leaks nothing. The C library reads the time zone's file at the first use of the
+/// zone; **without memory it silently takes UTC**, and keeps it until `TZ` changes. Call `tzset(3)` when the process
+/// starts.
 /// @ingroup base
 class LUMORA_API ContextString {
 public:
@@ -36,10 +41,12 @@ public:
     static unsigned long long string2ull(const std::string& text);
 
     /// Parses a decimal number as an input stream does: skips leading white space and ignores text after the number.
+    /// The global C++ locale decides how digits may be grouped; by default they may not.
     /// @return the number; 0 when the text does not start with one; the largest or smallest `int` when it does not fit.
     static int string2int(const std::string& text);
 
-    /// Parses a floating point number as an input stream does.
+    /// Parses a floating point number as an input stream does, with the decimal point of the global C++ locale: by
+    /// default a point.
     /// @return the number; 0.0 whenever the stream fails: on text that does not start with a number, on a number out of
     ///         range, and on an exponent without digits ("3em").
     static double string2double(const std::string& text);
@@ -64,7 +71,7 @@ public:
     /// adds no empty token.
     /// @param text       the text to split; may be an element of `tokens`.
     /// @param delimiter  the character between two tokens.
-    /// @param tokens     the tokens are appended.
+    /// @param tokens     the tokens are appended: all, or none when memory runs out.
     /// @return the size of `tokens` afterwards.
     static int SplitStringToken(const std::string& text, char delimiter, std::vector<std::string>& tokens);
 
@@ -169,12 +176,15 @@ public:
     ///              warning "new uint16_t[nLen] failed!" is logged.
     static void TransStrExceptLF(unsigned short* text);
 
-    /// Removes the line breaks of 16-bit text, as TransStrExceptLF() does, and converts the text to UTF-8.
+    /// Removes the line breaks of 16-bit text, as TransStrExceptLF() does but without a scratch array, and converts the
+    /// text to UTF-8.
     /// @param text  only the part before its first zero unit is returned, but the units after it must be valid too. At
     ///              most 2^30 - 1 units.
-    /// @return the text; empty for an empty text, without memory for the conversion, and for text that is not valid
-    ///         UTF-16, for example with half a surrogate pair at the end. Invalid text logs "convert name failed" after
-    ///         the message of Unicode2Utf8().
+    /// @return the text; empty for an empty text, and without memory for its two buffers, which is not logged. Also
+    ///         empty when Unicode2Utf8() fails: it cannot open the converter, or the text is not valid UTF-16, for
+    ///         example with half a surrogate pair at the end. "convert name failed" is logged then, after the message
+    ///         of Unicode2Utf8().
+    /// @throws std::bad_alloc without memory for the copies of the argument or of the result.
     static std::string Twstring2String(std::basic_string<unsigned short> text);
 
     /// @}

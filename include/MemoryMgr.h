@@ -38,8 +38,8 @@ static_assert(sizeof(TMemHeader) == 64 && offsetof(TMemHeader, nBlockHigh) == 50
 /// the memory before it was overrun. Release() makes the same comparison. The file name up to its terminator, the line
 /// and the size are compared; the block pointer is not.
 ///
-/// **Limits.** At most 1000 blocks are tracked at a time; further blocks are plain heap blocks without a header. The
-/// totals have 32 bits and wrap around.
+/// **Limits.** At most 1000 blocks are tracked at a time; further blocks are plain heap blocks without a header, 64
+/// bytes longer than requested. The totals have 32 bits and wrap around.
 /// **Ownership.** The host owns the manager. The destructor sets the instance to null, even if it is another manager;
 /// it neither stops the checker nor frees a block. Call Stop() first, which takes up to 2 seconds. Release every
 /// tracked block while its manager is the instance: afterwards Release() would wrongly pass it to `free` as a plain
@@ -47,7 +47,9 @@ static_assert(sizeof(TMemHeader) == 64 && offsetof(TMemHeader, nBlockHigh) == 50
 /// **Threads.** Allocate(), Release() and GetInstance() may be called from any thread. Allocate(), Release() and the
 /// checker hold one process-wide mutex. SetInstance() and the destructor take no lock and must not run at the same time
 /// as Allocate(), Release() or the checker.
-/// **Errors.** Damage is logged as info; nothing is repaired.
+/// **Errors.** Damage is logged as info; nothing is repaired. Only Allocate() needs memory of the heap, one block for
+/// each call; without it, nothing is counted and null is returned. Nothing is thrown. Start() is ContextThread's, and
+/// GLib aborts the process when it cannot create the thread.
 class LUMORA_API CMemoryManager : public ContextThread {
 public:
     /// Creates a manager that tracks nothing and is not the instance.

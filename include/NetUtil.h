@@ -24,7 +24,9 @@ namespace Network {
 /// **Signals.** The first send to a peer that has closed usually succeeds; a later one raises **SIGPIPE**, which ends
 /// the process unless the host ignores it. A system call that fails with `EINTR` counts as failed and is not retried.
 /// **Errors.** Reported by return value, except by GetReply(), and logged where a function says so. After a failure the
-/// stream may be in the middle of a frame: close it.
+/// stream may be in the middle of a frame: close it. Only GetReply(), SendData() for its replies, and SendStringData()
+/// need memory of the heap. When the kernel has no memory, the system call fails, and the function reports that. No
+/// descriptor is leaked.
 /// @ingroup network
 class LUMORA_API NetUtil {
 public:
@@ -61,7 +63,8 @@ public:
     static bool SendData(int fd, const char* text, int replyCount);
 
     /// Receives one frame with a payload of at most kMaxReplySize bytes and discards it. Logs "Error getting a message"
-    /// when receiving fails, the payload is longer, or no memory is left.
+    /// when receiving fails, the payload is longer, or no memory is left for a buffer of kMaxReplySize + 1 bytes;
+    /// without memory, nothing is read.
     static void GetReply(int fd);
 
     /// Receives a frame as GetReply(int) does, but logs the debug line "%s [%d] : %s" with the label, the length and
@@ -79,6 +82,7 @@ public:
     /// Sends a text and a line feed.
     /// @param fd    the socket.
     /// @param text  the text. Null throws `std::logic_error`.
+    /// @throws std::bad_alloc without memory for a copy of the text; nothing is sent then.
     static bool SendStringData(int fd, const char* text);
 
     /// Sends bytes.

@@ -37,8 +37,12 @@ enum ELumoraLogPriority : int {
 /// @param priority  one of ::ELumoraLogPriority.
 /// @param tag       the name of the module that logs; never null.
 /// @param format    a printf format for the arguments that follow.
+/// **Errors.** The default definition neither throws nor changes `errno`. Without memory it still writes texts of up to
+/// 511 bytes, and the first 511 bytes of longer ones. glibc's `syslog(3)` needs memory too for texts of about 1000
+/// bytes or more; without it, it writes "out of memory" instead.
+///
 /// @return the length of the formatted text in bytes, or a negative value when it could not be formatted; the library
-///         ignores it. The default definition leaves `errno` unchanged.
+///         ignores it.
 extern "C" LUMORA_API int lumora_log_print(int buffer, int priority, const char* tag, const char* format, ...)
     __attribute__((format(printf, 4, 5)));
 

@@ -96,6 +96,7 @@ bool ContextData::MakeData(const char* text) {
 }
 
 const char* ContextData::MakeStr() {
+    m_strJson.clear();  // no text of an earlier call is left if the writer throws
     Json::FastWriter writer;
     m_strJson = writer.write(Target_());
     m_strJson.resize(std::strlen(m_strJson.c_str()));

@@ -9,6 +9,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
+#include <iterator>
 #include <memory>
 #include <new>
 #include <sstream>
@@ -32,6 +33,16 @@ std::string PadToTwo(long long field) {
     return text;
 }
 
+/// Reads a number as an input stream does.
+/// @return false when the stream fails; `number` is then what the stream leaves.
+template <class Number>
+bool Extract(const std::string& text, Number& number) {
+    std::istringstream stream(text);
+    stream.exceptions(std::ios::badbit);  // by default a stream swallows std::bad_alloc
+    stream >> number;
+    return !stream.fail();
+}
+
 bool IsLineBreak(unsigned short unit) {
     return unit == htobe16(0x000A) || unit == htobe16(0x000D);
 }
@@ -44,6 +55,13 @@ bool HasLineBreak(const std::basic_string<unsigned short>& text) {
         hasLineBreak = static_cast<unsigned short>(hasLineBreak | static_cast<unsigned short>(IsLineBreak(unit)));
     }
     return hasLineBreak != 0;
+}
+
+/// Removes the line breaks of a text that ends with a zero unit. Needs no memory. The units between the new end and the
+/// old one become zero, so that no half of a surrogate pair is left there.
+void RemoveLineBreaks(unsigned short* text) {
+    unsigned short* const end = text + std::char_traits<unsigned short>::length(text);
+    std::fill(std::remove_if(text, end, IsLineBreak), end, static_cast<unsigned short>(0));
 }
 
 /// A converter from UTF-16BE to UTF-8, closed at the end of its scope.
@@ -80,15 +98,13 @@ unsigned long long ContextString::string2ull(const std::string& text) {
 
 int ContextString::string2int(const std::string& text) {
     int number = 0;
-    std::istringstream(text) >> number;
+    Extract(text, number);
     return number;
 }
 
 double ContextString::string2double(const std::string& text) {
     double number = 0.0;
-    std::istringstream stream(text);
-    stream >> number;
-    return stream.fail() ? 0.0 : number;
+    return Extract(text, number) ? number : 0.0;
 }
 
 void ContextString::Trim(std::string& text) {
@@ -125,18 +141,14 @@ std::vector<std::string> ContextString::to_word_vector(const std::string& text, 
 }
 
 int ContextString::SplitStringToken(const std::string& text, char delimiter, std::vector<std::string>& tokens) {
-    // NOLINTNEXTLINE(performance-unnecessary-copy-initialization): the text may be an element of the vector that grows
-    const std::string source(text);
+    std::vector<std::string> added;  // so that `tokens` changes only when the whole text is split
     std::string::size_type from = 0;
-    while (from < source.size()) {
-        const auto hit = source.find(delimiter, from);
-        if (hit == std::string::npos) {
-            tokens.emplace_back(source, from);
-            break;
-        }
-        tokens.emplace_back(source, from, hit - from);
+    while (from < text.size()) {
+        const auto hit = std::min(text.find(delimiter, from), text.size());
+        added.emplace_back(text, from, hit - from);
         from = hit + 1;
     }
+    tokens.insert(tokens.end(), std::make_move_iterator(added.begin()), std::make_move_iterator(added.end()));
     return static_cast<int>(tokens.size());
 }
 
@@ -250,7 +262,8 @@ void ContextString::TransStrExceptLF(unsigned short* text) {
         return;
     }
     const std::size_t length = std::char_traits<unsigned short>::length(text);
-    // Zeroed, so that no half of a surrogate pair is left between the new end of the text and the old one.
+    // A promise: without memory for the scratch array the text stays unchanged, and a warning is logged. Zeroed, so
+    // that no half of a surrogate pair is left between the new end of the text and the old one.
     const std::unique_ptr<unsigned short[]> kept(new (std::nothrow) unsigned short[length + 1]());
     if (kept == nullptr) {
         LMR_LOG_WARNING("new uint16_t[nLen] failed!");
@@ -276,7 +289,7 @@ std::string ContextString::Twstring2String(std::basic_string<unsigned short> tex
     }
     std::copy_n(text.c_str(), length + 1, units.get());
     if (HasLineBreak(text)) {
-        TransStrExceptLF(units.get());
+        RemoveLineBreaks(units.get());
     }
     // The size still counts the removed units, so the zeroed units after the new end are converted too.
     if (!Unicode2Utf8(utf8.get(), static_cast<unsigned int>(utf8Size), reinterpret_cast<char*>(units.get()),

@@ -91,12 +91,9 @@ void* CMemoryManager::Allocate(unsigned int size, const char* file, int line) {
     }
     void* block = static_cast<TMemHeader*>(whole) + 1;
     const TMemHeader* header = new (whole) TMemHeader(MakeHeader(file, line, size, block));
-    if (manager->AddMemory_(*header) == Added::Stored) {
-        return block;
-    }
-    // Release() does not find this block in the table and passes the pointer itself to free().
-    std::free(whole);
-    return std::malloc(size);
+    // Release() does not find an untracked block in the table and passes the pointer itself to free(), so it has no
+    // header. Its last 64 bytes stay unused: a second allocation could fail.
+    return manager->AddMemory_(*header) == Added::Stored ? block : whole;
 }
 
 void CMemoryManager::Release(void* pointer) {

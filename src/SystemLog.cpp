@@ -5,10 +5,14 @@
 
 #include <cerrno>
 #include <cstdarg>
+#include <cstddef>
 #include <cstdio>
-#include <cstdlib>
+#include <memory>
+#include <new>
 
 namespace {
+
+constexpr int kStackTextSize = 512;  ///< a shorter message is logged even when memory has run out
 
 int SyslogLevel(int priority) {
     switch (priority) {
@@ -29,13 +33,23 @@ int SyslogLevel(int priority) {
 __attribute__((weak)) int lumora_log_print(int /*buffer*/, int priority, const char* tag, const char* format, ...) {
     const int savedErrno = errno;
     va_list arguments;
+    va_list sameArguments;
     va_start(arguments, format);
-    char* text = nullptr;
-    const int length = vasprintf(&text, format, arguments);
+    va_copy(sameArguments, arguments);
+    char beginning[kStackTextSize];
+    const int length = vsnprintf(beginning, sizeof(beginning), format, arguments);
+    std::unique_ptr<char[]> whole;
+    if (length >= kStackTextSize) {
+        const std::size_t size = static_cast<std::size_t>(length) + 1;
+        whole.reset(new (std::nothrow) char[size]);
+        if (whole != nullptr) {
+            vsnprintf(whole.get(), size, format, sameArguments);
+        }
+    }
+    va_end(sameArguments);
     va_end(arguments);
     if (length >= 0) {
-        syslog(SyslogLevel(priority), "%s: %s", tag, text);
-        free(text);
+        syslog(SyslogLevel(priority), "%s: %s", tag, whole != nullptr ? whole.get() : beginning);
     }
     errno = savedErrno;
     return length;

@@ -3,27 +3,83 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
+#include <cstdarg>
 #include <cstring>
 #include <filesystem>
+#include <iterator>
 #include <string>
+#include <vector>
 
 #include "CapturedLog.h"
+#include "FailingMemory.h"
+#include "NextFunction.h"
 #include "Surroundings.h"
 
 namespace {
 
 int g_syncs = 0;
 
+/// The error numbers that the next calls of open64() fail with; 0 lets one succeed, and so does an empty list.
+std::vector<int> g_openErrors;
+
+/// The results of the next calls of read() and write(): -1 fails with EINTR, and another number limits the bytes that
+/// the call transfers. Without an entry, a call transfers everything.
+std::vector<ssize_t> g_transfers;
+
+/// @return the number of bytes that a call may transfer, or -1 when it must fail.
+ssize_t TakeTransfer(std::size_t size) {
+    if (g_transfers.empty()) {
+        return static_cast<ssize_t>(size);
+    }
+    const ssize_t most = g_transfers.front();
+    g_transfers.erase(g_transfers.begin());
+    errno = EINTR;
+    return std::min(most, static_cast<ssize_t>(size));
+}
+
 }  // namespace
 
-// Replaces the C library's sync(), for the library too.
+// Replace the C library's functions, for the library too.
+extern "C" int open64(const char* path, int flags, ...) {
+    va_list arguments;
+    va_start(arguments, flags);
+    const auto mode = va_arg(arguments, mode_t);
+    va_end(arguments);
+    if (!g_openErrors.empty()) {
+        const int error = g_openErrors.front();
+        g_openErrors.erase(g_openErrors.begin());
+        if (error != 0) {
+            errno = error;
+            return -1;
+        }
+    }
+    return NextFunction<int(const char*, int, ...)>("open64")(path, flags, mode);
+}
+
+extern "C" ssize_t read(int descriptor, void* buffer, std::size_t size) {
+    const ssize_t most = TakeTransfer(size);
+    return most < 0 ? -1
+                    : NextFunction<ssize_t(int, void*, std::size_t)>("read")(descriptor, buffer,
+                                                                             static_cast<std::size_t>(most));
+}
+
+extern "C" ssize_t write(int descriptor, const void* bytes, std::size_t size) {
+    const ssize_t most = TakeTransfer(size);
+    return most < 0 ? -1
+                    : NextFunction<ssize_t(int, const void*, std::size_t)>("write")(descriptor, bytes,
+                                                                                    static_cast<std::size_t>(most));
+}
+
 extern "C" void sync() noexcept {
     ++g_syncs;
 }
@@ -233,6 +289,66 @@ TEST_F(ContextFileUtilTest, TruncatesAFileThatIsCopiedOntoItself) {
     Copy(m_source, m_source);
     EXPECT_TRUE(fs::exists(m_source));
     EXPECT_EQ(ReadFile(m_source), "");
+}
+
+TEST_F(ContextFileUtilTest, CopiesWithoutMemory) {
+    const std::string content(100000, 'x');
+    WriteFile(m_source, content);
+    {
+        const FailingMemory::Scope noMemory;
+        ContextFileUtil::Copy(m_source.c_str(), m_destination.c_str());
+        EXPECT_FALSE(FailingMemory::Scope::HasFailed());
+    }
+    EXPECT_TRUE(ReadFile(m_destination) == content);
+}
+
+TEST_F(ContextFileUtilTest, KeepsTheDestinationWithoutKernelMemory) {
+    WriteFile(m_source, "content");
+    WriteFile(m_destination, "old");
+    g_openErrors = {ENOMEM};
+    Copy(m_source, m_destination);
+    EXPECT_TRUE(g_openErrors.empty());
+    EXPECT_EQ(ReadFile(m_destination), "old");
+    g_openErrors = {EACCES};
+    Copy(m_source, m_destination);
+    EXPECT_EQ(ReadFile(m_destination), "");
+}
+
+TEST_F(ContextFileUtilTest, CopiesOnWhenSignalsInterruptIt) {
+    WriteFile(m_source, "content");
+    g_openErrors = {EINTR, 0, EINTR};
+    g_transfers = {-1, 7, -1, 2, -1, 1};  // one read(), then write() in pieces
+    Copy(m_source, m_destination);
+    EXPECT_TRUE(g_openErrors.empty());
+    EXPECT_TRUE(g_transfers.empty());
+    EXPECT_EQ(ReadFile(m_destination), "content");
+}
+
+TEST_F(ContextFileUtilTest, KeepsTheBeginningWhenTheDiskIsFull) {
+    WriteFile(m_source, std::string(100000, 'x'));
+    rlimit before{};
+    ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &before), 0);
+    rlimit limit = before;
+    limit.rlim_cur = 10001;
+    signal(SIGXFSZ, SIG_IGN);
+    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &limit), 0);
+    Copy(m_source, m_destination);
+    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &before), 0);
+    signal(SIGXFSZ, SIG_DFL);
+    EXPECT_EQ(ReadFile(m_destination), std::string(10001, 'x'));
+}
+
+TEST_F(ContextFileUtilTest, LeavesNoDescriptorOpen) {
+    const auto count = [] { return std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator()); };
+    WriteFile(m_source, "content");
+    const auto before = count();
+    Copy(m_source, m_destination);
+    Copy(m_source, m_folder / "missing/destination");
+    Copy(m_folder / "missing", m_destination);
+    Copy(m_folder.Path(), m_destination);
+    Copy(m_source, m_source);
+    Copy(m_source, "/dev/full");
+    EXPECT_EQ(count(), before);
 }
 
 TEST_F(ContextFileUtilTest, FollowsLinksAtSourceAndDestination) {

@@ -12,6 +12,7 @@
 #include <string>
 
 #include "ContextData.h"
+#include "FailingMemory.h"
 
 // The only test program that keeps the library's default log call. It reads the datagrams sent to the system log.
 
@@ -86,6 +87,35 @@ TEST_F(SystemLogTest, PassesLongTextsAndPercentSignsUnchanged) {
     const std::string text = std::string(5000, 'x') + "%s%n";
     EXPECT_EQ(lumora_log_print(LUMORA_LOG_BUFFER_MAIN, LUMORA_LOG_INFO, "TAG", "%s", text.c_str()), 5004);
     EXPECT_TRUE(EndsWith(Receive(), ": TAG: " + text));
+}
+
+TEST_F(SystemLogTest, LogsShortTextsWithoutMemory) {
+    const std::string text(500, 'x');
+    int length = 0;
+    {
+        const FailingMemory::Scope noMemory;
+        length = lumora_log_print(LUMORA_LOG_BUFFER_MAIN, LUMORA_LOG_INFO, "TAG", "%s", text.c_str());
+    }
+    EXPECT_EQ(length, 500);
+    EXPECT_TRUE(EndsWith(Receive(), ": TAG: " + text));
+}
+
+TEST_F(SystemLogTest, LogsTheBeginningOfLongTextsWithoutMemory) {
+    const std::string text(5000, 'x');
+    FailingMemory::ForEveryAllocation([&](int allowed, int failures) {
+        int length = 0;
+        {
+            const FailingMemory::Scope scope(allowed, failures);
+            length = lumora_log_print(LUMORA_LOG_BUFFER_MAIN, LUMORA_LOG_INFO, "TAG", "%s", text.c_str());
+        }
+        const std::string datagram = Receive();
+        EXPECT_EQ(length, 5000);
+        if (allowed == 0 && FailingMemory::Scope::HasFailed()) {
+            EXPECT_TRUE(EndsWith(datagram, ": TAG: " + text.substr(0, 511))) << datagram;
+        } else {
+            EXPECT_NE(datagram, "");  // without memory, syslog() writes a text of its own
+        }
+    });
 }
 
 TEST_F(SystemLogTest, PreservesTheErrorNumber) {

@@ -1,0 +1,69 @@
+// SPDX-License-Identifier: Apache-2.0
+#ifndef LUMORA_COMMON_TESTS_FAILING_MEMORY_H
+#define LUMORA_COMMON_TESTS_FAILING_MEMORY_H
+
+#include <gtest/gtest.h>
+
+#include <climits>
+#include <string>
+
+/// Makes allocations fail, and counts the blocks that are not freed. A program that is linked with FailingMemory.cpp
+/// replaces `malloc`, `calloc`, `realloc`, `free` and `new`, for all libraries too.
+namespace FailingMemory {
+
+/// Makes allocations of the thread that created it fail, while it lives: the first `allowed` succeed, the next
+/// `failures` fail, later ones succeed again.
+class Scope {
+public:
+    explicit Scope(int allowed = 0, int failures = INT_MAX);
+    ~Scope();
+    Scope(const Scope&) = delete;
+    Scope& operator=(const Scope&) = delete;
+
+    /// @return true if an allocation has failed.
+    static bool HasFailed();
+};
+
+/// Lets the allocations of its thread succeed, while it lives, without counting them.
+class Pause {
+public:
+    Pause();
+    ~Pause();
+    Pause(const Pause&) = delete;
+    Pause& operator=(const Pause&) = delete;
+
+private:
+    int m_failures;
+};
+
+/// @return the number of blocks that this thread has allocated less those that it has freed. Under a sanitizer 0:
+/// LeakSanitizer finds blocks that are never freed.
+int BlocksInUse();
+
+/// Calls `test(allowed, failures)` again and again: first without a failure, then with the first allocation failing,
+/// then the second and so on, once and for good, until no allocation fails. `test` creates a Scope with its arguments
+/// around the call that it tests. Expects at least one failure, and that the calls of `test` free all blocks.
+/// @return the number of allocations that failed one by one.
+template <class Test>
+int ForEveryAllocation(Test test) {
+    test(INT_MAX, 0);  // fills the caches of the libraries
+    int count = 0;
+    for (const int failures : {1, INT_MAX}) {
+        bool hasFailed = true;
+        for (count = 0; hasFailed && count < 10000; ++count) {
+            SCOPED_TRACE("allocation " + std::to_string(count + 1) +
+                         (failures == 1 ? " fails" : " and later ones fail"));
+            const int before = BlocksInUse();
+            test(count, failures);
+            hasFailed = Scope::HasFailed();
+            EXPECT_EQ(BlocksInUse(), before) << "blocks not freed";
+        }
+        EXPECT_FALSE(hasFailed) << "allocations without end";
+        EXPECT_GT(--count, 0) << "no allocation failed";
+    }
+    return count;
+}
+
+}  // namespace FailingMemory
+
+#endif  // LUMORA_COMMON_TESTS_FAILING_MEMORY_H
