@@ -21,13 +21,15 @@ constexpr gulong kPollMicroseconds = 20000;
 // A failed write wipes the database, so these statements are written not to fail on a working disk: the table is
 // created only if it is missing, and a record that is already stored is ignored. Equal rows of one history differ in
 // their occurrence.
-constexpr const char* kCreateTable =
-    "CREATE TABLE IF NOT EXISTS usage (history TEXT, unit_id TEXT, unit_name TEXT, device_name TEXT, "
+constexpr const char* kTable =
+    "usage (history TEXT, unit_id TEXT, unit_name TEXT, device_name TEXT, "
     "start_time INTEGER, duration INTEGER, occurrence INTEGER, "
     "UNIQUE (start_time, unit_id, duration, occurrence, history, device_name, unit_name))";
 constexpr const char* kInsert = "INSERT OR IGNORE INTO usage VALUES (?, ?, ?, ?, ?, ?, ?)";
 // After each batch, its number is written to the file. The number is 0 in a file that is new or was reset.
 constexpr const char* kReadMark = "PRAGMA user_version";
+// Another program that reads the store may lock it for a moment.
+constexpr const char* kWaitForLocks = "PRAGMA busy_timeout = 5000";
 constexpr const char* kSelectBlock =
     "SELECT rowid, unit_id, unit_name, device_name, start_time, duration FROM usage "
     "WHERE (start_time, rowid) > (?, ?) ORDER BY start_time, rowid LIMIT ?";
@@ -35,10 +37,16 @@ constexpr const char* kSelectBlock =
 }  // namespace
 
 ContextHost::ContextHost(const std::string& databaseName)
-    : m_database(databaseName, kCreateTable, kFlushInterval), m_batchNumber(QueryNumber_(kReadMark)) {
+    : m_database(databaseName, std::string("CREATE TABLE IF NOT EXISTS ") + kTable, kFlushInterval),
+      m_batchNumber(QueryNumber_(kReadMark)) {
+    QueryNumber_(kWaitForLocks);
     if (m_batchNumber == 0) {
         WriteMark_(/*immediate=*/true);
     }
+}
+
+std::string ContextHost::TableText() {
+    return std::string("CREATE TABLE ") + kTable;
 }
 
 void ContextHost::BeginBatch() {
@@ -68,6 +76,11 @@ bool ContextHost::WaitForFlush(const std::function<void()>& onWait) {
 
 int ContextHost::CountRecords() {
     return QueryNumber_("SELECT COUNT(*) FROM usage");
+}
+
+std::string ContextHost::Version() {
+    // The second number changes with every change by another program, the first with ours: it only adds records.
+    return std::to_string(CountRecords()) + " " + std::to_string(QueryNumber_("PRAGMA data_version"));
 }
 
 void ContextHost::ForEachBlock(const std::function<void(const std::vector<CuratorBaseData>&)>& take) {

@@ -22,6 +22,9 @@ public:
     /// @param databaseName  a file name in the data directory.
     explicit ContextHost(const std::string& databaseName);
 
+    /// @return the statement by which SQLite remembers the table of a store.
+    static std::string TableText();
+
     bool IsOpen() const { return m_database.IsRunning(); }
 
     /// Encloses a batch: the records published between the two calls commit in one transaction.
@@ -37,6 +40,7 @@ public:
     bool HasEverythingArrived() { return m_arrivals.Check(); }
 
     int CountRecords() override;
+    std::string Version() override;
     void ForEachBlock(const std::function<void(const std::vector<CuratorBaseData>&)>& take) override;
 
     int AddInSubject(CBaseProvider* provider, const char* subject) override;

@@ -5,6 +5,8 @@
 #include <cstdio>
 #include <string>
 
+#include "Terminal.h"
+
 /// The exit statuses of context-host, as --help and the man page list them.
 enum ExitStatus {
     EXIT_OK = 0,
@@ -16,13 +18,14 @@ enum ExitStatus {
     EXIT_NO_PORT = 6,
     EXIT_NO_PAGE = 7,
     EXIT_NO_OUTPUT = 8,
+    EXIT_FAILED = 9,
     EXIT_INTERRUPTED = 130,
 };
 
-/// Prints an error message for the user.
+/// Prints an error message for the user. File names and fields in it may contain anything, so it is escaped.
 /// @return `status`, so that the caller can return it.
 inline ExitStatus Complain(ExitStatus status, const std::string& message) {
-    std::fprintf(stderr, "context-host: %s\n", message.c_str());
+    std::fprintf(stderr, "context-host: %s\n", Terminal::Escaped(message).c_str());
     return status;
 }
 

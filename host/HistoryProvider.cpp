@@ -2,12 +2,17 @@
 #include "HistoryProvider.h"
 
 #include <ContextData.h>
-#include <ContextString.h>
 #include <csv.h>
+#include <fcntl.h>
 #include <glib.h>
+#include <poll.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <charconv>
+#include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <memory>
@@ -16,16 +21,67 @@
 #include <tuple>
 
 #include "HostMemory.h"
+#include "Terminal.h"
 
 namespace {
 
 const std::vector<std::string> kHeader = {"unit_id", "unit_name", "device_name", "start_time", "duration"};
-constexpr const char* kUtf8Mark = "\xEF\xBB\xBF";
-constexpr const char* kUtf16Mark = "\xFE\xFF";  // big-endian
+constexpr std::string_view kUtf8Mark = "\xEF\xBB\xBF";
+constexpr std::string_view kUtf16Mark = "\xFE\xFF";  // big-endian
+constexpr std::size_t kLargestFile = std::size_t{512} * 1024 * 1024;
+constexpr std::size_t kPiece = 65536;
+constexpr int kPatienceMilliseconds = 200;
+constexpr std::size_t kLongestShown = 60;  // characters of a wrong field
 
-bool StartsWith(const std::string& text, const char* start) {
-    return text.compare(0, std::strlen(start), start) == 0;
+bool StartsWith(std::string_view text, std::string_view start) {
+    return text.substr(0, start.size()) == start;
 }
+
+[[noreturn]] void FailUnreadable(const std::string& path, const std::string& reason) {
+    throw HistoryError(HistoryError::Kind::Unreadable, "cannot read " + path + ": " + reason);
+}
+
+/// A file that is open for reading.
+class File {
+public:
+    explicit File(const std::string& path) : m_path(path) {
+        struct stat status {};
+        const bool isPipe = stat(path.c_str(), &status) == 0 && S_ISFIFO(status.st_mode);
+        m_file = open(path.c_str(), O_RDONLY | O_CLOEXEC | (isPipe ? O_NONBLOCK : 0));
+        if (m_file < 0) {
+            FailUnreadable(path, g_strerror(errno));
+        }
+        if (isPipe) {
+            WaitForWriter();
+        }
+    }
+    ~File() { close(m_file); }
+    File(const File&) = delete;
+    File& operator=(const File&) = delete;
+
+    /// @return the number of bytes; 0 at the end.
+    std::size_t Read(char* buffer, std::size_t size) const {
+        const ssize_t count = read(m_file, buffer, size);
+        if (count < 0) {
+            FailUnreadable(m_path, g_strerror(errno));
+        }
+        return static_cast<std::size_t>(count);
+    }
+
+private:
+    // Reading a pipe that no program has opened for writing would return its end.
+    void WaitForWriter() const {
+        pollfd input{m_file, POLLIN, 0};
+        if (poll(&input, 1, kPatienceMilliseconds) == 0) {
+            std::fprintf(stderr, "waiting for the pipe %s\n", Terminal::Escaped(m_path).c_str());
+            poll(&input, 1, /*timeout=*/-1);
+        }
+        fcntl(m_file, F_SETFL, 0);  // from here on, reading blocks
+    }
+
+    const std::string& m_path;
+    int m_file = -1;
+};
 
 /// Parses one file. Its errors name the file and the line.
 class Reader {
@@ -40,17 +96,17 @@ public:
     Reader(const Reader&) = delete;
     Reader& operator=(const Reader&) = delete;
 
-    std::vector<HistoryProvider::Record> Read() {
-        const std::unique_ptr<HostBuffer> buffer = Buffered(Content());
-        const std::string_view text(buffer->Data(), buffer->Size());
+    std::vector<HistoryProvider::Record> Read(std::string_view text) {
+        const char lineEnd = text.find('\n') != std::string_view::npos ? '\n' : '\r';
         // Parses line by line, to know the line at which each row starts: a quoted name may span several lines.
         for (std::size_t from = 0; from < text.size();) {
-            const std::size_t end = std::min(text.find('\n', from), text.size() - 1) + 1;
+            const std::size_t end = std::min(text.find(lineEnd, from), text.size() - 1) + 1;
+            const std::string_view line = text.substr(from, end - from);
             ++m_line;
-            if (m_rowLine == 0) {
+            if (m_rowLine == 0 && line.find_first_not_of("\r\n") != std::string_view::npos) {
                 m_rowLine = m_line;
             }
-            Parse(text.data() + from, end - from);
+            Parse(line);
             from = end;
         }
         if (csv_fini(&m_parser, OnField, OnRow, this) != 0) {
@@ -65,62 +121,10 @@ public:
     }
 
 private:
-    static std::unique_ptr<HostBuffer> Buffered(const std::string& text) {
-        auto buffer = std::make_unique<HostBuffer>(text.size());
-        text.copy(buffer->Data(), text.size());
-        return buffer;
-    }
-
-    std::string Content() const {
-        char* content = nullptr;
-        gsize size = 0;
-        GError* error = nullptr;
-        if (g_file_get_contents(m_path.c_str(), &content, &size, &error) == FALSE) {
-            const std::string message = error->message;
-            g_error_free(error);
-            throw HistoryError(HistoryError::Kind::Unreadable, message);
-        }
-        const std::unique_ptr<char, decltype(&g_free)> owner(content, g_free);
-        const std::string text(content, size);
-        if (StartsWith(text, kUtf16Mark)) {
-            return FromUtf16(text.substr(std::strlen(kUtf16Mark)));
-        }
-        return StartsWith(text, kUtf8Mark) ? text.substr(std::strlen(kUtf8Mark)) : text;
-    }
-
-    /// Converts line by line, because the conversion drops line breaks and errors name the line.
-    std::string FromUtf16(const std::string& bytes) const {
-        const auto fail = [this](int line) {
-            throw HistoryError(HistoryError::Kind::Malformed,
-                               m_path + ":" + std::to_string(line) + ": is not UTF-16 text");
-        };
-        std::basic_string<unsigned short> units(bytes.size() / sizeof(unsigned short), 0);
-        std::memcpy(units.data(), bytes.data(), units.size() * sizeof(unsigned short));
-        const auto lineFeed = static_cast<unsigned short>(GUINT16_TO_BE('\n'));
-        const auto carriageReturn = static_cast<unsigned short>(GUINT16_TO_BE('\r'));
-        std::string text;
-        int line = 1;
-        for (std::size_t from = 0; from < units.size(); ++line) {
-            const std::size_t end = std::min(units.find(lineFeed, from), units.size());
-            const auto content = units.substr(from, end - from);
-            const std::string converted = ContextString::Twstring2String(content);
-            const bool isBlank = content.find_first_not_of(carriageReturn) == std::string::npos;
-            if ((converted.empty() && !isBlank) || content.find(static_cast<unsigned short>(0)) != std::string::npos) {
-                fail(line);
-            }
-            text += converted + "\n";
-            from = end + 1;
-        }
-        if (bytes.size() % sizeof(unsigned short) != 0) {
-            fail(line);
-        }
-        return text;
-    }
-
-    void Parse(const char* line, std::size_t length) {
-        const std::size_t parsed = csv_parse(&m_parser, line, length, OnField, OnRow, this);
+    void Parse(std::string_view line) {
+        const std::size_t parsed = csv_parse(&m_parser, line.data(), line.size(), OnField, OnRow, this);
         Rethrow();
-        if (parsed != length) {
+        if (parsed != line.size()) {
             Fail("misplaced quote (a quote inside a quoted field is written twice)");
         }
     }
@@ -178,7 +182,7 @@ private:
         }
         m_records.push_back({m_fields[0], m_fields[1], m_fields[2], Seconds(3), Seconds(4), /*occurrence=*/0});
         if (m_records.back().duration < 0) {
-            Fail("duration is negative: " + m_fields[4]);
+            Fail("duration is negative: " + Shown(m_fields[4]));
         }
     }
 
@@ -187,10 +191,12 @@ private:
         int seconds = 0;
         const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), seconds);
         if (error != std::errc() || end != text.data() + text.size()) {
-            Fail(kHeader[field] + " is not a whole number of seconds that fits into 32 bits: \"" + text + "\"");
+            Fail(kHeader[field] + " is not a whole number of seconds that fits into 32 bits: \"" + Shown(text) + "\"");
         }
         return seconds;
     }
+
+    static std::string Shown(const std::string& field) { return Terminal::Escaped(field, kLongestShown); }
 
     static std::string Header() {
         return std::accumulate(std::next(kHeader.begin()), kHeader.end(), kHeader.front(),
@@ -198,10 +204,11 @@ private:
     }
 
     [[noreturn]] void Fail(const std::string& what) const {
-        throw HistoryError(HistoryError::Kind::Malformed, m_path + ":" + std::to_string(m_rowLine) + ": " + what);
+        const int line = m_rowLine != 0 ? m_rowLine : m_line;  // a line has several rows if a lone "\r" ends one
+        throw HistoryError(HistoryError::Kind::Malformed, m_path + ":" + std::to_string(line) + ": " + what);
     }
 
-    std::string m_path;
+    const std::string& m_path;
     csv_parser m_parser{};
     std::vector<std::string> m_fields;
     std::vector<HistoryProvider::Record> m_records;
@@ -228,10 +235,65 @@ void NumberEqualRecords(std::vector<HistoryProvider::Record>& records) {
 
 }  // namespace
 
-HistoryProvider::HistoryProvider(const std::string& path)
-    : m_subject("usage/" + std::filesystem::path(path).stem().string()), m_records(Reader(path).Read()) {
-    NumberEqualRecords(m_records);
+std::string History::ReadAll(const std::string& path) {
+    const File file(path);
+    std::string content;
+    for (;;) {
+        const std::size_t size = content.size();
+        content.resize(size + kPiece);
+        const std::size_t count = file.Read(content.data() + size, kPiece);
+        content.resize(size + count);
+        if (count == 0) {
+            return content;
+        }
+        if (content.size() > kLargestFile) {
+            FailUnreadable(path, "it is larger than 512 MiB; split it");
+        }
+    }
 }
+
+std::string History::FromUtf16(std::string_view bytes, const std::string& path) {
+    const std::size_t count = bytes.size() / sizeof(gunichar2);
+    std::vector<gunichar2> units(count + 1);  // and a zero
+    std::memcpy(units.data(), bytes.data(), count * sizeof(gunichar2));
+    std::transform(units.begin(), units.end(), units.begin(), [](gunichar2 unit) { return GUINT16_FROM_BE(unit); });
+    const auto length = std::find(units.begin(), units.end(), 0) - units.begin();
+    glong readUnits = 0;
+    glong size = 0;
+    GError* error = nullptr;
+    const std::unique_ptr<char, decltype(&g_free)> text(
+        g_utf16_to_utf8(units.data(), static_cast<glong>(length), &readUnits, &size, &error), g_free);
+    const bool hasNoMemory = g_error_matches(error, G_CONVERT_ERROR, G_CONVERT_ERROR_NO_MEMORY) != FALSE;
+    g_clear_error(&error);
+    if (hasNoMemory) {
+        throw std::bad_alloc();
+    }
+    const bool isWhole = static_cast<std::size_t>(readUnits) == count && bytes.size() % sizeof(gunichar2) == 0;
+    if (text == nullptr || !isWhole) {
+        const auto line = 1 + std::count(units.begin(), units.begin() + readUnits, '\n');
+        throw HistoryError(HistoryError::Kind::Malformed, path + ":" + std::to_string(line) + ": is not UTF-16 text");
+    }
+    return {text.get(), static_cast<std::size_t>(size)};
+}
+
+std::vector<HistoryProvider::Record> History::Parse(std::string_view bytes, const std::string& path) {
+    std::string converted;
+    if (StartsWith(bytes, kUtf16Mark)) {
+        converted = FromUtf16(bytes.substr(kUtf16Mark.size()), path);
+        bytes = converted;
+    } else if (StartsWith(bytes, kUtf8Mark)) {
+        bytes.remove_prefix(kUtf8Mark.size());
+    }
+    HostBuffer buffer(bytes.size());
+    bytes.copy(buffer.Data(), bytes.size());
+    std::vector<HistoryProvider::Record> records = Reader(path).Read({buffer.Data(), buffer.Size()});
+    NumberEqualRecords(records);
+    return records;
+}
+
+HistoryProvider::HistoryProvider(const std::string& path)
+    : m_subject("usage/" + std::filesystem::path(path).stem().string()),
+      m_records(History::Parse(History::ReadAll(path), path)) {}
 
 void HistoryProvider::PublishAll(const std::function<bool()>& mayContinue) {
     for (const Record& record : m_records) {

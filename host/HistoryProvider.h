@@ -7,6 +7,7 @@
 #include <functional>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <vector>
 
 /// The error of a history that cannot be used. what() is one line for the user.
@@ -41,7 +42,8 @@ public:
         int occurrence;  ///< numbers equal rows of the file from 0, so that each is stored
     };
 
-    /// Reads and checks the whole file: a malformed history is never published in part.
+    /// Reads and checks the whole file: a malformed history is never published in part. A named pipe is waited for,
+    /// with a message.
     /// @throws HistoryError if the file cannot be read or is malformed.
     explicit HistoryProvider(const std::string& path);
 
@@ -56,5 +58,24 @@ private:
     std::string m_subject;
     std::vector<Record> m_records;
 };
+
+/// The steps of reading a history.
+namespace History {
+
+/// Reads a file or a pipe to its end.
+/// @throws HistoryError if it cannot be read or is larger than 512 MiB.
+std::string ReadAll(const std::string& path);
+
+/// Converts big-endian UTF-16 without a byte order mark to UTF-8.
+/// @param path  named in the error.
+/// @throws HistoryError if it is malformed or has a zero character.
+std::string FromUtf16(std::string_view bytes, const std::string& path);
+
+/// Parses CSV in UTF-8, or in UTF-16 with a byte order mark.
+/// @param path  named in the error.
+/// @throws HistoryError if it is malformed.
+std::vector<HistoryProvider::Record> Parse(std::string_view bytes, const std::string& path);
+
+}  // namespace History
 
 #endif  // CONTEXT_HOST_HISTORY_PROVIDER_H

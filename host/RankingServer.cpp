@@ -5,26 +5,29 @@
 #include <ContextData.h>
 #include <NetUtil.h>
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <netinet/in.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <charconv>
+#include <chrono>
+#include <cstdio>
+#include <exception>
 #include <optional>
 #include <sstream>
 #include <vector>
 
-#include "HostMemory.h"
+#include "Decimal.h"
 
 namespace {
 
 using Network::NetUtil;
 
-constexpr int kAcceptSeconds = 1;
 constexpr int kTimerSeconds = 1;
-constexpr std::chrono::seconds kLongestConnection{5};
-constexpr std::size_t kRequestBuffer = 256;  // bytes; a request and its zero must be shorter
+constexpr std::chrono::milliseconds kLongestWait{1000};       // then the thread sees that it is to stop
+constexpr std::chrono::milliseconds kPauseAfterFailure{100};  // when no descriptor or memory is left for a client
 
 constexpr const char* kUsage = "use: rank mru|mfu|date [N], weekly, or quit";
 
@@ -34,18 +37,39 @@ std::string Error(const char* text) {
     return answer.MakeStr();
 }
 
-/// @return the value of a text that is a whole number of at least 0, else nothing.
-std::optional<int> NumberIn(const std::string& text) {
-    int number = 0;
-    const char* end = text.data() + text.size();
-    const auto [stop, fault] = std::from_chars(text.data(), end, number);
-    return fault == std::errc() && stop == end && number >= 0 ? std::optional<int>(number) : std::nullopt;
+/// @return the time from now to a moment, for poll(); at least 0 and at most kLongestWait.
+int MillisecondsTo(Connection::Clock::time_point moment) {
+    const auto wait = std::chrono::duration_cast<std::chrono::milliseconds>(moment - Connection::Clock::now()) +
+                      std::chrono::milliseconds(1);  // rounded up
+    return static_cast<int>(std::clamp(wait, std::chrono::milliseconds(0), kLongestWait).count());
 }
 
 }  // namespace
 
+std::optional<RankingRequest> RankingRequest::Parse(const std::string& text) {
+    if (text == "weekly") {
+        return RankingRequest{Kind::Weekly, CURATOR_AGENT_DATE, std::nullopt};
+    }
+    if (text == "quit") {
+        return RankingRequest{Kind::Quit, CURATOR_AGENT_MRU, std::nullopt};
+    }
+    std::istringstream words(text);
+    std::string command;
+    std::string agentName;
+    std::string count;
+    std::string rest;
+    words >> command >> agentName >> count >> rest;
+    const std::optional<ECuratorAgentType> agent = AgentNamed(agentName);
+    const std::optional<int> number = DecimalIn(count);
+    if (command != "rank" || !agent || (!count.empty() && !number) || !rest.empty()) {
+        return std::nullopt;
+    }
+    return RankingRequest{Kind::Rank, *agent, number};
+}
+
 RankingServer::RankingServer(UsageStore& store, int limit, int minDuration)
     : m_store(store), m_limit(limit), m_minDuration(minDuration) {
+    m_clients.reserve(kMostClients);
     g_mutex_init(&m_mutex);
 }
 
@@ -58,19 +82,16 @@ int RankingServer::Open(int port) {
     m_listener = NetUtil::BindPort(port);
     sockaddr_in address{};
     socklen_t size = sizeof(address);
-    if (m_listener < 0 || listen(m_listener, SOMAXCONN) != 0 ||  // a client may connect as soon as Open() returns
+    // Without O_NONBLOCK, accepting would block if the client has gone in the meantime.
+    if (m_listener < 0 || fcntl(m_listener, F_SETFL, O_NONBLOCK) != 0 ||
+        listen(m_listener, SOMAXCONN) != 0 ||  // a client may connect as soon as Open() returns
         getsockname(m_listener, reinterpret_cast<sockaddr*>(&address), &size) != 0) {
         return -1;
     }
     Relearn_();
     m_timer.Start();
     m_timerId = m_timer.SetTimer(
-        kTimerSeconds,
-        [](int, void* server) {
-            static_cast<RankingServer*>(server)->DisconnectSlowClient_();
-            static_cast<RankingServer*>(server)->Relearn_();
-        },
-        this);
+        kTimerSeconds, [](int, void* server) { static_cast<RankingServer*>(server)->RelearnInBackground_(); }, this);
     Start();
     return ntohs(address.sin_port);
 }
@@ -89,54 +110,86 @@ void RankingServer::Close() {
 
 void RankingServer::OnThread() {
     while (IsRuning()) {
-        const int client = NetUtil::AcceptNewSocket(m_listener, kAcceptSeconds);
-        if (client < 0) {
-            continue;
+        try {
+            ServeReady_();
+        } catch (const std::exception&) {
+            m_clients.clear();  // no memory is left; further clients may find some
+            m_nextAccept = Connection::Clock::now() + kPauseAfterFailure;
         }
-        {
+    }
+    m_clients.clear();
+}
+
+/// Waits for any client, at most for a second, and serves those that are ready.
+void RankingServer::ServeReady_() {
+    const auto now = Connection::Clock::now();
+    const bool mayAccept = m_clients.size() < kMostClients && now >= m_nextAccept;
+    auto nextStep = now >= m_nextAccept ? now + kLongestWait : m_nextAccept;
+    std::array<pollfd, 1 + kMostClients> files{};         // the listener, then the clients
+    files[0] = {mayAccept ? m_listener : -1, POLLIN, 0};  // poll() skips negative descriptors
+    nfds_t count = 1;
+    for (const std::unique_ptr<Connection>& client : m_clients) {
+        files[count++] = {client->Socket(), client->IsSending() ? short{POLLOUT} : short{POLLIN}, 0};
+        nextStep = std::min(nextStep, client->Deadline());
+    }
+    if (poll(files.data(), count, MillisecondsTo(nextStep)) > 0) {
+        for (std::size_t index = 0; index < m_clients.size(); ++index) {
+            if (files[1 + index].revents != 0) {
+                Serve_(*m_clients[index]);
+            }
+        }
+    }
+    const auto isGone = [end = Connection::Clock::now()](const std::unique_ptr<Connection>& client) {
+        return client->IsOver() || client->Deadline() <= end;
+    };
+    m_clients.erase(std::remove_if(m_clients.begin(), m_clients.end(), isGone), m_clients.end());
+    if (files[0].revents != 0) {
+        Accept_();
+    }
+}
+
+void RankingServer::Accept_() {
+    auto client = std::make_unique<Connection>();
+    if (client->Accept(m_listener)) {
+        m_clients.push_back(std::move(client));
+    } else {
+        m_nextAccept = Connection::Clock::now() + kPauseAfterFailure;
+    }
+}
+
+/// Performs one step of a client that is ready: no client can keep the thread to itself.
+void RankingServer::Serve_(Connection& client) {
+    if (client.IsSending()) {
+        client.Send();
+        return;
+    }
+    const std::optional<std::string> request = client.Receive();
+    if (!request) {
+        return;
+    }
+    std::string answer = Answer_(*request);
+    if (answer.size() >= std::size_t{NetUtil::kMaxReplySize}) {
+        answer = Error("the answer is too long: start context-host with a lower --max");
+    }
+    client.Answer(answer, /*isLast=*/*request == "quit");
+    client.Send();
+}
+
+std::string RankingServer::Answer_(const std::string& text) {
+    const std::optional<RankingRequest> request = RankingRequest::Parse(text);
+    if (!request) {
+        return Error(kUsage);
+    }
+    switch (request->kind) {
+        case RankingRequest::Kind::Weekly: {
             ContextAutoLock lock(&m_mutex);
-            m_client = client;
-            m_clientDeadline = std::chrono::steady_clock::now() + kLongestConnection;
+            return CurationResult2JsonData(m_agents[CURATOR_AGENT_DATE]->RunCurate7x24(), CuratorData2ContextData);
         }
-        Serve_(client);
-        ContextAutoLock lock(&m_mutex);
-        m_client = -1;
-        close(client);
+        case RankingRequest::Kind::Quit:
+            return "{\"bye\":true}\n";
+        default:
+            return Rank_(request->agent, request->count.value_or(m_limit));
     }
-}
-
-void RankingServer::Serve_(int client) {
-    HostBuffer buffer(kRequestBuffer);
-    int length = 0;
-    while (NetUtil::getMessage(client, buffer.Data(), static_cast<int>(buffer.Size()), length) == 0) {
-        const std::string request(buffer.Data(), static_cast<std::size_t>(length < 0 ? 0 : length));
-        std::string answer = Answer_(request);
-        if (answer.size() >= std::size_t{NetUtil::kMaxReplySize}) {
-            answer = Error("the answer is too long: start context-host with a lower --max");
-        }
-        if (NetUtil::sendMessage(client, answer.data(), static_cast<int>(answer.size())) != 0 || request == "quit") {
-            return;
-        }
-    }
-}
-
-std::string RankingServer::Answer_(const std::string& request) {
-    if (request == "weekly") {
-        ContextAutoLock lock(&m_mutex);
-        return CurationResult2JsonData(m_agents[CURATOR_AGENT_DATE]->RunCurate7x24(), CuratorData2ContextData);
-    }
-    if (request == "quit") {
-        return "{\"bye\":true}\n";
-    }
-    std::istringstream words(request);
-    std::string command;
-    std::string agentName;
-    std::string count;
-    std::string rest;
-    words >> command >> agentName >> count >> rest;
-    const std::optional<ECuratorAgentType> agent = AgentNamed(agentName);
-    const std::optional<int> limit = count.empty() ? m_limit : NumberIn(count);
-    return command == "rank" && agent && limit && rest.empty() ? Rank_(*agent, *limit) : Error(kUsage);
 }
 
 std::string RankingServer::Rank_(ECuratorAgentType type, int count) {
@@ -147,8 +200,8 @@ std::string RankingServer::Rank_(ECuratorAgentType type, int count) {
 }
 
 void RankingServer::Relearn_() {
-    const int records = m_store.CountRecords();
-    if (records == m_learntRecords) {
+    const std::string version = m_store.Version();
+    if (version == m_learntVersion) {
         return;
     }
     Agents agents;
@@ -162,12 +215,15 @@ void RankingServer::Relearn_() {
     });
     ContextAutoLock lock(&m_mutex);
     m_agents.swap(agents);
-    m_learntRecords = records;
+    m_learntVersion = version;
 }
 
-void RankingServer::DisconnectSlowClient_() {
-    ContextAutoLock lock(&m_mutex);
-    if (m_client >= 0 && std::chrono::steady_clock::now() > m_clientDeadline) {
-        shutdown(m_client, SHUT_RDWR);  // unblocks the server's thread
+/// Called by the library's timer, which no exception may pass through.
+void RankingServer::RelearnInBackground_() {
+    try {
+        Relearn_();
+    } catch (const std::exception& error) {
+        // Until the next attempt, answers come from the records learnt before.
+        std::fprintf(stderr, "context-host: cannot learn the store again: %s\n", error.what());
     }
 }

@@ -7,24 +7,39 @@
 #include <Provider/CuratorAgent.h>
 
 #include <array>
-#include <chrono>
 #include <memory>
+#include <optional>
 #include <string>
+#include <vector>
 
 #include "AgentName.h"
+#include "Connection.h"
 #include "UsageStore.h"
 
-/// Answers requests for rankings, one client at a time.
+/// A request to the server.
+struct RankingRequest {
+    enum class Kind { Rank, Weekly, Quit };
+
+    Kind kind;
+    ECuratorAgentType agent;
+    std::optional<int> count;  ///< the number of units, if the request has one
+
+    /// @return the request that a text stands for: "rank mru", "rank mfu" or "rank date", each with an optional number
+    ///         of units; "weekly"; "quit". Nothing for other texts.
+    static std::optional<RankingRequest> Parse(const std::string& text);
+};
+
+/// Answers requests for rankings of up to 64 clients at once; further ones wait until one of these is gone.
 ///
-/// A request and its answer are one frame each. The requests are "rank mru", "rank mfu" and "rank date", each with an
-/// optional number of units; "weekly"; and "quit", which ends the connection. Answers are JSON text. The answer to an
-/// unknown request is {"error": ...}.
+/// A request and its answer are one frame each; RankingRequest describes the requests. After "quit" the connection
+/// ends. Answers are JSON text. The answer to an unknown request is {"error": ...}.
 ///
-/// A client is disconnected at once if it sends a frame that is too long, and at the next tick of the timer if it stays
-/// connected for more than five seconds, so that the next client does not wait for long.
+/// A client is disconnected if it sends a frame that is too long, needs more than five seconds for a request or to
+/// receive an answer, or stays connected for thirty seconds. No client waits for another, except while an answer is
+/// computed.
 ///
-/// **Threads.** Clients are served on a thread of the server. A timer thread checks once a second for new records and
-/// learns the whole store again if there are any.
+/// **Threads.** Clients are served on one thread of the server. A timer thread checks once a second for changes of the
+/// store and, after a change, learns it again.
 class RankingServer : public ContextThread {
 public:
     /// @param store        must outlive the server.
@@ -38,17 +53,23 @@ public:
     /// @return the port, or -1.
     int Open(int port);
 
-    /// Stops the threads and closes the port. Blocks until the connected client is gone or, if there is none, for up to
-    /// a second.
+    /// Stops the threads, disconnects the clients and closes the port. Blocks for up to a second, or longer if the
+    /// server is just learning or computing.
     void Close();
 
 private:
+    static constexpr std::size_t kMostClients = 64;
+
+    using Clients = std::vector<std::unique_ptr<Connection>>;
+
     void OnThread() override;
-    void Serve_(int client);
-    std::string Answer_(const std::string& request);
+    void ServeReady_();
+    void Accept_();
+    void Serve_(Connection& client);
+    std::string Answer_(const std::string& text);
     std::string Rank_(ECuratorAgentType type, int count);
     void Relearn_();
-    void DisconnectSlowClient_();
+    void RelearnInBackground_();
 
     using Agents = std::array<std::unique_ptr<CCuratorAgent>, kAgentCount>;
 
@@ -59,11 +80,12 @@ private:
     ContextTimer m_timer;
     TimerId m_timerId = 0;
 
+    Clients m_clients;                           ///< used by the server's thread only
+    Connection::Clock::time_point m_nextAccept;  ///< used by the server's thread only
+
     GMutex m_mutex;
-    Agents m_agents;                                         ///< by type; guarded by m_mutex
-    int m_client = -1;                                       ///< the connected client; guarded by m_mutex
-    std::chrono::steady_clock::time_point m_clientDeadline;  ///< guarded by m_mutex
-    int m_learntRecords = -1;                                ///< used by Relearn_() only
+    Agents m_agents;              ///< by type; guarded by m_mutex
+    std::string m_learntVersion;  ///< of the store; used by Relearn_() only
 };
 
 #endif  // CONTEXT_HOST_RANKING_SERVER_H

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <cstdio>
 #include <ctime>
 #include <vector>
@@ -27,8 +28,10 @@ std::string FitRight(const std::string& text, std::size_t width) {
     return text.size() < width ? std::string(width - text.size(), ' ') + text : text;
 }
 
-std::string LocalTime(double seconds) {
-    return ContextString::time_to_sqltime(ContextString::ConvertTimeFormat(static_cast<long>(seconds)));
+/// @param score  the start of a use as the ranking by recency returns it: a time before 1970 is greater by 2^32.
+std::string LocalTime(double score) {
+    const auto seconds = static_cast<std::int32_t>(static_cast<std::uint32_t>(score));
+    return ContextString::time_to_sqltime(ContextString::ConvertTimeFormat(seconds));
 }
 
 std::string Hours(double seconds) {

@@ -9,6 +9,7 @@
 
 #include "AgentName.h"
 #include "Evaluation.h"
+#include "Interrupts.h"
 #include "Page.h"
 #include "Report.h"
 #include "Terminal.h"
@@ -58,11 +59,13 @@ ExitStatus WritePage(const Findings& findings, const std::string& path) {
     const std::string page = Page::Make(
         {findings.agents[CURATOR_AGENT_DATE]->RunCurate7x24(), findings.agents[CURATOR_AGENT_MRU]->RunCurate(),
          findings.agents[CURATOR_AGENT_MFU]->RunCurate(), findings.evaluation->Results(), findings.recordCount});
+    Interrupts::Catch();  // a page that is being written is completed
     const std::string problem = Page::Write(path, page);
+    Interrupts::Release();
     if (!problem.empty()) {
         return Complain(EXIT_NO_PAGE, "cannot write the page: " + problem);
     }
-    std::fprintf(stderr, "wrote %s; open it in a browser\n", path.c_str());
+    std::fprintf(stderr, "wrote %s; open it in a browser\n", Terminal::Escaped(path).c_str());
     return EXIT_OK;
 }
 

@@ -11,6 +11,8 @@
 #include <cstdlib>
 #include <limits>
 
+#include "Decimal.h"
+
 namespace {
 
 constexpr std::size_t kDefaultWidth = 80;  // of a terminal that does not report its width
@@ -25,6 +27,24 @@ std::size_t ColumnsOf(gunichar character) {
     return g_unichar_iszerowidth(character) ? 0 : (g_unichar_iswide(character) ? 2 : 1);
 }
 
+constexpr gunichar kReplacement = 0xFFFD;
+
+/// One character of a text.
+struct Character {
+    gunichar code;     ///< kReplacement for a byte that is zero or not UTF-8
+    std::size_t size;  ///< bytes
+    bool isValid;
+};
+
+/// @param at  less than the size of the text.
+Character CharacterAt(const std::string& text, std::size_t at) {
+    const gunichar code = g_utf8_get_char_validated(text.data() + at, static_cast<gssize>(text.size() - at));
+    if (code == static_cast<gunichar>(-1) || code == static_cast<gunichar>(-2)) {
+        return {kReplacement, 1, false};
+    }
+    return {code, static_cast<std::size_t>(g_unichar_to_utf8(code, nullptr)), true};
+}
+
 bool Disturbs(gunichar character) {
     const bool separates = character == 0x2028 || character == 0x2029;
     const bool directs = (character >= 0x202A && character <= 0x202E) || (character >= 0x2066 && character <= 0x2069);
@@ -37,7 +57,7 @@ std::size_t Terminal::WidthOf(int file) {
     if (isatty(file) == 0) {
         return std::numeric_limits<std::size_t>::max();
     }
-    const int wanted = std::atoi(Environment("COLUMNS").c_str());
+    const int wanted = DecimalIn(Environment("COLUMNS")).value_or(0);
     if (wanted > 0) {
         return static_cast<std::size_t>(wanted);
     }
@@ -56,20 +76,47 @@ std::string Terminal::Heading(const std::string& text) {
 
 std::size_t Terminal::Columns(const std::string& text) {
     std::size_t width = 0;
-    for (const char* at = text.c_str(); *at != '\0'; at = g_utf8_next_char(at)) {
-        width += ColumnsOf(g_utf8_get_char(at));
+    for (std::size_t at = 0; at < text.size();) {
+        const Character character = CharacterAt(text, at);
+        width += ColumnsOf(character.code);
+        at += character.size;
     }
     return width;
 }
 
 std::string Terminal::Printable(const std::string& text) {
     std::string result;
-    for (const char* at = text.c_str(); *at != '\0'; at = g_utf8_next_char(at)) {
-        if (Disturbs(g_utf8_get_char(at))) {
+    for (std::size_t at = 0; at < text.size();) {
+        const Character character = CharacterAt(text, at);
+        if (!character.isValid || Disturbs(character.code)) {
             result += "\uFFFD";
         } else {
-            result.append(at, static_cast<const char*>(g_utf8_next_char(at)));
+            result.append(text, at, character.size);
         }
+        at += character.size;
+    }
+    return result;
+}
+
+std::string Terminal::Escaped(const std::string& text, std::size_t limit) {
+    std::string result;
+    std::size_t count = 0;
+    for (std::size_t at = 0; at < text.size(); ++count) {
+        if (count == limit) {
+            return result + "...";
+        }
+        const Character character = CharacterAt(text, at);
+        const std::string piece = text.substr(at, character.size);
+        if (character.isValid && !Disturbs(character.code)) {
+            result += piece;
+        } else {
+            for (const char byte : piece) {
+                char escape[8];
+                std::snprintf(escape, sizeof(escape), "\\x%02X", static_cast<unsigned char>(byte));
+                result += escape;
+            }
+        }
+        at += character.size;
     }
     return result;
 }
@@ -79,17 +126,18 @@ std::string Terminal::Fit(const std::string& text, std::size_t width) {
     if (columns <= width) {
         return text + std::string(width - columns, ' ');
     }
-    std::string result;
     std::size_t used = 0;
-    for (const char* at = text.c_str(); *at != '\0'; at = g_utf8_next_char(at)) {
-        const std::size_t next = ColumnsOf(g_utf8_get_char(at));
+    std::size_t at = 0;
+    while (at < text.size()) {
+        const Character character = CharacterAt(text, at);
+        const std::size_t next = ColumnsOf(character.code);
         if (used + next + 1 > width) {
             break;
         }
-        result.append(at, static_cast<const char*>(g_utf8_next_char(at)));
         used += next;
+        at += character.size;
     }
-    return result + "…" + std::string(width - used - 1, ' ');
+    return text.substr(0, at) + "…" + std::string(width - used - 1, ' ');
 }
 
 void Terminal::GuardStandardFiles() {

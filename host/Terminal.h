@@ -18,13 +18,19 @@ bool IsSmart(int file);
 /// @return the text, in bold if IsSmart() is true for standard output and NO_COLOR is empty or not set.
 std::string Heading(const std::string& text);
 
-/// @return the columns that UTF-8 text takes: two for a wide character, none for a combining one.
+/// @return the columns that UTF-8 text takes: two for a wide character, none for a combining one. A byte that is not
+///         UTF-8 counts as one.
 std::size_t Columns(const std::string& text);
 
-/// @return the text with U+FFFD instead of each control character, line separator and change of direction.
+/// @return the text with U+FFFD instead of each control character, line separator and change of direction, and of each
+///         byte that is not UTF-8.
 std::string Printable(const std::string& text);
 
-/// @return the text, cut with an ellipsis or filled with blanks to exactly `width` columns.
+/// @return the text with "\\xNN" for each byte of what Printable() replaces. Of a longer text, the first `limit`
+///         characters and "...".
+std::string Escaped(const std::string& text, std::size_t limit = std::string::npos);
+
+/// @return the text, which must be Printable(), cut with an ellipsis or filled with blanks to exactly `width` columns.
 /// @param width  at least 1.
 std::string Fit(const std::string& text, std::size_t width);
 

@@ -5,6 +5,7 @@
 #include <Provider/CuratorBaseData.h>
 
 #include <functional>
+#include <string>
 #include <vector>
 
 /// Read access to the stored usage records.
@@ -17,6 +18,9 @@ public:
 
     /// @return the number of stored records.
     virtual int CountRecords() = 0;
+
+    /// @return a text that changes whenever the records do.
+    virtual std::string Version() { return std::to_string(CountRecords()); }
 
     /// Reads every record, ordered by start time; records of the same second keep the order in which they were stored.
     /// @param take  called with one block of records at a time, so that a long history need not fit into memory.

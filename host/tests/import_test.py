@@ -8,6 +8,7 @@ import csv
 import os
 import pathlib
 import re
+import select
 import signal
 import subprocess
 import sys
@@ -45,6 +46,42 @@ class ImportTest(HostCase):
         path = self.write("a.csv", HEADER + 'x," a, ""b""\r\nc ",  d ,-5,0\r\n')
         self.run_host(path)
         self.assertEqual(self.rows(), [("usage/a", "x", ' a, "b"\r\nc ', "  d ", -5, 0)])
+
+    def test_stores_the_same_from_utf_8_and_utf_16(self):
+        text = HEADER + 'x,"one\rtwo\r\nthree\nfour\n\r","d\r",1,2\r\n\r\ny,Y\u2028\ufeff,\U0001d11e,3,4\n'
+        self.run_host("--database", "8.db", self.write("a.csv", text))
+        self.run_host("--database", "16.db", self.write("a.csv", b"\xfe\xff" + text.encode("utf-16-be")))
+        self.assertEqual(self.rows("16.db"), self.rows("8.db"))
+        self.assertEqual(self.rows("8.db")[0][2:4], ("one\rtwo\r\nthree\nfour\n\r", "d\r"))
+
+    def test_waits_for_a_pipe_with_a_message(self):
+        pipe = self.folder / "pipe.csv"
+        os.mkfifo(pipe)
+        for ending in ("data", "interrupt"):
+            process = subprocess.Popen(self.command("--json", pipe), stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+                                       encoding="utf-8", start_new_session=True)
+            self.addCleanup(self.end, process)
+            self.assertTrue(select.select([process.stderr], [], [], BOUND)[0], "the host says nothing")
+            self.assertEqual(process.stderr.readline(), f"waiting for the pipe {pipe}\n")
+            if ending == "data":
+                pipe.write_text(HEADER + "x,X,d,100,5\n")
+                self.assertIn('"Id":"x"', process.communicate(timeout=BOUND)[0])
+                self.assertEqual(process.returncode, 0)
+            else:
+                os.killpg(process.pid, signal.SIGINT)
+                process.communicate(timeout=BOUND)
+                self.assertEqual(process.returncode, 130)
+        self.assertEqual(self.rows(), [("usage/pipe", "x", "X", "d", 100, 5)])
+
+    def end(self, process):
+        if process.poll() is None:
+            os.killpg(process.pid, signal.SIGKILL)
+            process.communicate(timeout=BOUND)
+
+    def test_reads_a_history_from_standard_input(self):
+        result = subprocess.run(self.command("--json", "/dev/stdin"), input=HEADER + "x,X,d,100,5\n", encoding="utf-8",
+                                capture_output=True, timeout=BOUND)
+        self.assertEqual((result.returncode, result.stderr), (0, "1 new records stored\n"))
 
     # Records that are stored already.
 
@@ -93,6 +130,16 @@ class ImportTest(HostCase):
             "text after a quote": ('y,"Y"Z,d,1,2\n', 3, "misplaced quote"),
             "open quote": ('y,"Y,d,1,2\nz,Z,d,1,2\n', 3, "this row has a quote that is never closed"),
             "after a name of two lines": ('y,"Y\nY",d,1,2\nz,Z,d\n', 5, "expected 5 fields, found 3"),
+            "after blank lines": ("\n\r\n\ny,Y,d,1\n", 6, "expected 5 fields, found 4"),
+            "after a lone return": ("y,Y,d,1,2\rz,Z,d,1\n", 3, "expected 5 fields, found 4"),
+            "blank line in a name": ('y,"Y\n\n",d,1,2\nz,Z\n', 6, "expected 5 fields, found 2"),
+            "escape sequence": ("y,Y,d,\x1b[31m\u202e,2\n", 3,
+                                'start_time is not a whole number of seconds that fits into 32 bits: '
+                                '"\\x1B[31m\\xE2\\x80\\xAE"\n'),
+            "a megabyte of digits": (f"y,Y,d,1,{'7' * 1000000}\n", 3,
+                                     'duration is not a whole number of seconds that fits into 32 bits: '
+                                     f'"{"7" * 60}..."\n'),
+            "negative and long": (f"y,Y,d,1,-{'0' * 1000}7\n", 3, f'duration is negative: -{"0" * 59}...\n'),
             "not UTF-8": (b"y,\xff,d,1,2\n", 3, "unit_name is not UTF-8"),
             "zero byte": (b"y,a\0b,d,1,2\n", 3, "unit_name is not UTF-8"),
         }
@@ -105,6 +152,20 @@ class ImportTest(HostCase):
                 self.assertEqual(result.stderr.count("\n"), 1)
                 self.assertEqual(result.stdout, "")
                 self.assertFalse((self.store / "usage.db").exists() and self.rows())
+
+    def test_reports_the_line_in_a_file_of_returns_alone(self):
+        path = self.write("bad.csv", (HEADER + "x,X,d,1,1\n\ny,Y,d,1\n").replace("\n", "\r"))
+        self.assertTrue(self.run_host(path, status=4).stderr.startswith(f"context-host: {path}:4: expected 5 fields"))
+        self.run_host(self.write("good.csv", (HEADER + "x,X,d,1,1\n").replace("\n", "\r")))
+        self.assertEqual(len(self.rows()), 1)
+
+    def test_escapes_the_names_of_files_in_messages(self):
+        for name in ("a\x1b[31m.csv", "b\n.csv", b"c\xff.csv".decode(errors="surrogateescape")):
+            path = self.write(name, "x")
+            result = self.run_host(path, status=4)
+            self.assertRegex(result.stderr, r"[abc]\\x(1B\[31m|0A|FF)\.csv:1: ")
+            self.assertNotIn("\x1b", result.stderr)
+            self.assertEqual(result.stderr.count("\n"), 1)
 
     def test_reports_a_wrong_header(self):
         for content in ("", "unit_id,unit_name\n", "x,X,d,1,2\n", HEADER.upper()):

@@ -5,6 +5,7 @@
   output_test.py ROOT CONTEXT_HOST CONTEXT_QUERY
 """
 import fcntl
+import json
 import os
 import pathlib
 import pty
@@ -12,6 +13,7 @@ import re
 import resource
 import select
 import signal
+import sqlite3
 import struct
 import subprocess
 import sys
@@ -40,7 +42,11 @@ class OutputTest(HostCase):
                           ["--min-duration", "-1"], ["--weekly", "--agent", "mru"], ["--database", "../x"],
                           ["--evaluate", "--json"], ["--page", ""], ["--page", "-"],
                           ["--serve", "0", "--page", "a"], ["--serve", "0", "--json"], ["--serve=-1"], ["--serve=-2"],
-                          ["--serve", "65536"]):
+                          ["--serve", "65536"], ["--serve", "-1"], ["--serve", "0x50"], ["--max", "0x8"],
+                          ["--max", "+8"], ["--max", " 8"], ["--max", "8 "], ["--max", "-0"], ["--max", ""],
+                          ["--max", "99999999999"], ["--min-duration", "1e1"], ["--max", "8", "--max", "many"],
+                          ["--evaluate", "--agent", "mru"], ["--evaluate", "--max", "3"],
+                          ["--serve", "0", "--agent", "mru"]):
             with self.subTest(arguments):
                 result = self.run_host(*arguments, status=2)
                 self.assertIn("--help", result.stderr)
@@ -62,6 +68,33 @@ class OutputTest(HostCase):
   2  日本語        0.1 h  a\ufffd[31mb
 """)
         self.assertIn("  1  日本語    1970-01-01 00:05:00  a", self.run_host("--agent", "mru").stdout)
+
+    def test_reads_numbers_with_leading_zeros_as_decimal(self):
+        path = self.write("a.csv", HEADER + "".join(f"u{index},X,d,{index},5\n" for index in range(12)))
+        self.assertIn('{"Size":10,', self.run_host("--json", "--max", "010", path).stdout)
+
+    def test_prints_the_time_of_a_use_before_1970(self):
+        path = self.write("a.csv", HEADER + "x,X,d,-5,5\ny,Y,d,-2147483648,5\n")
+        text = self.run_host("--agent", "mru", path).stdout
+        self.assertIn("1969-12-31 23:59:55", text)
+        self.assertIn("1901-12-13 20:45:52", text)
+
+    def test_shows_stored_bytes_that_are_not_utf_8(self):
+        self.run_host(self.write("a.csv", HEADER + "x,X,d,100,5\n" * 10))
+        page = self.folder / "page.html"
+        for bytes_ in (b"\xf0", b"\xe2\x82", b"\xc3", b"\x80", b"\xff\xfe", b"\xed\xa0\x80"):
+            name = "a long name that is on the heap ".encode() + bytes_
+            with sqlite3.connect(self.store / "usage.db") as connection:
+                connection.execute("UPDATE usage SET unit_id = CAST(? AS TEXT), unit_name = CAST(? AS TEXT), "
+                                   "device_name = CAST(? AS TEXT), duration = rowid", (name, name, name))
+            connection.close()
+            shown = name[:-len(bytes_)].decode() + "\ufffd"
+            for arguments in ([], ["--weekly"], ["--agent", "mru"], ["--evaluate", "--page", page]):
+                with self.subTest(bytes=bytes_, arguments=arguments):
+                    text = self.run_host(*arguments).stdout
+                    self.assertTrue(shown in text or "--evaluate" in arguments, text)
+            self.assertIn(r"a long name that is on the heap \ufffd", page.read_text(encoding="utf-8"))
+            self.assertIn(shown, json.loads(self.run_host("--json").stdout)["list"][0]["Id"])
 
     def test_prints_the_week_as_a_table(self):
         path = self.write("a.csv", HEADER + "x,Ein Lied,phone,1709560800,5400\n")

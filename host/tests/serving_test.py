@@ -4,17 +4,26 @@
 
   serving_test.py ROOT CONTEXT_HOST CONTEXT_QUERY
 """
+import json
 import os
 import pathlib
+import re
+import select
 import signal
 import socket
+import sqlite3
 import struct
 import subprocess
 import sys
+import threading
 import time
 
 sys.path.insert(0, str(pathlib.Path(__file__).parent))
-from host_case import BOUND, HEADER, HISTORIES, QUERY, HostCase, constant, main  # noqa: E402
+from host_case import BOUND, HEADER, HISTORIES, PROGRAM, QUERY, HostCase, constant, main  # noqa: E402
+
+
+def frame(text):
+    return struct.pack(">i", len(text) + 1) + text.encode() + b"\0"
 
 
 class ServingTest(HostCase):
@@ -28,7 +37,7 @@ class ServingTest(HostCase):
             self.assertEqual(len(self.ask(port, "rank", "date")["list"]), 3)
             self.assertEqual(self.ask(port, "weekly")["Size"], 7)
             self.assertEqual(self.ask(port, "quit"), {"bye": True})
-            for request in (["rank"], ["rank", "best"], ["rank", "mru", "-1"], ["rank", "mru", "1x"],
+            for request in (["rank"], ["rank", "best"], ["rank", "mru", "-1"], ["rank", "mru", "1x"], ["rank", "mru", "-0"],
                             ["rank", "mru", "1", "2"], ["weekly", "now"], ["nonsense"]):
                 with self.subTest(request):
                     self.assertIn("rank mru|mfu|date [N]", self.ask(port, *request, status=3)["error"])
@@ -39,7 +48,8 @@ class ServingTest(HostCase):
 
     def test_query_reports_a_wrong_command_line(self):
         for arguments in ([], ["7300"], ["many", "rank"], ["0", "rank"], ["65536", "rank"], ["73x", "rank"],
-                          ["--no", "1"]):
+                          ["--no", "1"], ["+80", "rank"], [" 80", "rank"], ["0x50", "rank"],
+                          ["--timeout", "0", "80", "rank"], ["--timeout", "1s", "80", "rank"], ["--timeout", "5"]):
             with self.subTest(arguments):
                 result = subprocess.run([QUERY, *arguments], capture_output=True, encoding="utf-8", timeout=BOUND)
                 self.assertEqual((result.returncode, result.stdout), (2, ""))
@@ -79,13 +89,124 @@ class ServingTest(HostCase):
                         client.sendall(sent)
                     self.wait_for(port, ["rank", "mfu"],
                                   {"Size": 1, "list": [{"Id": "x", "MetaDataSrc": "tv", "Score": 5.0}]})
-            with socket.create_connection(("127.0.0.1", port), timeout=BOUND) as silent:
-                silent.sendall(b"\0")
-                begun = time.monotonic()
-                self.assertIn("list", self.ask(port, "rank", "mfu"))
-                self.assertLess(time.monotonic() - begun, 20)
-                self.assertEqual(silent.recv(1), b"", "the silent client was not disconnected")
             self.assertIsNone(process.poll())
+
+    def connect(self, port):
+        client = socket.create_connection(("127.0.0.1", port), timeout=BOUND)
+        self.addCleanup(client.close)
+        return client
+
+    def receive(self, client):
+        """The answer in the next frame."""
+        with client.makefile("rb") as stream:
+            size, = struct.unpack(">i", stream.read(4))
+            text = stream.read(size)
+        self.assertEqual(text[-1:], b"\0")
+        return json.loads(text[:-1])
+
+    def test_silent_clients_delay_nobody(self):
+        with self.served(self.write("a.csv", HEADER + "x,X,,100,5\n")) as (port, _):
+            self.wait_for(port, ["rank", "mfu"], {"Size": 1, "list": [{"Id": "x", "Score": 5.0}]})
+            silent = [self.connect(port) for _ in range(30)]
+            for index, client in enumerate(silent):
+                client.sendall(frame("rank mfu")[:index % 13])
+            self.assertEqual(self.ask(port, "rank", "mfu")["Size"], 1)
+            for client in silent:
+                client.setblocking(False)
+                with self.assertRaises(BlockingIOError, msg="answered only after a silent client was disconnected"):
+                    client.recv(1)
+            for client in silent:
+                client.settimeout(BOUND)
+                self.assertEqual(client.recv(1), b"", "a silent client was not disconnected")
+
+    def test_answers_when_more_clients_are_silent_than_served(self):
+        with self.served() as (port, _):
+            silent = [self.connect(port) for _ in range(100)]
+            self.assertEqual(self.ask(port, "rank", "mfu"), {"Size": 0})
+            self.assertEqual(silent[0].recv(1), b"")
+
+    def test_answers_requests_that_arrive_in_pieces_or_at_once(self):
+        with self.served(self.write("a.csv", HEADER + "x,X,,100,5\ny,Y,,200,4\n")) as (port, _):
+            self.wait_for(port, ["rank", "mfu", "1"], {"Size": 1, "list": [{"Id": "x", "Score": 5.0}]})
+            client = self.connect(port)
+            for byte in frame("rank mru 1"):
+                client.sendall(bytes([byte]))
+            self.assertEqual(self.receive(client)["list"][0]["Id"], "y")
+            client.sendall(frame("rank mfu 1") + frame("nonsense") + struct.pack(">i", 0) + frame("quit"))
+            with client.makefile("rb") as stream:
+                answers = []
+                while header := stream.read(4):
+                    answers.append(json.loads(stream.read(struct.unpack(">i", header)[0])[:-1]))
+            self.assertEqual([list(answer) for answer in answers], [["Size", "list"], ["error"], ["error"], ["bye"]])
+
+    def test_clients_that_read_no_answer_delay_nobody(self):
+        path = self.write("a.csv", HEADER + f"{'x' * 150000},X,,100,5\n")
+        with self.served(path) as (port, _):
+            deadline = time.monotonic() + BOUND
+            while self.ask(port, "rank", "mfu") == {"Size": 0}:
+                self.assertLess(time.monotonic(), deadline)
+            greedy = [self.connect(port) for _ in range(10)]
+            for client in greedy:
+                client.sendall(frame("rank mfu") * 200)
+            self.assertEqual(self.ask(port, "rank", "mru", "0"), {"Size": 0})
+            for client in greedy:
+                self.assertTrue(self.has_hung_up(client), "a client that reads nothing was not disconnected")
+
+    def has_hung_up(self, client):
+        """Waits, without reading, until the server has disconnected a client."""
+        events = select.poll()
+        events.register(client, select.POLLRDHUP)
+        return bool(events.poll(BOUND * 1000))
+
+    def test_serves_with_few_descriptors(self):
+        command = self.with_store("sh", "-c", 'ulimit -n 14 && exec "$0" --serve 0', PROGRAM)
+        process = subprocess.Popen(command, stderr=subprocess.PIPE, encoding="utf-8", start_new_session=True)
+        try:
+            port = int(re.search(r"serving at port (\d+)", process.stderr.readline())[1])
+            silent = [self.connect(port) for _ in range(12)]
+            self.assertEqual(self.ask(port, "rank", "mfu"), {"Size": 0})
+            self.assertEqual(silent[0].recv(1), b"")
+        finally:
+            os.killpg(process.pid, signal.SIGTERM)
+            process.communicate(timeout=BOUND)
+
+    def test_learns_records_that_another_program_replaced(self):
+        with self.served(self.write("a.csv", HEADER + "x,X,,100,5\n")) as (port, _):
+            self.wait_for(port, ["rank", "mfu"], {"Size": 1, "list": [{"Id": "x", "Score": 5.0}]})
+            with sqlite3.connect(self.store / "usage.db") as connection:
+                connection.execute("UPDATE usage SET unit_id = 'z', duration = 7")
+            connection.close()
+            self.wait_for(port, ["rank", "mfu"], {"Size": 1, "list": [{"Id": "z", "Score": 7.0}]})
+
+    # context-query.
+
+    def query(self, *arguments):
+        result = subprocess.run([QUERY, *map(str, arguments)], capture_output=True, encoding="utf-8", timeout=BOUND)
+        self.assertEqual((result.returncode, result.stdout, result.stderr.count("\n")), (1, "", 1), result.stderr)
+        return result.stderr
+
+    def test_query_ends_when_its_time_is_over(self):
+        with socket.create_server(("127.0.0.1", 0), backlog=0) as server:
+            port = server.getsockname()[1]
+            begun = time.monotonic()
+            self.assertIn("no answer in time; --timeout", self.query("--timeout", 1, port, "rank", "mru"))
+            self.assertGreaterEqual(time.monotonic() - begun, 1)
+            # The connection that the query has left fills the backlog: now connecting blocks.
+            self.assertIn("no answer in time", self.query("-t", 1, port, "rank", "mru"))
+
+    def test_query_reports_an_answer_that_is_no_json(self):
+        for text in ("[" * 1100 + "]" * 1100, '{"a":' * 1100 + "1" + "}" * 1100, "\x1b[31mred", "{"):
+            with self.subTest(text[:10]), socket.create_server(("127.0.0.1", 0)) as server:
+                def answer():
+                    client = server.accept()[0]
+                    with client:
+                        client.recv(100)
+                        client.sendall(frame(text))
+                thread = threading.Thread(target=answer)
+                thread.start()
+                self.assertIn("is not JSON text, or is nested too deeply",
+                              self.query(server.getsockname()[1], "rank", "mru"))
+                thread.join()
 
     def test_reports_a_port_in_use(self):
         with socket.create_server(("0.0.0.0", 0)) as taken:
