@@ -9,8 +9,6 @@ LD_LIBRARY_PATH. The tree itself is never written to.
 import argparse
 import collections
 import concurrent.futures
-import hashlib
-import itertools
 import json
 import os
 import pathlib
@@ -28,7 +26,6 @@ ROOT = pathlib.Path(__file__).resolve().parents[2]
 WORK = ROOT / "build/mutate"
 BUILD = WORK / "build"
 KNOWN = ROOT / "tests/mutation/survivors.txt"
-ALSO = {"CuratorAgent": ["RankingVectorsTest"], "CuratorUnit": ["RankingVectorsTest"]}
 KILLED, SURVIVED, SAME, BROKEN = "killed", "survives", "same object", "does not compile"
 
 
@@ -55,16 +52,21 @@ def units_of(path):
 
 
 def tests_of(path):
-    """@return the tests of a class: their names begin with the name of its source, and with no longer one's."""
+    """@return the tests of the classes that `path` is part of.
+
+    The name of a test begins with the name of its class, and with no longer one's. A test whose name begins with no
+    class belongs to those whose headers it includes.
+    """
     stems = [source.stem for source in sources()]
-    names = [test.stem for test in ROOT.glob("tests/**/*Test.cpp") if (BUILD / f"tests/{test.stem}").exists()]
     mine = {unit.stem for unit in units_of(path)}
-    found = [name for name in names
-             if max((stem for stem in stems if name.startswith(stem)), key=len, default=None) in mine]
-    found += [name for stem in mine for name in ALSO.get(stem, [])]
-    if path.suffix == ".h":
-        found += [test.stem for test in ROOT.glob("tests/**/*Test.cpp") if path.name in includes(test)]
-    return sorted(set(found) & set(names))
+    found = []
+    for test in sorted(ROOT.glob("tests/**/*Test.cpp")):
+        names = includes(test)
+        owner = max((stem for stem in stems if test.stem.startswith(stem)), key=len, default=None)
+        owners = {owner} if owner else {name.removesuffix(".h") for name in names}
+        if (mine & owners or path.name in names) and (BUILD / "tests" / test.stem).exists():
+            found.append(test.stem)
+    return found
 
 
 class Tests:
@@ -110,7 +112,7 @@ class Tests:
 class Worker:
     """A copy of the sources, and the library that it compiles from them."""
 
-    def __init__(self, number):
+    def __init__(self, number, first=None):
         self.folder = WORK / str(number)
         shutil.rmtree(self.folder, ignore_errors=True)
         for part in ("src", "include"):
@@ -122,16 +124,28 @@ class Worker:
                               capture_output=True, encoding="utf-8").stdout
         link = next(line for line in link.splitlines() if " -shared " in line)
         self._link = shlex.split(re.sub(r"^: && | && :$", "", link).split(" && ")[0])
-        self._headers = self.folder / "system.h"
+        self._headers = first._headers if first else self._compile_headers()
+        for source in sources():
+            if first:
+                shutil.copy(first._object(source), self.folder)
+            else:
+                self._compile_one(source)
+        self._link_all()
+
+    def _compile_headers(self):
+        """Compiles the system's headers once: that is most of the time of a compilation.
+
+        @return the header that includes them all."""
+        header = self.folder / "system.h"
         names = {name for source in ROOT.glob("src/**/*") if source.is_file()
                  for name in re.findall(r"#include (<[^>]+>)", source.read_text(encoding="utf-8"))}
-        self._headers.write_text("".join(f"#include {name}\n" for name in sorted(names)), encoding="utf-8")
+        header.write_text("".join(f"#include {name}\n" for name in sorted(names)), encoding="utf-8")
         some = next(iter(self._compile.values()))
-        subprocess.run([*some, "-x", "c++-header", self._headers, "-o", f"{self._headers}.gch"], check=True)
-        self._objects = {}
-        for source in sources():
-            self._compile_one(source)
-        self._link_all()
+        subprocess.run([*some, "-x", "c++-header", header, "-o", f"{header}.gch"], check=True)
+        return header
+
+    def _object(self, source):
+        return self.folder / f"{source.stem}.o"
 
     def _own(self, command):
         """@return the compiler call without its files, with the folders of this copy and optimised as delivered."""
@@ -142,45 +156,39 @@ class Worker:
 
     def _compile_one(self, source):
         """@return whether the source compiles."""
-        target = self.folder / f"{source.stem}.o"
         copy = self.folder / source.relative_to(ROOT)
-        result = subprocess.run([*self._compile[str(source)], "-include", self._headers, "-c", copy, "-o", target],
-                                stderr=subprocess.DEVNULL)
-        self._objects[source.stem] = target
-        return result.returncode == 0
+        return subprocess.run([*self._compile[str(source)], "-include", self._headers, "-c", copy, "-o",
+                               self._object(source)], stderr=subprocess.DEVNULL).returncode == 0
 
     def _link_all(self):
         words = []
         for word in self._link:
             name = pathlib.Path(word).name
             if name.endswith(".cpp.o"):
-                word = str(self._objects[name.removesuffix(".cpp.o")])
+                word = str(self.folder / (name.removesuffix(".cpp.o") + ".o"))
             elif word.startswith("liblumora-common.so"):
                 word = str(self.folder / "liblumora-common.so.0")
             words.append(word)
         subprocess.run(words, check=True, cwd=BUILD)
 
-    def _sums(self, units):
-        return [hashlib.sha256(self._objects[unit.stem].read_bytes()).digest() for unit in units]
-
     def try_change(self, path, change, tests, names):
         """@return what became of a changed file. Leaves the copy as it was."""
         copy = self.folder / path.relative_to(ROOT)
-        original = path.read_bytes()
+        source = path.read_bytes()
         units = units_of(path)
-        before = self._sums(units)
+        before = {self._object(unit): self._object(unit).read_bytes() for unit in units}
         try:
-            copy.write_bytes(original[:change.begin] + change.new.encode() + original[change.end:])
+            copy.write_bytes(source[:change.begin] + change.new.encode() + source[change.end:])
             if not all(self._compile_one(unit) for unit in units):
                 return BROKEN
-            if self._sums(units) == before:
+            if all(file.read_bytes() == content for file, content in before.items()):
                 return SAME
             self._link_all()
             return KILLED if tests.notice(names, self.folder) else SURVIVED
         finally:
-            copy.write_bytes(original)
-            for unit, old in zip(units, before):
-                self._compile_one(unit)
+            copy.write_bytes(source)
+            for file, content in before.items():
+                file.write_bytes(content)
 
 
 class Known:
@@ -259,9 +267,14 @@ def main():
             print(line_of(path, change))
         return 0
     workers = queue.Queue(os.cpu_count() or 1)
-    for number in range(workers.maxsize):
-        workers.put(Worker(number))
-    tests, known = Tests(WORK / "0"), Known()
+    first = Worker(0)
+    workers.put(first)
+    for number in range(1, workers.maxsize):
+        workers.put(Worker(number, first))
+    baseline = WORK / "baseline"
+    baseline.mkdir(exist_ok=True)
+    shutil.copy(first.folder / "liblumora-common.so.0", baseline)
+    tests, known = Tests(baseline), Known()
     total = collections.Counter()
     for path in found:
         if found[path]:
