@@ -117,7 +117,7 @@ TEST_F(ContextDatabaseFileTest, TouchesNothingForNameThatNamesNoFile) {
     };
     for (const std::string& name : names) {
         SCOPED_TRACE(name);
-        const Messages refused = {"E " + DatabasePath(name.c_str()) + " is no file name!"};
+        const Messages refused = {"E " + DatabasePath(name.substr(0, name.find('\0'))) + " is no file name!"};
         for (const bool hasTimer : {false, true}) {
             CapturedLog::Clear();
             const auto database = hasTimer ? std::make_unique<ContextDatabase>(name, kCreateTable, /*interval=*/60)

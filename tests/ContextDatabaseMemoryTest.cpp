@@ -92,7 +92,7 @@ using ContextDatabaseNoMemoryTest = DatabaseTest;
 // Construction
 
 TEST_F(ContextDatabaseNoMemoryTest, ConstructorThatThrowsLeavesNoThread) {
-    const std::size_t threads = ThreadCount();
+    const std::size_t threads = SettledThreadCount();
     for (const bool hasTimer : {true, false}) {
         std::string name;
         std::string statement;
@@ -105,7 +105,7 @@ TEST_F(ContextDatabaseNoMemoryTest, ConstructorThatThrowsLeavesNoThread) {
             }
         };
         const auto check = [&] {
-            EXPECT_EQ(ThreadCount(), threads);
+            EXPECT_TRUE(ThreadCountBecomes(threads));
             EXPECT_EQ(OpenDescriptors(), 0);
         };
         int thrown = 0;
@@ -284,7 +284,7 @@ TEST_F(ContextDatabaseMemoryTest, DropsRowWhoseColumnNameCannotBeRead) {
 // Destruction
 
 TEST_F(ContextDatabaseNoMemoryTest, StopsItsThreadsWithoutMemoryForMessages) {
-    const std::size_t threads = ThreadCount();
+    const std::size_t threads = SettledThreadCount();
     const struct {
         const char* name;
         int allowed;
@@ -300,7 +300,7 @@ TEST_F(ContextDatabaseNoMemoryTest, StopsItsThreadsWithoutMemoryForMessages) {
             const FailingAllocation failing(row.allowed);
             database.reset();
         }
-        EXPECT_TRUE(Waiting::Until([&] { return ThreadCount() == threads; }, std::chrono::seconds(2))) << row.name;
+        EXPECT_TRUE(ThreadCountBecomes(threads)) << row.name;
         EXPECT_EQ(CapturedLog::Messages(), row.expected) << row.name;
         EXPECT_EQ(OpenDescriptors(), 0) << row.name;
     }

@@ -2,14 +2,12 @@
 #include "ContextDatabase.h"
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <filesystem>
 #include <functional>
 #include <memory>
 #include <optional>
 #include <string>
-#include <thread>
 #include <type_traits>
 
 #include "DatabaseFixture.h"
@@ -79,11 +77,7 @@ TEST_F(ContextDatabaseTest, StartsTimerForEveryIntervalEvenZero) {
         {"zero", [] { return std::make_unique<ContextDatabase>("x.db", kCreateTable, 0); }, 2},
         {"five", [] { return std::make_unique<ContextDatabase>("x.db", kCreateTable, 5); }, 2},
     };
-    // A sanitizer starts a thread along with the first one. The kernel may list a joined thread for a moment.
-    pid_t first = 0;
-    std::thread([&first] { first = gettid(); }).join();
-    ASSERT_TRUE(Waiting::Until([first] { return !fs::exists("/proc/self/task/" + std::to_string(first)); }));
-    const std::size_t before = ThreadCount();
+    const std::size_t before = SettledThreadCount();
     for (const auto& row : rows) {
         std::unique_ptr<ContextDatabase> database = row.make();
         EXPECT_EQ(ThreadCount(), before + row.threads) << row.name;

@@ -6,6 +6,7 @@
 #include <sqlite3.h>
 #include <sys/mount.h>
 #include <sys/statvfs.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
@@ -315,10 +316,23 @@ protected:
         return count;
     }
 
-    /// @return the number of threads of this process.
+    /// @return the number of threads of this process. The kernel may list a joined thread for a moment.
     static std::size_t ThreadCount() {
         const std::filesystem::directory_iterator tasks("/proc/self/task");
         return static_cast<std::size_t>(std::distance(tasks, std::filesystem::directory_iterator()));
+    }
+
+    /// @return the number of threads once a sanitizer has started its own, which it does along with the first one.
+    static std::size_t SettledThreadCount() {
+        pid_t first = 0;
+        std::thread([&first] { first = gettid(); }).join();
+        const std::string task = "/proc/self/task/" + std::to_string(first);
+        EXPECT_TRUE(Waiting::Until([&] { return !std::filesystem::exists(task); }));
+        return ThreadCount();
+    }
+
+    static bool ThreadCountBecomes(std::size_t count) {
+        return Waiting::Until([count] { return ThreadCount() == count; }, std::chrono::seconds(2));
     }
 
     /// Makes the stopped clock jump, and waits until the given number of timers have moved their deadlines along. Every

@@ -15,6 +15,7 @@
 #include <iterator>
 #include <list>
 #include <mutex>
+#include <new>
 
 namespace {
 
@@ -29,6 +30,37 @@ void Require(bool condition) {
     }
 }
 
+/// Allocates with malloc(), as GLib does: a test that makes `operator new` fail must not reach these functions.
+template <class T>
+struct MallocAllocator {
+    using value_type = T;
+
+    MallocAllocator() = default;
+    template <class Other>
+    explicit MallocAllocator(const MallocAllocator<Other>& /*other*/) {}
+
+    T* allocate(std::size_t count) {
+        auto* memory = static_cast<T*>(std::malloc(count * sizeof(T)));
+        Require(memory != nullptr);
+        return memory;
+    }
+    void deallocate(T* memory, std::size_t /*count*/) { std::free(memory); }
+
+    bool operator==(const MallocAllocator& /*other*/) const { return true; }
+    bool operator!=(const MallocAllocator& /*other*/) const { return false; }
+};
+
+template <class T>
+T* Create(const T& value = {}) {
+    return new (MallocAllocator<T>().allocate(1)) T(value);
+}
+
+template <class T>
+void Destroy(T* object) {
+    object->~T();
+    std::free(object);
+}
+
 /// @return the pthread mutex of a GMutex. It is created at the first use, because a static GMutex of zero bytes needs
 /// no g_mutex_init().
 pthread_mutex_t* Of(GMutex* mutex) {
@@ -36,13 +68,13 @@ pthread_mutex_t* Of(GMutex* mutex) {
     if (existing != nullptr) {
         return existing;
     }
-    auto* created = new pthread_mutex_t;
+    auto* created = Create<pthread_mutex_t>();
     Require(pthread_mutex_init(created, nullptr) == 0);
     if (g_atomic_pointer_compare_and_exchange(&mutex->p, nullptr, static_cast<void*>(created))) {
         return created;
     }
     pthread_mutex_destroy(created);
-    delete created;
+    Destroy(created);
     return static_cast<pthread_mutex_t*>(g_atomic_pointer_get(&mutex->p));
 }
 
@@ -56,8 +88,8 @@ void* RunThread(void* self) {
 struct _GAsyncQueue {
     std::mutex mutex;
     std::condition_variable pushed;
-    std::list<gpointer> items;  ///< the front is popped next
-    int waiting = 0;            ///< threads inside g_async_queue_pop()
+    std::list<gpointer, MallocAllocator<gpointer>> items;  ///< the front is popped next
+    int waiting = 0;                                       ///< threads inside g_async_queue_pop()
 
     gpointer TakeLocked() {
         gpointer item = items.front();
@@ -74,7 +106,7 @@ void GLibOnPthreads_mutex_clear(GMutex* mutex) {
     auto* existing = static_cast<pthread_mutex_t*>(mutex->p);
     if (existing != nullptr) {
         Require(pthread_mutex_destroy(existing) == 0);
-        delete existing;
+        Destroy(existing);
         mutex->p = nullptr;
     }
 }
@@ -102,9 +134,9 @@ void g_mutex_unlock(GMutex* mutex) {
 }
 
 GThread* g_thread_try_new(const gchar* /*name*/, GThreadFunc func, gpointer data, GError** /*error*/) {
-    auto* thread = new PthreadOfGLib{{func, data, TRUE, G_THREAD_PRIORITY_NORMAL}, {}};
+    auto* thread = Create(PthreadOfGLib{{func, data, TRUE, G_THREAD_PRIORITY_NORMAL}, {}});
     if (pthread_create(&thread->handle, nullptr, RunThread, thread) != 0) {
-        delete thread;
+        Destroy(thread);
         return nullptr;
     }
     return thread;
@@ -121,17 +153,17 @@ gpointer g_thread_join(GThread* thread) {
     auto* joined = static_cast<PthreadOfGLib*>(thread);
     void* result = nullptr;
     Require(pthread_join(joined->handle, &result) == 0);
-    delete joined;
+    Destroy(joined);
     return result;
 }
 
 GAsyncQueue* g_async_queue_new() {
-    return new _GAsyncQueue;
+    return new (MallocAllocator<_GAsyncQueue>().allocate(1)) _GAsyncQueue;
 }
 
 /// Deletes the queue: the library takes no further reference, so this is the last one.
 void g_async_queue_unref(GAsyncQueue* queue) {
-    delete queue;
+    Destroy(queue);
 }
 
 void g_async_queue_push(GAsyncQueue* queue, gpointer data) {
