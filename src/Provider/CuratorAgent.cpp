@@ -105,8 +105,7 @@ void CCuratorAgent::Learn_(const CuratorBaseData& record, CCuratorDateUnit::Loca
     if (unit == nullptr) {
         return;
     }
-    // Reserved first: the record is learnt completely or, without memory, not at all.
-    unit->m_strMetaData.reserve(record.m_strMetaData.size());
+    // Reserved before the first change: the record is learnt completely or, without memory, not at all.
     unit->m_strMetaDataSrc.reserve(record.m_strMetaDataSrc.size());
     if (!record.m_strMetaData.empty()) {
         unit->m_strMetaData = record.m_strMetaData;

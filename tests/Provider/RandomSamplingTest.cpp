@@ -341,6 +341,12 @@ TEST_F(RandomSamplingTest, GammaBelowOneBranchesAtOneMinusTheShape) {
     EXPECT_EQ(second.Left(), 0U);
 }
 
+TEST_F(RandomSamplingTest, GammaBelowOneAcceptsAValueEqualToItsBound) {
+    Script draw = {0.0, 0.0};  // the value is 0, and so is the exponential variate
+    EXPECT_EQ(Variates::Gamma(draw, 0.5), 0.0);
+    EXPECT_EQ(draw.Left(), 0U);
+}
+
 TEST_F(RandomSamplingTest, GammaVariatesStayBelowTheirBound) {
     for (const double shape : {0.01, 0.5, 0.99, 1.0, 1.01, 2.0, 30.0}) {
         const double bound = shape > 1.0 ? shape - 0.3333333333333333 : 1.0;
