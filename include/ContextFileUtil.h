@@ -14,7 +14,8 @@ class LUMORA_API ContextFileUtil {
 public:
     ContextFileUtil() = delete;
 
-    /// Returns whether the path itself is a symbolic link, dangling or not. A final link is not followed.
+    /// Returns whether the path itself is a symbolic link, dangling or not, whatever its times. A final link is not
+    /// followed.
     ///
     /// The answer may be out of date by the time you open the path. If someone else can write to the directory, open
     /// with `O_NOFOLLOW` instead of testing first.

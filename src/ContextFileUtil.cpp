@@ -76,8 +76,9 @@ bool ContextFileUtil::IsSymbolicLink(const char* path) {
         errno = EFAULT;  // the kernel's answer; the C library declares the argument non-null
         return false;
     }
-    struct stat status {};
-    return lstat(path, &status) == 0 && S_ISLNK(status.st_mode);
+    // With a 32-bit time_t, lstat() fails for a link whose times lie after 2038, which anyone can give to a link.
+    struct statx status {};
+    return statx(AT_FDCWD, path, AT_SYMLINK_NOFOLLOW, STATX_TYPE, &status) == 0 && S_ISLNK(status.stx_mode);
 }
 
 void ContextFileUtil::Sync() {

@@ -14,6 +14,7 @@
 #include <cerrno>
 #include <climits>
 #include <cstdarg>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <iterator>
@@ -32,6 +33,8 @@ int g_syncs = 0;
 /// The error numbers that the next calls of open64() fail with; 0 lets one succeed, and so does an empty list.
 std::vector<int> g_openErrors;
 
+std::vector<int> g_openFlags;  ///< of every open64()
+
 /// The results of the next calls of read() and write(): -1 fails with EINTR, and another number limits the bytes that
 /// the call transfers. Without an entry, a call transfers everything.
 std::vector<ssize_t> g_transfers;
@@ -43,7 +46,9 @@ ssize_t TakeTransfer(std::size_t size) {
     }
     const ssize_t most = g_transfers.front();
     g_transfers.erase(g_transfers.begin());
-    errno = EINTR;
+    if (most < 0) {
+        errno = EINTR;
+    }
     return std::min(most, static_cast<ssize_t>(size));
 }
 
@@ -51,10 +56,12 @@ ssize_t TakeTransfer(std::size_t size) {
 
 // Replace the C library's functions, for the library too.
 extern "C" int open64(const char* path, int flags, ...) {
+    static const auto original = NextFunction<int(const char*, int, ...)>("open64");
     va_list arguments;
     va_start(arguments, flags);
-    const auto mode = va_arg(arguments, mode_t);
+    const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : 0;
     va_end(arguments);
+    g_openFlags.push_back(flags);
     if (!g_openErrors.empty()) {
         const int error = g_openErrors.front();
         g_openErrors.erase(g_openErrors.begin());
@@ -63,21 +70,19 @@ extern "C" int open64(const char* path, int flags, ...) {
             return -1;
         }
     }
-    return NextFunction<int(const char*, int, ...)>("open64")(path, flags, mode);
+    return original(path, flags, mode);
 }
 
 extern "C" ssize_t read(int descriptor, void* buffer, std::size_t size) {
+    static const auto original = NextFunction<ssize_t(int, void*, std::size_t)>("read");
     const ssize_t most = TakeTransfer(size);
-    return most < 0 ? -1
-                    : NextFunction<ssize_t(int, void*, std::size_t)>("read")(descriptor, buffer,
-                                                                             static_cast<std::size_t>(most));
+    return most < 0 ? -1 : original(descriptor, buffer, static_cast<std::size_t>(most));
 }
 
 extern "C" ssize_t write(int descriptor, const void* bytes, std::size_t size) {
+    static const auto original = NextFunction<ssize_t(int, const void*, std::size_t)>("write");
     const ssize_t most = TakeTransfer(size);
-    return most < 0 ? -1
-                    : NextFunction<ssize_t(int, const void*, std::size_t)>("write")(descriptor, bytes,
-                                                                                    static_cast<std::size_t>(most));
+    return most < 0 ? -1 : original(descriptor, bytes, static_cast<std::size_t>(most));
 }
 
 extern "C" void sync() noexcept {
@@ -116,6 +121,13 @@ TEST_F(ContextFileUtilTest, RecognisesSymbolicLinksToAnyTarget) {
     for (const char* name : {"to-file", "to-folder", "dangling", "to-link", "to-itself", "to-folder/to-file"}) {
         EXPECT_TRUE(IsSymbolicLink(m_folder / name)) << name;
     }
+}
+
+TEST_F(ContextFileUtilTest, RecognisesALinkFromTheYear2050) {
+    const std::string link = m_folder / "link";
+    fs::create_symlink("missing", link);
+    ASSERT_EQ(std::system(("touch -h -d @2524608000 " + link).c_str()), 0);
+    EXPECT_TRUE(IsSymbolicLink(link));
 }
 
 TEST_F(ContextFileUtilTest, TreatsNoOtherFileAsASymbolicLink) {
@@ -316,12 +328,48 @@ TEST_F(ContextFileUtilTest, KeepsTheDestinationWithoutKernelMemory) {
 
 TEST_F(ContextFileUtilTest, CopiesOnWhenSignalsInterruptIt) {
     WriteFile(m_source, "content");
-    g_openErrors = {EINTR, 0, EINTR};
-    g_transfers = {-1, 7, -1, 2, -1, 1};  // one read(), then write() in pieces
+    g_openErrors = {EINTR, EINTR, 0, EINTR};
+    g_transfers = {-1, -1, 7, -1, 2, -1, 1};  // one read(), then write() in pieces
     Copy(m_source, m_destination);
     EXPECT_TRUE(g_openErrors.empty());
     EXPECT_TRUE(g_transfers.empty());
     EXPECT_EQ(ReadFile(m_destination), "content");
+}
+
+TEST_F(ContextFileUtilTest, StopsAtAWriteOfNoBytes) {
+    WriteFile(m_source, std::string(100000, 'x'));
+    g_transfers = {7, 2, 0};
+    Copy(m_source, m_destination);
+    EXPECT_EQ(ReadFile(m_destination), "xx");
+}
+
+TEST_F(ContextFileUtilTest, CopiesAfterAnEarlierLackOfMemory) {
+    WriteFile(m_source, "content");
+    errno = ENOMEM;
+    Copy(m_source, m_destination);
+    EXPECT_EQ(ReadFile(m_destination), "content");
+    errno = ENOMEM;
+    ContextFileUtil::Copy(nullptr, m_destination.c_str());
+    EXPECT_EQ(ReadFile(m_destination), "");
+}
+
+TEST_F(ContextFileUtilTest, CopiesWhenStandardInputIsClosed) {
+    WriteFile(m_source, "content");
+    const int input = dup(STDIN_FILENO);
+    close(STDIN_FILENO);
+    Copy(m_source, m_destination);
+    dup2(input, STDIN_FILENO);
+    close(input);
+    EXPECT_EQ(ReadFile(m_destination), "content");
+}
+
+TEST_F(ContextFileUtilTest, OpensTheFilesForTheCopyAlone) {
+    WriteFile(m_source, "content");
+    g_openFlags.clear();
+    Copy(m_source, m_destination);
+    ASSERT_EQ(g_openFlags.size(), 2U);
+    EXPECT_EQ(g_openFlags[0], O_RDONLY | O_CLOEXEC);
+    EXPECT_EQ(g_openFlags[1] & (O_ACCMODE | O_CLOEXEC), O_WRONLY | O_CLOEXEC);
 }
 
 TEST_F(ContextFileUtilTest, KeepsTheBeginningWhenTheDiskIsFull) {
@@ -364,11 +412,11 @@ TEST_F(ContextFileUtilTest, DoesNotCopyPermissions) {
     struct stat status {};
     WriteFile(m_source, "content");
     ASSERT_EQ(chmod(m_source.c_str(), 0711), 0);
-    const mode_t mask = umask(022);
+    const mode_t mask = umask(002);
     Copy(m_source, m_destination);
     umask(mask);
     ASSERT_EQ(stat(m_destination.c_str(), &status), 0);
-    EXPECT_EQ(status.st_mode & 07777, 0644U);
+    EXPECT_EQ(status.st_mode & 07777, 0664U);
 
     ASSERT_EQ(chmod(m_destination.c_str(), 0600), 0);
     Copy(m_source, m_destination);
