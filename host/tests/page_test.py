@@ -102,12 +102,14 @@ class PageTest(unittest.TestCase):
         many = "".join(f"m{index},Unit {index},,{1704067200 + 3600 * (index * 5 % 168)},600\n" for index in range(30))
         (folder / "many.csv").write_text(HEADER + many, encoding="utf-8")
         (folder / "none.csv").write_text(HEADER, encoding="utf-8")
+        (folder / "early.csv").write_text(HEADER + "x,X,,-86400,60\n", encoding="utf-8")
         with concurrent.futures.ThreadPoolExecutor() as pool:
             stores = [pool.submit(Store, folder, "real", HISTORIES / "tv_a.csv"),
                       pool.submit(Store, folder, "hostile", folder / "hostile.csv", zone="EST5EDT,M3.2.0,M11.1.0"),
                       pool.submit(Store, folder, "many", folder / "many.csv"),
-                      pool.submit(Store, folder, "none", folder / "none.csv")]
-        cls.real, cls.hostile, cls.many, cls.none = (store.result() for store in stores)
+                      pool.submit(Store, folder, "none", folder / "none.csv"),
+                      pool.submit(Store, folder, "early", folder / "early.csv")]
+        cls.real, cls.hostile, cls.many, cls.none, cls.early = (store.result() for store in stores)
         cls.browser = Browser(DRIVER, BROWSER, language="en-US", zone="Asia/Tokyo")
         cls.addClassCleanup(cls.browser.close)
 
@@ -363,6 +365,10 @@ class PageTest(unittest.TestCase):
         self.open(self.hostile)
         self.assertIn("time zone EST5EDT,M3.2.0,M11.1.0", self.texts("#about")[0])
         self.assertTrue(all(text.endswith(" UTC") for text in self.texts("#recent .number")))
+
+    def test_shows_the_time_of_a_use_before_1970(self):
+        self.open(self.early)
+        self.assertIn("Dec 30, 1969", self.texts("#recent li .number")[0])
 
     def test_says_that_an_empty_store_has_nothing_to_rank(self):
         self.open(self.none)

@@ -37,8 +37,8 @@ class ServingTest(HostCase):
             self.assertEqual(len(self.ask(port, "rank", "date")["list"]), 3)
             self.assertEqual(self.ask(port, "weekly")["Size"], 7)
             self.assertEqual(self.ask(port, "quit"), {"bye": True})
-            for request in (["rank"], ["rank", "best"], ["rank", "mru", "-1"], ["rank", "mru", "1x"], ["rank", "mru", "-0"],
-                            ["rank", "mru", "1", "2"], ["weekly", "now"], ["nonsense"]):
+            for request in (["rank"], ["rank", "best"], ["rank", "mru", "-1"], ["rank", "mru", "1x"],
+                            ["rank", "mru", "-0"], ["rank", "mru", "1", "2"], ["weekly", "now"], ["nonsense"]):
                 with self.subTest(request):
                     self.assertIn("rank mru|mfu|date [N]", self.ask(port, *request, status=3)["error"])
             with open("/dev/full", "wb") as full:
