@@ -92,12 +92,15 @@ class Tests:
             self._times[name] = time.monotonic() - begin
         return self._times[name]
 
-    def notice(self, names, library):
-        """@return whether a test fails or takes too long."""
-        return not all(self._run(name, library, 10 + 4 * self.time(name)) for name in sorted(names, key=self.time))
+    def notice(self, programs, library):
+        """@param programs  the program of each test, by name; null if it does not compile.
+        @return whether a test fails or takes too long."""
+        return not all(programs[name] and self._run(name, library, 10 + 4 * self.time(name), programs[name])
+                       for name in sorted(programs, key=self.time))
 
-    def _run(self, name, library, limit):
-        command = [*self._launchers[name], "--gtest_brief=1", "--gtest_fail_fast"]
+    def _run(self, name, library, limit, program=None):
+        command = [*self._launchers[name][:-1], program or self._launchers[name][-1],
+                   "--gtest_brief=1", "--gtest_fail_fast"]
         with subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
                               start_new_session=True, env={**os.environ, "LD_LIBRARY_PATH": str(library)}) as process:
             try:
@@ -118,12 +121,7 @@ class Worker:
         for part in ("src", "include"):
             shutil.copytree(ROOT / part, self.folder / part)
         commands = json.loads((BUILD / "compile_commands.json").read_text(encoding="utf-8"))
-        self._compile = {entry["file"]: self._own(entry["command"]) for entry in commands
-                         if entry["file"].startswith(f"{ROOT}/src/")}
-        link = subprocess.run(["ninja", "-C", BUILD, "-t", "commands", "liblumora-common.so"], check=True,
-                              capture_output=True, encoding="utf-8").stdout
-        link = next(line for line in link.splitlines() if " -shared " in line)
-        self._link = shlex.split(re.sub(r"^: && | && :$", "", link).split(" && ")[0])
+        self._compile = {entry["file"]: self._own(entry["command"]) for entry in commands}
         self._headers = first._headers if first else self._compile_headers()
         for source in sources():
             if first:
@@ -140,36 +138,53 @@ class Worker:
         names = {name for source in ROOT.glob("src/**/*") if source.is_file()
                  for name in re.findall(r"#include (<[^>]+>)", source.read_text(encoding="utf-8"))}
         header.write_text("".join(f"#include {name}\n" for name in sorted(names)), encoding="utf-8")
-        some = next(iter(self._compile.values()))
-        subprocess.run([*some, "-x", "c++-header", header, "-o", f"{header}.gch"], check=True)
+        some = next(command for file, command in self._compile.items() if file.startswith(f"{ROOT}/src/"))
+        subprocess.run([*some, "-O2", "-x", "c++-header", header, "-o", f"{header}.gch"], check=True)
         return header
 
     def _object(self, source):
         return self.folder / f"{source.stem}.o"
 
     def _own(self, command):
-        """@return the compiler call without its files, with the folders of this copy and optimised as delivered."""
+        """@return the compiler call without its files, with the folders of this copy."""
         words = shlex.split(command.replace(f"{ROOT}/src", f"{self.folder}/src")
                             .replace(f"{ROOT}/include", f"{self.folder}/include"))
         words = words[next(i for i, word in enumerate(words) if word.endswith("c++")):words.index("-o")]
-        return [word for word in words if word not in ("-Werror", "-O0")] + ["-O2", "-w"]
+        return [word for word in words if word != "-Werror"] + ["-w"]
 
     def _compile_one(self, source):
         """@return whether the source compiles."""
         copy = self.folder / source.relative_to(ROOT)
-        return subprocess.run([*self._compile[str(source)], "-include", self._headers, "-c", copy, "-o",
+        return subprocess.run([*self._compile[str(source)], "-O2", "-include", self._headers, "-c", copy, "-o",
                                self._object(source)], stderr=subprocess.DEVNULL).returncode == 0
 
-    def _link_all(self):
-        words = []
-        for word in self._link:
-            name = pathlib.Path(word).name
-            if name.endswith(".cpp.o"):
-                word = str(self.folder / (name.removesuffix(".cpp.o") + ".o"))
-            elif word.startswith("liblumora-common.so"):
-                word = str(self.folder / "liblumora-common.so.0")
-            words.append(word)
+    def _link_to(self, target, own_object):
+        """Links a target of the build with the objects and into the file of this copy."""
+        commands = subprocess.run(["ninja", "-C", BUILD, "-t", "commands", target], check=True, capture_output=True,
+                                  encoding="utf-8").stdout.splitlines()
+        words = shlex.split(commands[-1].removeprefix(": && ").split(" && ")[0])
+        output = words.index("-o") + 1
+        words[output] = str(self.folder / pathlib.Path(words[output]).name)
+        words = [own_object(word) if word.endswith(".cpp.o") else word for word in words]
         subprocess.run(words, check=True, cwd=BUILD)
+        return words[output]
+
+    def _link_all(self):
+        library = self._link_to((BUILD / "liblumora-common.so").resolve().name,
+                                lambda word: str(self.folder / pathlib.Path(word).name.replace(".cpp", "")))
+        pathlib.Path(library).replace(self.folder / "liblumora-common.so.0")
+
+    def _programs(self, path, names):
+        """@return the programs of the tests by name. Those that include a changed header themselves are compiled."""
+        programs = {name: f"{BUILD}/tests/{name}" for name in names}
+        for file, command in self._compile.items():
+            name = pathlib.Path(file).stem
+            if path.suffix == ".h" and name in programs and path.name in includes(pathlib.Path(file)):
+                own = self.folder / f"{name}.o"
+                compiled = subprocess.run([*command, "-c", file, "-o", own], stderr=subprocess.DEVNULL)
+                programs[name] = None if compiled.returncode else self._link_to(
+                    f"tests/{name}", lambda word, own=own: str(own) if word.endswith(f"/{own.stem}.cpp.o") else word)
+        return programs
 
     def try_change(self, path, change, tests, names):
         """@return what became of a changed file. Leaves the copy as it was."""
@@ -184,7 +199,7 @@ class Worker:
             if all(file.read_bytes() == content for file, content in before.items()):
                 return SAME
             self._link_all()
-            return KILLED if tests.notice(names, self.folder) else SURVIVED
+            return KILLED if tests.notice(self._programs(path, names), self.folder) else SURVIVED
         finally:
             copy.write_bytes(source)
             for file, content in before.items():
