@@ -3,9 +3,12 @@
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 
+#include <filesystem>
 #include <functional>
 #include <memory>
+#include <new>
 #include <string>
+#include <vector>
 
 #include "ContextDatabase.h"
 #include "ContextTimer.h"
@@ -28,7 +31,17 @@ void Record(const std::string& step) {
     }
 }
 
+thread_local int t_locks = 0;                        ///< mutexes that the thread locked while it recorded
+thread_local std::function<void(int)> t_beforeLock;  ///< runs before each with its number from 1, if set
+
 }  // namespace
+
+void g_mutex_lock(GMutex* mutex) {
+    if (t_steps != nullptr && t_beforeLock) {
+        t_beforeLock(++t_locks);
+    }
+    NextFunction<decltype(g_mutex_lock)>("g_mutex_lock")(mutex);
+}
 
 GThread* g_thread_new(const gchar* name, GThreadFunc entry, gpointer data) {
     Record("start thread");
@@ -130,6 +143,52 @@ TEST_F(ContextDatabaseStepTest, ForgetsTimerIdBeforeStoppingTimer) {
     g_beforeJoin = nullptr;
     EXPECT_EQ(CapturedLog::Messages(), Messages({"E NOT matched any timer", "E NOT matched any timer"}))
         << "not one line for each of the timer's two threads";
+}
+
+/// Constructs databases while "another thread" acts between two steps: the action runs on the test's own thread, just
+/// before the constructor locks a mutex for the given time.
+class ContextDatabaseRaceTest : public ContextDatabaseStepTest {
+protected:
+    ~ContextDatabaseRaceTest() override { Database().~ContextDatabase(); }
+
+    ContextDatabase& Database() { return *std::launder(reinterpret_cast<ContextDatabase*>(m_memory)); }
+
+    void ConstructWhile(int lock, const std::function<void()>& action) {
+        t_locks = 0;
+        t_beforeLock = [&](int number) {
+            if (number == lock) {
+                t_beforeLock = nullptr;
+                action();
+            }
+        };
+        StepsOf([&] { new (m_memory) ContextDatabase("x.db", kCreateTable); });
+        t_beforeLock = nullptr;
+    }
+
+private:
+    alignas(ContextDatabase) unsigned char m_memory[sizeof(ContextDatabase)];
+};
+
+TEST_F(ContextDatabaseRaceTest, KeepsFileThatWasOpenedInTheMeantime) {
+    ConstructWhile(/*lock=*/1, [this] { Database().ResetDatabase(); });
+    EXPECT_EQ(CapturedLog::Messages(), Join({ResetLines(), {"E DB already opened"}}));
+    EXPECT_TRUE(Database().IsRunning());
+    Rows rows;
+    EXPECT_TRUE(Database().SelectQuery("SELECT id FROM t", {}, rows)) << "the file has no table";
+}
+
+TEST_F(ContextDatabaseRaceTest, StaysClosedIfFileWasClosedInTheMeantime) {
+    ConstructWhile(/*lock=*/2, [this] {
+        std::filesystem::remove(DatabasePath());
+        std::filesystem::create_directories(DatabasePath() + "/full");  // a folder that a reset cannot remove
+        Database().ResetDatabase();
+        CapturedLog::Clear();
+    });
+    const std::vector<std::string> origins = CapturedLog::Origins();
+    ASSERT_FALSE(origins.empty());
+    EXPECT_EQ(origins[0], "6 ContextDatabase.cpp: CheckDatabaseIntegrity_ > DB not opened yet");
+    EXPECT_FALSE(Database().IsRunning());
+    std::filesystem::remove_all(DatabasePath());
 }
 
 }  // namespace
