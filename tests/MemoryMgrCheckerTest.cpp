@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <condition_variable>
 #include <cstddef>
 #include <cstdio>
@@ -14,6 +15,7 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "CapturedLog.h"
@@ -197,6 +199,7 @@ TEST_F(MemoryMgrCheckerTest, ReportsDamagedBlocksInTableOrder) {
     void* blocks[] = {Allocate(1, "a", 1), Allocate(1, "b", 2), Allocate(1, "c", 3)};
     ++HeaderOf(blocks[2])->nLine;
     ++HeaderOf(blocks[0])->nLine;
+    CMemoryManager::Release(std::exchange(blocks[1], nullptr));  // a free slot does not end the check
     Check(m_manager);
     const std::vector<std::string> messages = CapturedLog::Messages();
     ASSERT_EQ(messages.size(), 6U);
@@ -270,6 +273,33 @@ TEST_F(MemoryMgrCheckerTest, UnlocksMutexDuringPause) {
     EXPECT_NE(block, nullptr);
     CMemoryManager::Release(block);
     EXPECT_EQ(g_pauses.Entered().size(), 1U) << "the pause ended";
+}
+
+TEST_F(MemoryMgrCheckerTest, EveryUseOfTheTableWaitsForTheMutex) {
+    void* before = Allocate();
+    void* added = nullptr;
+    Waiting::Gate allocated;
+    Waiting::Gate released;
+    g_mutex_lock(&OpenManager::m_mutex);
+    ASSERT_TRUE(m_manager.Start());
+    std::thread allocating([&] {
+        added = Allocate();
+        allocated.Open();
+    });
+    std::thread releasing([&] {
+        CMemoryManager::Release(before);
+        released.Open();
+    });
+    EXPECT_FALSE(allocated.Wait(std::chrono::milliseconds(20)));
+    EXPECT_FALSE(released.Wait(std::chrono::milliseconds(20)));
+    EXPECT_TRUE(g_pauses.Entered().empty()) << "the checker did not wait";
+    g_mutex_unlock(&OpenManager::m_mutex);
+    EXPECT_TRUE(allocated.Wait());
+    EXPECT_TRUE(released.Wait());
+    EXPECT_TRUE(g_pauses.WaitFor(1));
+    allocating.join();
+    releasing.join();
+    CMemoryManager::Release(added);
 }
 
 TEST_F(MemoryMgrCheckerTest, DoesNotCheckWithoutInstance) {
