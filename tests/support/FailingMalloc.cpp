@@ -31,11 +31,32 @@ void* Counted(void* block) noexcept {
     return block;
 }
 
-}  // namespace
-
-extern "C" void* malloc(std::size_t size) noexcept {
+void* Allocate(std::size_t size) noexcept {
+#ifdef __SANITIZE_ADDRESS__
+    return Counted(AllocateUnlessFailing([size] { return std::malloc(size); }));
+#else
     static const auto original = NextFunction<void*(std::size_t)>("malloc");
     return Counted(AllocateUnlessFailing([size] { return original(size); }));
+#endif
+}
+
+void Release(void* block) noexcept {
+    t_live -= block != nullptr ? 1 : 0;
+#ifdef __SANITIZE_ADDRESS__
+    std::free(block);
+#else
+    static const auto original = NextFunction<void(void*)>("free");
+    original(block);
+#endif
+}
+
+}  // namespace
+
+// AddressSanitizer replaces malloc itself, before it is ready to call ours.
+#ifndef __SANITIZE_ADDRESS__
+
+extern "C" void* malloc(std::size_t size) noexcept {
+    return Allocate(size);
 }
 
 extern "C" void* calloc(std::size_t count, std::size_t size) noexcept {
@@ -50,14 +71,13 @@ extern "C" void* realloc(void* block, std::size_t size) noexcept {
 }
 
 extern "C" void free(void* block) noexcept {
-    static const auto original = NextFunction<void(void*)>("free");
-    t_live -= block != nullptr ? 1 : 0;
-    original(block);
+    Release(block);
 }
 
-// A sanitizer's operators do not call malloc.
+#endif
+
 void* operator new(std::size_t size) {
-    void* block = std::malloc(size == 0 ? 1 : size);
+    void* block = Allocate(size == 0 ? 1 : size);
     if (block == nullptr) {
         throw std::bad_alloc();
     }
@@ -69,19 +89,19 @@ void* operator new[](std::size_t size) {
 }
 
 void operator delete(void* block) noexcept {
-    std::free(block);
+    Release(block);
 }
 
 void operator delete(void* block, std::size_t /*size*/) noexcept {
-    std::free(block);
+    Release(block);
 }
 
 void operator delete[](void* block) noexcept {
-    std::free(block);
+    Release(block);
 }
 
 void operator delete[](void* block, std::size_t /*size*/) noexcept {
-    std::free(block);
+    Release(block);
 }
 
 FailingMalloc::FailingMalloc(int allowed, int failures) {

@@ -7,9 +7,16 @@
 /// Makes memory run out on the thread that created it, while it lives: the first `allowed` allocations succeed, the
 /// next `failures` allocations fail, later ones succeed again.
 ///
-/// A program that links it replaces `malloc` and its family and `operator new`, for all libraries too.
+/// A program that links it replaces `operator new` and, without AddressSanitizer, `malloc` and its family, for all
+/// libraries too.
 class FailingMalloc {
 public:
+#ifdef __SANITIZE_ADDRESS__
+    static constexpr bool kReplacesMalloc = false;
+#else
+    static constexpr bool kReplacesMalloc = true;
+#endif
+
     explicit FailingMalloc(int allowed, int failures = INT_MAX);
     ~FailingMalloc();
     FailingMalloc(const FailingMalloc&) = delete;
