@@ -5,6 +5,7 @@
 #include <chrono>
 #include <exception>
 #include <functional>
+#include <iterator>
 #include <new>
 #include <string>
 #include <vector>

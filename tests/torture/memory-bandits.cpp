@@ -69,8 +69,9 @@ void TryCopy(Try& tried) {
     Agent agent;
     agent.UpdateQ(3, 1);
     tried.Call([&] {
-        const Agent copy(agent);
-        tried.Holds(copy.Updates(3) == 1, "another copy");
+        Agent copy(agent);
+        copy.UpdateQ(3, 1);
+        tried.Holds(copy.Updates(3) == 2 && agent.Updates(3) == 1, "another copy");
     });
     HoldsLearning(tried, agent);
 }
@@ -104,47 +105,49 @@ double Beta() {
     return RandomBeta(2.0, 3.0);
 }
 
+constexpr Case kCases[] = {
+    {"RandomDouble()", TryVariate<RandomDouble>},
+    {"StandardExponential()", TryVariate<StandardExponential>},
+    {"Gauss()", TryVariate<Gauss>},
+    {"StandardGamma<double>(double)", TryVariate<Gamma>},
+    {"RandomBeta<double>(double const&, double const&)", TryVariate<Beta>},
+    {"ReinforcementLearningAgent::ReinforcementLearningAgent(int const&)", TryLife<Mfu>},
+    {"ReinforcementLearningAgent::ReinforcementLearningAgent(const ReinforcementLearningAgent&)", TryCopy<Mfu>},
+    {"ReinforcementLearningAgent::operator=(ReinforcementLearningAgent const&)", TryAssign<Mfu>},
+    {"ReinforcementLearningAgent::~ReinforcementLearningAgent()", TryLife<Softmax>},
+    {"ReinforcementLearningAgent::UpdateQ(int const&, int const&)", TryUpdate<Mfu>},
+    {"EpsilonGreedyAgent::EpsilonGreedyAgent(int const&, double const&)", TryLife<Epsilon>},
+    {"EpsilonGreedyAgent::EpsilonGreedyAgent(const EpsilonGreedyAgent&)", TryCopy<Epsilon>},
+    {"EpsilonGreedyAgent::operator=(const EpsilonGreedyAgent&)", TryAssign<Epsilon>},
+    {"EpsilonGreedyAgent::~EpsilonGreedyAgent()", TryLife<Epsilon>},
+    {"EpsilonGreedyAgent::ChooseAction()", TryChoose<Epsilon>},
+    {"SoftmaxAgent::SoftmaxAgent(int const&, double const&)", TryLife<Softmax>},
+    {"SoftmaxAgent::SoftmaxAgent(const SoftmaxAgent&)", TryCopy<Softmax>},
+    {"SoftmaxAgent::operator=(const SoftmaxAgent&)", TryAssign<Softmax>},
+    {"SoftmaxAgent::~SoftmaxAgent()", TryLife<Softmax>},
+    {"SoftmaxAgent::ChooseAction()", TryChoose<Softmax>},
+    {"MFUAgent::MFUAgent(int const&)", TryLife<Mfu>},
+    {"MFUAgent::MFUAgent(const MFUAgent&)", TryCopy<Mfu>},
+    {"MFUAgent::operator=(const MFUAgent&)", TryAssign<Mfu>},
+    {"MFUAgent::~MFUAgent()", TryLife<Mfu>},
+    {"MFUAgent::ChooseAction()", TryChoose<Mfu>},
+    {"ThomsonSamplingAgent::ThomsonSamplingAgent(int const&, double const&, double const&)", TryLife<Thomson>},
+    {"ThomsonSamplingAgent::ThomsonSamplingAgent(const ThomsonSamplingAgent&)", TryCopy<Thomson>},
+    {"ThomsonSamplingAgent::operator=(ThomsonSamplingAgent const&)", TryAssign<Thomson>},
+    {"ThomsonSamplingAgent::~ThomsonSamplingAgent()", TryLife<Thomson>},
+    {"ThomsonSamplingAgent::UpdateQ(int const&, int const&)", TryUpdate<Thomson>},
+    {"ThomsonSamplingAgent::ChooseAction()", TryChoose<Thomson>},
+    {"KalmanFilterAgent::KalmanFilterAgent(int const&, double const&, double const&, double const&, double const&)",
+     TryLife<Kalman>},
+    {"KalmanFilterAgent::KalmanFilterAgent(const KalmanFilterAgent&)", TryCopy<Kalman>},
+    {"KalmanFilterAgent::operator=(KalmanFilterAgent const&)", TryAssign<Kalman>},
+    {"KalmanFilterAgent::~KalmanFilterAgent()", TryLife<Kalman>},
+    {"KalmanFilterAgent::UpdateQ(int const&, int const&)", TryUpdate<Kalman>},
+    {"KalmanFilterAgent::ChooseAction()", TryChoose<Kalman>},
+};
+
 }  // namespace
 
 Cases BanditCases() {
-    return {
-        {"RandomDouble()", TryVariate<RandomDouble>},
-        {"StandardExponential()", TryVariate<StandardExponential>},
-        {"Gauss()", TryVariate<Gauss>},
-        {"StandardGamma<double>(double)", TryVariate<Gamma>},
-        {"RandomBeta<double>(double const&, double const&)", TryVariate<Beta>},
-        {"ReinforcementLearningAgent::ReinforcementLearningAgent(int const&)", TryLife<Mfu>},
-        {"ReinforcementLearningAgent::ReinforcementLearningAgent(const ReinforcementLearningAgent&)", TryCopy<Mfu>},
-        {"ReinforcementLearningAgent::operator=(ReinforcementLearningAgent const&)", TryAssign<Mfu>},
-        {"ReinforcementLearningAgent::~ReinforcementLearningAgent()", TryLife<Softmax>},
-        {"ReinforcementLearningAgent::UpdateQ(int const&, int const&)", TryUpdate<Mfu>},
-        {"EpsilonGreedyAgent::EpsilonGreedyAgent(int const&, double const&)", TryLife<Epsilon>},
-        {"EpsilonGreedyAgent::EpsilonGreedyAgent(const EpsilonGreedyAgent&)", TryCopy<Epsilon>},
-        {"EpsilonGreedyAgent::operator=(const EpsilonGreedyAgent&)", TryAssign<Epsilon>},
-        {"EpsilonGreedyAgent::~EpsilonGreedyAgent()", TryLife<Epsilon>},
-        {"EpsilonGreedyAgent::ChooseAction()", TryChoose<Epsilon>},
-        {"SoftmaxAgent::SoftmaxAgent(int const&, double const&)", TryLife<Softmax>},
-        {"SoftmaxAgent::SoftmaxAgent(const SoftmaxAgent&)", TryCopy<Softmax>},
-        {"SoftmaxAgent::operator=(const SoftmaxAgent&)", TryAssign<Softmax>},
-        {"SoftmaxAgent::~SoftmaxAgent()", TryLife<Softmax>},
-        {"SoftmaxAgent::ChooseAction()", TryChoose<Softmax>},
-        {"MFUAgent::MFUAgent(int const&)", TryLife<Mfu>},
-        {"MFUAgent::MFUAgent(const MFUAgent&)", TryCopy<Mfu>},
-        {"MFUAgent::operator=(const MFUAgent&)", TryAssign<Mfu>},
-        {"MFUAgent::~MFUAgent()", TryLife<Mfu>},
-        {"MFUAgent::ChooseAction()", TryChoose<Mfu>},
-        {"ThomsonSamplingAgent::ThomsonSamplingAgent(int const&, double const&, double const&)", TryLife<Thomson>},
-        {"ThomsonSamplingAgent::ThomsonSamplingAgent(const ThomsonSamplingAgent&)", TryCopy<Thomson>},
-        {"ThomsonSamplingAgent::operator=(ThomsonSamplingAgent const&)", TryAssign<Thomson>},
-        {"ThomsonSamplingAgent::~ThomsonSamplingAgent()", TryLife<Thomson>},
-        {"ThomsonSamplingAgent::UpdateQ(int const&, int const&)", TryUpdate<Thomson>},
-        {"ThomsonSamplingAgent::ChooseAction()", TryChoose<Thomson>},
-        {"KalmanFilterAgent::KalmanFilterAgent(int const&, double const&, double const&, double const&, double const&)",
-         TryLife<Kalman>},
-        {"KalmanFilterAgent::KalmanFilterAgent(const KalmanFilterAgent&)", TryCopy<Kalman>},
-        {"KalmanFilterAgent::operator=(KalmanFilterAgent const&)", TryAssign<Kalman>},
-        {"KalmanFilterAgent::~KalmanFilterAgent()", TryLife<Kalman>},
-        {"KalmanFilterAgent::UpdateQ(int const&, int const&)", TryUpdate<Kalman>},
-        {"KalmanFilterAgent::ChooseAction()", TryChoose<Kalman>},
-    };
+    return {std::begin(kCases), std::end(kCases)};
 }

@@ -175,161 +175,158 @@ CuratorBaseData7x24 Week() {
     return week;
 }
 
+constexpr Case kCases[] = {
+    {"CCuratorAgent::CCuratorAgent(ECuratorAgentType const&, int const&, int const&)", TryAgentLife},
+    {"CCuratorAgent::~CCuratorAgent()",
+     [](Try& tried) {
+         std::optional<Agent> agent(CURATOR_AGENT_DATE);
+         tried.Call([&] { agent.reset(); });
+         tried.Returns();
+     }},
+    {"CCuratorAgent::LearnHistory(CuratorBaseData const&)", [](Try& tried) { TryLearn(tried, CURATOR_AGENT_MRU); }},
+    {"CCuratorAgent::LearnHistory(CuratorBaseData const&)", [](Try& tried) { TryLearn(tried, CURATOR_AGENT_MFU); }},
+    {"CCuratorAgent::LearnHistory(CuratorBaseData const&)", [](Try& tried) { TryLearn(tried, CURATOR_AGENT_DATE); }},
+    {"CCuratorAgent::LearnHistorys(std::vector<CuratorBaseData> const&)",
+     [](Try& tried) {
+         Agent agent(CURATOR_AGENT_DATE, /*isTaught=*/false);
+         const std::vector<CuratorBaseData> usages = ThreeUsages();
+         tried.Call([&] { agent.LearnHistorys(usages); });
+         tried.Holds(!tried.HasPassed() || Ids(agent.RunCurate()) == "bca", "has not learnt");
+         HoldsRanking(tried, agent);
+     }},
+    {"CCuratorAgent::RunCurate()",
+     [](Try& tried) {
+         Agent agent;
+         std::list<CuratorBaseData> ranking;
+         tried.Call([&] { ranking = agent.RunCurate(); });
+         tried.Holds(!tried.HasPassed() || Ids(ranking) == "bca", "wrong ranking");
+         HoldsRanking(tried, agent);
+     }},
+    {"CCuratorAgent::RunCurate7x24()",
+     [](Try& tried) {
+         Agent agent(CURATOR_AGENT_DATE);
+         CuratorBaseData7x24 week;
+         tried.Call([&] { week = agent.RunCurate7x24(); });
+         tried.Holds(!tried.HasPassed() || Ids(week.m_listData[2][23]) == "bca", "wrong ranking");
+         HoldsRanking(tried, agent);
+     }},
+    {"CCuratorBaseUnit::CCuratorBaseUnit(std::string const&)", TryUnitLife<CCuratorMFUUnit>},
+    {"CCuratorBaseUnit::CCuratorBaseUnit(const CCuratorBaseUnit&)", TryUnitCopy},
+    {"CCuratorBaseUnit::operator=(CCuratorBaseUnit const&)", TryUnitAssign},
+    {"CCuratorBaseUnit::~CCuratorBaseUnit()", TryUnitLife<CCuratorDateUnit>},
+    {"CCuratorMRUUnit::CCuratorMRUUnit(std::string const&)", TryUnitLife<CCuratorMRUUnit>},
+    {"CCuratorMRUUnit::LearnHistory(CuratorBaseData const&, double)", TryUnitLearn<CCuratorMRUUnit>},
+    {"CCuratorMRUUnit::GetScore()", TryUnitScore<CCuratorMRUUnit>},
+    {"CCuratorMRUUnit::GetScore(int const&, int const&)", TryUnitScoreOfHour<CCuratorMRUUnit>},
+    {"CCuratorMFUUnit::CCuratorMFUUnit(std::string const&)", TryUnitLife<CCuratorMFUUnit>},
+    {"CCuratorMFUUnit::LearnHistory(CuratorBaseData const&, double)", TryUnitLearn<CCuratorMFUUnit>},
+    {"CCuratorMFUUnit::GetScore()", TryUnitScore<CCuratorMFUUnit>},
+    {"CCuratorMFUUnit::GetScore(int const&, int const&)", TryUnitScoreOfHour<CCuratorMFUUnit>},
+    {"CCuratorDateUnit::CCuratorDateUnit(std::string const&)", TryUnitLife<CCuratorDateUnit>},
+    {"CCuratorDateUnit::LearnHistory(CuratorBaseData const&, double)", TryUnitLearn<CCuratorDateUnit>},
+    {"CCuratorDateUnit::GetScore()", TryUnitScore<CCuratorDateUnit>},
+    {"CCuratorDateUnit::GetScore(int const&, int const&)", TryUnitScoreOfHour<CCuratorDateUnit>},
+    {"CuratorBaseData::CuratorBaseData()",
+     [](Try& tried) {
+         tried.Call([] { const CuratorBaseData record; });
+         tried.Returns();
+     }},
+    {"CuratorBaseData::~CuratorBaseData()",
+     [](Try& tried) {
+         std::optional<CuratorBaseData> record(Usage("a"));
+         tried.Call([&] { record.reset(); });
+         tried.Returns();
+     }},
+    {"CuratorBaseData::CuratorBaseData(const CuratorBaseData&)",
+     [](Try& tried) {
+         TryRecord(tried, [](CuratorBaseData& record) {
+             const CuratorBaseData copy(record);
+             return copy.m_strMetaData == record.m_strMetaData;
+         });
+     }},
+    {"CuratorBaseData::CuratorBaseData(CuratorBaseData&&)",
+     [](Try& tried) {
+         TryRecord(tried, [](CuratorBaseData& record) {
+             const CuratorBaseData moved(std::move(record));
+             return moved.m_nDuration == 600;
+         });
+         tried.Returns();
+     }},
+    {"CuratorBaseData::operator=(const CuratorBaseData&)",
+     [](Try& tried) {
+         TryRecord(tried, [](CuratorBaseData& record) {
+             CuratorBaseData copy;
+             copy = record;
+             return copy.m_strMetaData == record.m_strMetaData;
+         });
+     }},
+    {"CuratorBaseData::operator=(CuratorBaseData&&)",
+     [](Try& tried) {
+         TryRecord(tried, [](CuratorBaseData& record) {
+             CuratorBaseData moved;
+             moved = std::move(record);
+             return moved.m_nDuration == 600;
+         });
+         tried.Returns();
+     }},
+    {"CuratorBaseData::clear()",
+     [](Try& tried) {
+         TryRecord(tried, [](CuratorBaseData& record) {
+             record.clear();
+             return record.m_strMetaData.empty() && record.m_nDuration == 0;
+         });
+         tried.Returns();
+     }},
+    {"CuratorBaseData::SetUnitId(const std::string&)",
+     [](Try& tried) {
+         const std::string text(100, 'x');
+         TryRecord(tried, [&](CuratorBaseData& record) {
+             record.SetUnitId(text);
+             return record.GetUnitId() == text;
+         });
+     }},
+    {"CuratorBaseData::SetUnitName(const std::string&)",
+     [](Try& tried) {
+         const std::string text(100, 'x');
+         TryRecord(tried, [&](CuratorBaseData& record) {
+             record.SetUnitName(text);
+             return record.GetUnitName() == text;
+         });
+     }},
+    {"CuratorBaseData::SetUnitDeviceName(const std::string&)",
+     [](Try& tried) {
+         const std::string text(100, 'x');
+         TryRecord(tried, [&](CuratorBaseData& record) {
+             record.SetUnitDeviceName(text);
+             return record.GetUnitDeviceName() == text;
+         });
+     }},
+    {"CuratorBaseData::GetUnitId()",
+     [](Try& tried) { TryRecord(tried, [](CuratorBaseData& record) { return record.GetUnitId().back() == 'a'; }); }},
+    {"CuratorBaseData::GetUnitName()",
+     [](Try& tried) { TryRecord(tried, [](CuratorBaseData& record) { return record.GetUnitName().empty(); }); }},
+    {"CuratorBaseData::GetUnitDeviceName()",
+     [](Try& tried) { TryRecord(tried, [](CuratorBaseData& record) { return record.GetUnitDeviceName().empty(); }); }},
+    {"IsSequenceEqual(std::list<CuratorBaseData> const&, std::list<CuratorBaseData> const&)",
+     [](Try& tried) { TryComparing(tried, Ranking(), Ranking()); }},
+    {"IsSequenceEqual(CuratorBaseData7x24 const&, CuratorBaseData7x24 const&)",
+     [](Try& tried) { TryComparing(tried, Week(), Week()); }},
+    {"CuratorData2ContextData(CuratorBaseData const&, ContextData&)",
+     [](Try& tried) {
+         const CuratorBaseData record = Usage("a");
+         ContextData out;
+         tried.Call([&] { CuratorData2ContextData(record, out); });
+         tried.AllowJsonError();
+         tried.Holds(!tried.HasPassed() || out.GetValueStr("Id") == kPrefix + "a", "wrong text");
+     }},
+    {"CurationResult2JsonData(std::list<CuratorBaseData> const&, void (*)(CuratorBaseData const&, ContextData&))",
+     [](Try& tried) { TryWriting(tried, Ranking()); }},
+    {"CurationResult2JsonData(CuratorBaseData7x24 const&, void (*)(CuratorBaseData const&, ContextData&))",
+     [](Try& tried) { TryWriting(tried, Week()); }},
+};
+
 }  // namespace
 
 Cases CurationCases() {
-    return {
-        {"CCuratorAgent::CCuratorAgent(ECuratorAgentType const&, int const&, int const&)", TryAgentLife},
-        {"CCuratorAgent::~CCuratorAgent()",
-         [](Try& tried) {
-             std::optional<Agent> agent(CURATOR_AGENT_DATE);
-             tried.Call([&] { agent.reset(); });
-             tried.Returns();
-         }},
-        {"CCuratorAgent::LearnHistory(CuratorBaseData const&)", [](Try& tried) { TryLearn(tried, CURATOR_AGENT_MRU); }},
-        {"CCuratorAgent::LearnHistory(CuratorBaseData const&)", [](Try& tried) { TryLearn(tried, CURATOR_AGENT_MFU); }},
-        {"CCuratorAgent::LearnHistory(CuratorBaseData const&)",
-         [](Try& tried) { TryLearn(tried, CURATOR_AGENT_DATE); }},
-        {"CCuratorAgent::LearnHistorys(std::vector<CuratorBaseData> const&)",
-         [](Try& tried) {
-             Agent agent(CURATOR_AGENT_DATE, /*isTaught=*/false);
-             const std::vector<CuratorBaseData> usages = ThreeUsages();
-             tried.Call([&] { agent.LearnHistorys(usages); });
-             tried.Holds(!tried.HasPassed() || Ids(agent.RunCurate()) == "bca", "has not learnt");
-             HoldsRanking(tried, agent);
-         }},
-        {"CCuratorAgent::RunCurate()",
-         [](Try& tried) {
-             Agent agent;
-             std::list<CuratorBaseData> ranking;
-             tried.Call([&] { ranking = agent.RunCurate(); });
-             tried.Holds(!tried.HasPassed() || Ids(ranking) == "bca", "wrong ranking");
-             HoldsRanking(tried, agent);
-         }},
-        {"CCuratorAgent::RunCurate7x24()",
-         [](Try& tried) {
-             Agent agent(CURATOR_AGENT_DATE);
-             CuratorBaseData7x24 week;
-             tried.Call([&] { week = agent.RunCurate7x24(); });
-             tried.Holds(!tried.HasPassed() || Ids(week.m_listData[2][23]) == "bca", "wrong ranking");
-             HoldsRanking(tried, agent);
-         }},
-        {"CCuratorBaseUnit::CCuratorBaseUnit(std::string const&)", TryUnitLife<CCuratorMFUUnit>},
-        {"CCuratorBaseUnit::CCuratorBaseUnit(const CCuratorBaseUnit&)", TryUnitCopy},
-        {"CCuratorBaseUnit::operator=(CCuratorBaseUnit const&)", TryUnitAssign},
-        {"CCuratorBaseUnit::~CCuratorBaseUnit()", TryUnitLife<CCuratorDateUnit>},
-        {"CCuratorMRUUnit::CCuratorMRUUnit(std::string const&)", TryUnitLife<CCuratorMRUUnit>},
-        {"CCuratorMRUUnit::LearnHistory(CuratorBaseData const&, double)", TryUnitLearn<CCuratorMRUUnit>},
-        {"CCuratorMRUUnit::GetScore()", TryUnitScore<CCuratorMRUUnit>},
-        {"CCuratorMRUUnit::GetScore(int const&, int const&)", TryUnitScoreOfHour<CCuratorMRUUnit>},
-        {"CCuratorMFUUnit::CCuratorMFUUnit(std::string const&)", TryUnitLife<CCuratorMFUUnit>},
-        {"CCuratorMFUUnit::LearnHistory(CuratorBaseData const&, double)", TryUnitLearn<CCuratorMFUUnit>},
-        {"CCuratorMFUUnit::GetScore()", TryUnitScore<CCuratorMFUUnit>},
-        {"CCuratorMFUUnit::GetScore(int const&, int const&)", TryUnitScoreOfHour<CCuratorMFUUnit>},
-        {"CCuratorDateUnit::CCuratorDateUnit(std::string const&)", TryUnitLife<CCuratorDateUnit>},
-        {"CCuratorDateUnit::LearnHistory(CuratorBaseData const&, double)", TryUnitLearn<CCuratorDateUnit>},
-        {"CCuratorDateUnit::GetScore()", TryUnitScore<CCuratorDateUnit>},
-        {"CCuratorDateUnit::GetScore(int const&, int const&)", TryUnitScoreOfHour<CCuratorDateUnit>},
-        {"CuratorBaseData::CuratorBaseData()",
-         [](Try& tried) {
-             tried.Call([] { const CuratorBaseData record; });
-             tried.Returns();
-         }},
-        {"CuratorBaseData::~CuratorBaseData()",
-         [](Try& tried) {
-             std::optional<CuratorBaseData> record(Usage("a"));
-             tried.Call([&] { record.reset(); });
-             tried.Returns();
-         }},
-        {"CuratorBaseData::CuratorBaseData(const CuratorBaseData&)",
-         [](Try& tried) {
-             TryRecord(tried, [](CuratorBaseData& record) {
-                 const CuratorBaseData copy(record);
-                 return copy.m_strMetaData == record.m_strMetaData;
-             });
-         }},
-        {"CuratorBaseData::CuratorBaseData(CuratorBaseData&&)",
-         [](Try& tried) {
-             TryRecord(tried, [](CuratorBaseData& record) {
-                 const CuratorBaseData moved(std::move(record));
-                 return moved.m_nDuration == 600;
-             });
-             tried.Returns();
-         }},
-        {"CuratorBaseData::operator=(const CuratorBaseData&)",
-         [](Try& tried) {
-             TryRecord(tried, [](CuratorBaseData& record) {
-                 CuratorBaseData copy;
-                 copy = record;
-                 return copy.m_strMetaData == record.m_strMetaData;
-             });
-         }},
-        {"CuratorBaseData::operator=(CuratorBaseData&&)",
-         [](Try& tried) {
-             TryRecord(tried, [](CuratorBaseData& record) {
-                 CuratorBaseData moved;
-                 moved = std::move(record);
-                 return moved.m_nDuration == 600;
-             });
-             tried.Returns();
-         }},
-        {"CuratorBaseData::clear()",
-         [](Try& tried) {
-             TryRecord(tried, [](CuratorBaseData& record) {
-                 record.clear();
-                 return record.m_strMetaData.empty() && record.m_nDuration == 0;
-             });
-             tried.Returns();
-         }},
-        {"CuratorBaseData::SetUnitId(const std::string&)",
-         [](Try& tried) {
-             const std::string text(100, 'x');
-             TryRecord(tried, [&](CuratorBaseData& record) {
-                 record.SetUnitId(text);
-                 return record.GetUnitId() == text;
-             });
-         }},
-        {"CuratorBaseData::SetUnitName(const std::string&)",
-         [](Try& tried) {
-             const std::string text(100, 'x');
-             TryRecord(tried, [&](CuratorBaseData& record) {
-                 record.SetUnitName(text);
-                 return record.GetUnitName() == text;
-             });
-         }},
-        {"CuratorBaseData::SetUnitDeviceName(const std::string&)",
-         [](Try& tried) {
-             const std::string text(100, 'x');
-             TryRecord(tried, [&](CuratorBaseData& record) {
-                 record.SetUnitDeviceName(text);
-                 return record.GetUnitDeviceName() == text;
-             });
-         }},
-        {"CuratorBaseData::GetUnitId()",
-         [](Try& tried) {
-             TryRecord(tried, [](CuratorBaseData& record) { return record.GetUnitId().back() == 'a'; });
-         }},
-        {"CuratorBaseData::GetUnitName()",
-         [](Try& tried) { TryRecord(tried, [](CuratorBaseData& record) { return record.GetUnitName().empty(); }); }},
-        {"CuratorBaseData::GetUnitDeviceName()",
-         [](Try& tried) {
-             TryRecord(tried, [](CuratorBaseData& record) { return record.GetUnitDeviceName().empty(); });
-         }},
-        {"IsSequenceEqual(std::list<CuratorBaseData> const&, std::list<CuratorBaseData> const&)",
-         [](Try& tried) { TryComparing(tried, Ranking(), Ranking()); }},
-        {"IsSequenceEqual(CuratorBaseData7x24 const&, CuratorBaseData7x24 const&)",
-         [](Try& tried) { TryComparing(tried, Week(), Week()); }},
-        {"CuratorData2ContextData(CuratorBaseData const&, ContextData&)",
-         [](Try& tried) {
-             const CuratorBaseData record = Usage("a");
-             ContextData out;
-             tried.Call([&] { CuratorData2ContextData(record, out); });
-             tried.AllowJsonError();
-             tried.Holds(!tried.HasPassed() || out.GetValueStr("Id") == kPrefix + "a", "wrong text");
-         }},
-        {"CurationResult2JsonData(std::list<CuratorBaseData> const&, void (*)(CuratorBaseData const&, ContextData&))",
-         [](Try& tried) { TryWriting(tried, Ranking()); }},
-        {"CurationResult2JsonData(CuratorBaseData7x24 const&, void (*)(CuratorBaseData const&, ContextData&))",
-         [](Try& tried) { TryWriting(tried, Week()); }},
-    };
+    return {std::begin(kCases), std::end(kCases)};
 }

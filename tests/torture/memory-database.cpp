@@ -282,58 +282,58 @@ void TryValue(Try& tried, Function function) {
     HoldsWriting(tried, database);
 }
 
+constexpr Case kCases[] = {
+    {"ContextDatabase::ContextDatabase(std::string, std::string)", TryOpening},
+    {"ContextDatabase::ContextDatabase(std::string, std::string, int)", TryOpeningWithTimer, "timerData != __null"},
+    {"ContextDatabase::ContextDatabase(std::string, std::string, int)", TryFlushAfterOpening, "timerData != __null"},
+    {"ContextDatabase::~ContextDatabase()", [](Try& tried) { TryClosing(tried, kNever); }, "ptimerId != __null"},
+    {"ContextDatabase::SetQueryValue(ValueList&, std::string)",
+     [](Try& tried) {
+         TryValue(tried, [](ContextDatabase& database, ContextDatabase::ValueList& values) {
+             database.SetQueryValue(values, kLongText);
+         });
+     }},
+    {"ContextDatabase::SetQueryValue(ValueList&, char const*)",
+     [](Try& tried) {
+         TryValue(tried, [](ContextDatabase& database, ContextDatabase::ValueList& values) {
+             database.SetQueryValue(values, "text");
+         });
+     }},
+    {"ContextDatabase::SetQueryValue(ValueList&, int)",
+     [](Try& tried) {
+         TryValue(tried, [](ContextDatabase& database, ContextDatabase::ValueList& values) {
+             database.SetQueryValue(values, 1);
+         });
+     }},
+    {"ContextDatabase::SetQueryValue(ValueList&, long)",
+     [](Try& tried) {
+         TryValue(tried, [](ContextDatabase& database, ContextDatabase::ValueList& values) {
+             database.SetQueryValue(values, 1L);
+         });
+     }},
+    {"ContextDatabase::ExecuteQuery(char const*, ValueList const&, bool)", TryImmediate},
+    {"ContextDatabase::ExecuteQuery(char const*, ValueList const&, bool)", TryDeferring, ""},
+    {"ContextDatabase::SelectQuery(char const*, ValueList const&, Rows&)", [](Try& tried) { TrySelect(tried, ""); }},
+    {"ContextDatabase::SelectQuery(char const*, ValueList const&, Rows&)",
+     [](Try& tried) { TrySelect(tried, "PRAGMA encoding='UTF-16'; "); }},
+    {"ContextDatabase::ResetDatabase()", TryReset},
+    {"ContextDatabase::IsRunning()",
+     [](Try& tried) {
+         const Folder folder;
+         ContextDatabase database("x.db", kCreate);
+         bool isRunning = false;
+         tried.Call([&] { isRunning = database.IsRunning(); });
+         tried.Returns();
+         tried.Holds(isRunning, "closed");
+     }},
+    {"ContextDatabase::OnTimerCb(int)", TryFlush, ""},
+    {"ContextDatabase::OnTimerCb(int)", TryFlushOnTimer, ""},
+};
+
 }  // namespace
 
 Cases DatabaseCases() {
     int (*extension)(sqlite3*, char**, const sqlite3_api_routines*) = AddMark;
     sqlite3_auto_extension(reinterpret_cast<void (*)()>(extension));
-    return {
-        {"ContextDatabase::ContextDatabase(std::string, std::string)", TryOpening},
-        {"ContextDatabase::ContextDatabase(std::string, std::string, int)", TryOpeningWithTimer, "timerData != __null"},
-        {"ContextDatabase::ContextDatabase(std::string, std::string, int)", TryFlushAfterOpening,
-         "timerData != __null"},
-        {"ContextDatabase::~ContextDatabase()", [](Try& tried) { TryClosing(tried, kNever); }, "ptimerId != __null"},
-        {"ContextDatabase::SetQueryValue(ValueList&, std::string)",
-         [](Try& tried) {
-             TryValue(tried, [](ContextDatabase& database, ContextDatabase::ValueList& values) {
-                 database.SetQueryValue(values, kLongText);
-             });
-         }},
-        {"ContextDatabase::SetQueryValue(ValueList&, char const*)",
-         [](Try& tried) {
-             TryValue(tried, [](ContextDatabase& database, ContextDatabase::ValueList& values) {
-                 database.SetQueryValue(values, "text");
-             });
-         }},
-        {"ContextDatabase::SetQueryValue(ValueList&, int)",
-         [](Try& tried) {
-             TryValue(tried, [](ContextDatabase& database, ContextDatabase::ValueList& values) {
-                 database.SetQueryValue(values, 1);
-             });
-         }},
-        {"ContextDatabase::SetQueryValue(ValueList&, long)",
-         [](Try& tried) {
-             TryValue(tried, [](ContextDatabase& database, ContextDatabase::ValueList& values) {
-                 database.SetQueryValue(values, 1L);
-             });
-         }},
-        {"ContextDatabase::ExecuteQuery(char const*, ValueList const&, bool)", TryImmediate},
-        {"ContextDatabase::ExecuteQuery(char const*, ValueList const&, bool)", TryDeferring, ""},
-        {"ContextDatabase::SelectQuery(char const*, ValueList const&, Rows&)",
-         [](Try& tried) { TrySelect(tried, ""); }},
-        {"ContextDatabase::SelectQuery(char const*, ValueList const&, Rows&)",
-         [](Try& tried) { TrySelect(tried, "PRAGMA encoding='UTF-16'; "); }},
-        {"ContextDatabase::ResetDatabase()", TryReset},
-        {"ContextDatabase::IsRunning()",
-         [](Try& tried) {
-             const Folder folder;
-             ContextDatabase database("x.db", kCreate);
-             bool isRunning = false;
-             tried.Call([&] { isRunning = database.IsRunning(); });
-             tried.Returns();
-             tried.Holds(isRunning, "closed");
-         }},
-        {"ContextDatabase::OnTimerCb(int)", TryFlush, ""},
-        {"ContextDatabase::OnTimerCb(int)", TryFlushOnTimer, ""},
-    };
+    return {std::begin(kCases), std::end(kCases)};
 }

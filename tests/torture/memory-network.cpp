@@ -78,11 +78,13 @@ public:
     Listener() : m_fd(NetUtil::BindPort(0)), m_client(socket(AF_INET, SOCK_STREAM, 0)) {
         sockaddr_in address{};
         socklen_t size = sizeof(address);
-        listen(m_fd, 1);
-        getsockname(m_fd, reinterpret_cast<sockaddr*>(&address), &size);
+        const bool isBound =
+            listen(m_fd, 1) == 0 && getsockname(m_fd, reinterpret_cast<sockaddr*>(&address), &size) == 0;
         m_port = ntohs(address.sin_port);
         address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        connect(m_client, reinterpret_cast<const sockaddr*>(&address), sizeof(address));
+        if (!isBound || connect(m_client, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
+            std::abort();
+        }
     }
     ~Listener() {
         close(m_client);
@@ -111,63 +113,64 @@ void TryConnection(Try& tried, Function function) {
     close(fd);
 }
 
+constexpr Case kCases[] = {
+    {"Network::NetUtil::getMessage(int, char*, int, int&)",
+     [](Try& tried) {
+         const Pair pair;
+         pair.Send(kFrame, sizeof(kFrame));
+         char buffer[100] = {};
+         int length = 0;
+         int result = -1;
+         tried.Call([&] { result = NetUtil::getMessage(pair.Library(), buffer, sizeof(buffer), length); });
+         tried.Returns();
+         tried.Holds(result == 0 && length == 6 && std::strcmp(buffer, "a text") == 0, "wrong result");
+     }},
+    {"Network::NetUtil::sendMessage(int, char*, int)",
+     [](Try& tried) {
+         TrySending(
+             tried, [](int fd) { return NetUtil::sendMessage(fd, g_text, 6) == 0; },
+             std::string(kFrame, sizeof(kFrame)));
+     }},
+    {"Network::NetUtil::SendData(int, char const*, int)",
+     [](Try& tried) {
+         TrySending(
+             tried, [](int fd) { return NetUtil::SendData(fd, g_text, 0); }, std::string(kFrame, sizeof(kFrame)));
+     }},
+    {"Network::NetUtil::GetReply(int)", [](Try& tried) { TryReply(tried, [](int fd) { NetUtil::GetReply(fd); }); }},
+    {"Network::NetUtil::GetReply(int, char const*)",
+     [](Try& tried) { TryReply(tried, [](int fd) { NetUtil::GetReply(fd, "label"); }); }},
+    {"Network::NetUtil::SendStringData(int, char const*)",
+     [](Try& tried) {
+         const std::string text(100 - 40, 'x');
+         TrySending(
+             tried, [&](int fd) { return NetUtil::SendStringData(fd, text.c_str()); }, text + "\n");
+     }},
+    {"Network::NetUtil::SendRawData(int, char const*, int)",
+     [](Try& tried) {
+         TrySending(
+             tried, [](int fd) { return NetUtil::SendRawData(fd, g_text, 6); }, g_text);
+     }},
+    {"Network::NetUtil::BindPort(int)",
+     [](Try& tried) { TryConnection(tried, [](const Listener& /*listener*/) { return NetUtil::BindPort(0); }); }},
+    {"Network::NetUtil::AcceptNewSocketBlock(int)",
+     [](Try& tried) {
+         TryConnection(tried,
+                       [](const Listener& listener) { return NetUtil::AcceptNewSocketBlock(listener.Descriptor()); });
+     }},
+    {"Network::NetUtil::AcceptNewSocket(int, int)",
+     [](Try& tried) {
+         TryConnection(tried,
+                       [](const Listener& listener) { return NetUtil::AcceptNewSocket(listener.Descriptor(), 10); });
+     }},
+    {"Network::NetUtil::ConnectNewSocket(char const*, int)",
+     [](Try& tried) {
+         TryConnection(
+             tried, [](const Listener& listener) { return NetUtil::ConnectNewSocket("127.0.0.1", listener.Port()); });
+     }},
+};
+
 }  // namespace
 
 Cases NetworkCases() {
-    return {
-        {"Network::NetUtil::getMessage(int, char*, int, int&)",
-         [](Try& tried) {
-             const Pair pair;
-             pair.Send(kFrame, sizeof(kFrame));
-             char buffer[100] = {};
-             int length = 0;
-             int result = -1;
-             tried.Call([&] { result = NetUtil::getMessage(pair.Library(), buffer, sizeof(buffer), length); });
-             tried.Returns();
-             tried.Holds(result == 0 && length == 6 && std::strcmp(buffer, "a text") == 0, "wrong result");
-         }},
-        {"Network::NetUtil::sendMessage(int, char*, int)",
-         [](Try& tried) {
-             TrySending(
-                 tried, [](int fd) { return NetUtil::sendMessage(fd, g_text, 6) == 0; },
-                 std::string(kFrame, sizeof(kFrame)));
-         }},
-        {"Network::NetUtil::SendData(int, char const*, int)",
-         [](Try& tried) {
-             TrySending(
-                 tried, [](int fd) { return NetUtil::SendData(fd, g_text, 0); }, std::string(kFrame, sizeof(kFrame)));
-         }},
-        {"Network::NetUtil::GetReply(int)", [](Try& tried) { TryReply(tried, [](int fd) { NetUtil::GetReply(fd); }); }},
-        {"Network::NetUtil::GetReply(int, char const*)",
-         [](Try& tried) { TryReply(tried, [](int fd) { NetUtil::GetReply(fd, "label"); }); }},
-        {"Network::NetUtil::SendStringData(int, char const*)",
-         [](Try& tried) {
-             const std::string text(100 - 40, 'x');
-             TrySending(
-                 tried, [&](int fd) { return NetUtil::SendStringData(fd, text.c_str()); }, text + "\n");
-         }},
-        {"Network::NetUtil::SendRawData(int, char const*, int)",
-         [](Try& tried) {
-             TrySending(
-                 tried, [](int fd) { return NetUtil::SendRawData(fd, g_text, 6); }, g_text);
-         }},
-        {"Network::NetUtil::BindPort(int)",
-         [](Try& tried) { TryConnection(tried, [](const Listener& /*listener*/) { return NetUtil::BindPort(0); }); }},
-        {"Network::NetUtil::AcceptNewSocketBlock(int)",
-         [](Try& tried) {
-             TryConnection(
-                 tried, [](const Listener& listener) { return NetUtil::AcceptNewSocketBlock(listener.Descriptor()); });
-         }},
-        {"Network::NetUtil::AcceptNewSocket(int, int)",
-         [](Try& tried) {
-             TryConnection(
-                 tried, [](const Listener& listener) { return NetUtil::AcceptNewSocket(listener.Descriptor(), 10); });
-         }},
-        {"Network::NetUtil::ConnectNewSocket(char const*, int)",
-         [](Try& tried) {
-             TryConnection(tried, [](const Listener& listener) {
-                 return NetUtil::ConnectNewSocket("127.0.0.1", listener.Port());
-             });
-         }},
-    };
+    return {std::begin(kCases), std::end(kCases)};
 }

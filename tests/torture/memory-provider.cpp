@@ -88,93 +88,90 @@ void TryClear(Try& tried) {
     tried.Returns();
 }
 
+constexpr Case kCases[] = {
+    {"IProvider::~IProvider()",
+     [](Try& tried) {
+         std::unique_ptr<IProvider> handler = std::make_unique<Handler>();
+         tried.Call([&] { handler.reset(); });
+         tried.Returns();
+     }},
+    {"CBaseProvider::CBaseProvider(IProvider*)",
+     [](Try& tried) {
+         tried.Call([] { CBaseProvider provider; });
+         tried.Returns();
+     }},
+    {"CBaseProvider::SetProviderHandler(IProvider*)",
+     [](Try& tried) {
+         TryForwarding(tried, [](CBaseProvider& provider) {
+             Handler handler;
+             CBaseProvider other;
+             other.SetProviderHandler(&handler);
+             provider.ProviderWrite("s", "");
+             return other.ProviderWrite("s", "");
+         });
+     }},
+    {"CBaseProvider::Publish(char const*, int, char const*, IProvider*)",
+     [](Try& tried) {
+         TryForwarding(tried, [](CBaseProvider& provider) {
+             provider.Publish("s", 1, "", nullptr);
+             return 7;
+         });
+     }},
+    {"CBaseProvider::Publish(char const*, int, void*, IProvider*)",
+     [](Try& tried) {
+         TryForwarding(tried, [](CBaseProvider& provider) {
+             provider.Publish("s", 1, static_cast<void*>(nullptr), nullptr);
+             return 7;
+         });
+     }},
+    {"CBaseProvider::AddInSubject(char const*)",
+     [](Try& tried) { TryForwarding(tried, [](CBaseProvider& provider) { return provider.AddInSubject("s"); }); }},
+    {"CBaseProvider::ProviderRequest(char const*, char const*, IProvider*, void*)",
+     [](Try& tried) {
+         TryForwarding(tried,
+                       [](CBaseProvider& provider) { return provider.ProviderRequest("s", "", nullptr, nullptr); });
+     }},
+    {"CBaseProvider::ProviderResponse(char const*, int, char const*, IProvider*, void*)",
+     [](Try& tried) {
+         TryForwarding(tried,
+                       [](CBaseProvider& provider) { return provider.ProviderResponse("s", 1, "", nullptr, nullptr); });
+     }},
+    {"CBaseProvider::ProviderResponse(char const*, int, void*, IProvider*, void*)",
+     [](Try& tried) {
+         TryForwarding(tried, [](CBaseProvider& provider) {
+             return provider.ProviderResponse("s", 1, static_cast<void*>(nullptr), nullptr, nullptr);
+         });
+     }},
+    {"CBaseProvider::ProviderRead(char const*, char const*, char**)",
+     [](Try& tried) {
+         char* data = nullptr;
+         TryForwarding(tried, [&](CBaseProvider& provider) { return provider.ProviderRead("s", "k", &data); });
+     }},
+    {"CBaseProvider::ProviderWrite(char const*, char const*)",
+     [](Try& tried) { TryForwarding(tried, [](CBaseProvider& provider) { return provider.ProviderWrite("s", ""); }); }},
+    {"CBaseProvider::SetTimer(int, void (*)(int, void*), void*)",
+     [](Try& tried) {
+         TryForwarding(tried, [](CBaseProvider& provider) { return provider.SetTimer(1, nullptr, nullptr); });
+     }},
+    {"CBaseProvider::KillTimer(int)",
+     [](Try& tried) { TryForwarding(tried, [](CBaseProvider& provider) { return provider.KillTimer(1) ? 7 : 0; }); }},
+    {"ContextSubjectFilter::Register(std::string const&)", TryRegister<ContextSubjectFilter>},
+    {"ContextSubjectFilter::Set(std::string const&)", TrySet<ContextSubjectFilter>},
+    {"ContextSubjectFilter::Check()", TryCheck<ContextSubjectFilter>},
+    {"ContextSubjectFilter::Clear()", TryClear<ContextSubjectFilter>},
+    {"ProviderFilter::ProviderFilter()",
+     [](Try& tried) {
+         tried.Call([&] { tried.Holds(ProviderFilter().Check(), "wrong result"); });
+         tried.Returns();
+     }},
+    {"ProviderFilter::Register(std::string const&)", TryRegister<ProviderFilter>},
+    {"ProviderFilter::Set(std::string const&)", TrySet<ProviderFilter>},
+    {"ProviderFilter::Check()", TryCheck<ProviderFilter>},
+    {"ProviderFilter::Clear()", TryClear<ProviderFilter>},
+};
+
 }  // namespace
 
 Cases ProviderCases() {
-    return {
-        {"IProvider::~IProvider()",
-         [](Try& tried) {
-             std::unique_ptr<IProvider> handler = std::make_unique<Handler>();
-             tried.Call([&] { handler.reset(); });
-             tried.Returns();
-         }},
-        {"CBaseProvider::CBaseProvider(IProvider*)",
-         [](Try& tried) {
-             tried.Call([] { CBaseProvider provider; });
-             tried.Returns();
-         }},
-        {"CBaseProvider::SetProviderHandler(IProvider*)",
-         [](Try& tried) {
-             TryForwarding(tried, [](CBaseProvider& provider) {
-                 Handler handler;
-                 CBaseProvider other;
-                 other.SetProviderHandler(&handler);
-                 provider.ProviderWrite("s", "");
-                 return other.ProviderWrite("s", "");
-             });
-         }},
-        {"CBaseProvider::Publish(char const*, int, char const*, IProvider*)",
-         [](Try& tried) {
-             TryForwarding(tried, [](CBaseProvider& provider) {
-                 provider.Publish("s", 1, "", nullptr);
-                 return 7;
-             });
-         }},
-        {"CBaseProvider::Publish(char const*, int, void*, IProvider*)",
-         [](Try& tried) {
-             TryForwarding(tried, [](CBaseProvider& provider) {
-                 provider.Publish("s", 1, static_cast<void*>(nullptr), nullptr);
-                 return 7;
-             });
-         }},
-        {"CBaseProvider::AddInSubject(char const*)",
-         [](Try& tried) { TryForwarding(tried, [](CBaseProvider& provider) { return provider.AddInSubject("s"); }); }},
-        {"CBaseProvider::ProviderRequest(char const*, char const*, IProvider*, void*)",
-         [](Try& tried) {
-             TryForwarding(tried,
-                           [](CBaseProvider& provider) { return provider.ProviderRequest("s", "", nullptr, nullptr); });
-         }},
-        {"CBaseProvider::ProviderResponse(char const*, int, char const*, IProvider*, void*)",
-         [](Try& tried) {
-             TryForwarding(tried, [](CBaseProvider& provider) {
-                 return provider.ProviderResponse("s", 1, "", nullptr, nullptr);
-             });
-         }},
-        {"CBaseProvider::ProviderResponse(char const*, int, void*, IProvider*, void*)",
-         [](Try& tried) {
-             TryForwarding(tried, [](CBaseProvider& provider) {
-                 return provider.ProviderResponse("s", 1, static_cast<void*>(nullptr), nullptr, nullptr);
-             });
-         }},
-        {"CBaseProvider::ProviderRead(char const*, char const*, char**)",
-         [](Try& tried) {
-             char* data = nullptr;
-             TryForwarding(tried, [&](CBaseProvider& provider) { return provider.ProviderRead("s", "k", &data); });
-         }},
-        {"CBaseProvider::ProviderWrite(char const*, char const*)",
-         [](Try& tried) {
-             TryForwarding(tried, [](CBaseProvider& provider) { return provider.ProviderWrite("s", ""); });
-         }},
-        {"CBaseProvider::SetTimer(int, void (*)(int, void*), void*)",
-         [](Try& tried) {
-             TryForwarding(tried, [](CBaseProvider& provider) { return provider.SetTimer(1, nullptr, nullptr); });
-         }},
-        {"CBaseProvider::KillTimer(int)",
-         [](Try& tried) {
-             TryForwarding(tried, [](CBaseProvider& provider) { return provider.KillTimer(1) ? 7 : 0; });
-         }},
-        {"ContextSubjectFilter::Register(std::string const&)", TryRegister<ContextSubjectFilter>},
-        {"ContextSubjectFilter::Set(std::string const&)", TrySet<ContextSubjectFilter>},
-        {"ContextSubjectFilter::Check()", TryCheck<ContextSubjectFilter>},
-        {"ContextSubjectFilter::Clear()", TryClear<ContextSubjectFilter>},
-        {"ProviderFilter::ProviderFilter()",
-         [](Try& tried) {
-             tried.Call([&] { tried.Holds(ProviderFilter().Check(), "wrong result"); });
-             tried.Returns();
-         }},
-        {"ProviderFilter::Register(std::string const&)", TryRegister<ProviderFilter>},
-        {"ProviderFilter::Set(std::string const&)", TrySet<ProviderFilter>},
-        {"ProviderFilter::Check()", TryCheck<ProviderFilter>},
-        {"ProviderFilter::Clear()", TryClear<ProviderFilter>},
-    };
+    return {std::begin(kCases), std::end(kCases)};
 }

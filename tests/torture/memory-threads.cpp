@@ -223,9 +223,9 @@ void TryAllocate(Try& tried) {
 void TryAllocateInFullTable(Try& tried) {
     constexpr int kMaxBlocks = 1000;
     Manager manager;
-    std::vector<void*> blocks;
-    for (int i = 0; i < kMaxBlocks; ++i) {
-        blocks.push_back(CMemoryManager::Allocate(1, __FILE__, __LINE__));
+    void* blocks[kMaxBlocks];
+    for (void*& tracked : blocks) {
+        tracked = CMemoryManager::Allocate(1, __FILE__, __LINE__);
     }
     void* block = nullptr;
     tried.Call([&] { block = CMemoryManager::Allocate(10, __FILE__, __LINE__); });
@@ -250,197 +250,198 @@ void TryTable(Try& tried, Function function) {
     HoldsTracking(tried, manager);
 }
 
+constexpr Case kCases[] = {
+    {"ContextThread::ContextThread()", TryLife<Worker>},
+    {"ContextThread::~ContextThread()", TryLife<Worker>},
+    {"ContextThread::Start()",
+     [](Try& tried) {
+         Worker worker;
+         bool isStarted = false;
+         tried.CallEverywhere([&] { isStarted = worker.Start(); });
+         tried.Returns();
+         tried.Holds(isStarted && worker.Stop() && worker.m_runs == 1, "does not run");
+     }},
+    {"ContextThread::Stop()",
+     [](Try& tried) {
+         Worker worker;
+         worker.Start();
+         bool isStopped = false;
+         tried.CallEverywhere([&] { isStopped = worker.Stop(); });
+         tried.Returns();
+         tried.Holds(isStopped && worker.Start() && worker.Stop(), "does not stop and start again");
+     }},
+    {"ContextThread::IsRuning()",
+     [](Try& tried) {
+         Worker worker;
+         bool isRunning = true;
+         tried.Call([&] { isRunning = worker.IsRuning(); });
+         tried.Returns();
+         tried.Holds(!isRunning, "runs");
+     }},
+    {"ContextThread::_Thread(void*)",
+     [](Try& tried) {
+         Worker worker;  // not running: the body returns at once
+         tried.Call([&] { ContextThread::_Thread(static_cast<ContextThread*>(&worker)); });
+         tried.Returns();
+         tried.Holds(worker.m_runs == 1, "does not run the body");
+     }},
+    {"ContextEventThread::ContextEventThread()", TryLife<IdleServer>},
+    {"ContextEventThread::~ContextEventThread()", TryLife<IdleServer>},
+    {"ContextEventThread::Start()",
+     [](Try& tried) {
+         Server server;
+         server.PushEvent(1, nullptr, 0);
+         bool isStarted = false;
+         tried.CallEverywhere([&] { isStarted = server.Start(); });
+         tried.Returns();
+         tried.Holds(isStarted && Waiting::Until([&] { return server.m_served == 1; }), "does not serve");
+         HoldsServing(tried, server);
+     }},
+    {"ContextEventThread::Stop()",
+     [](Try& tried) {
+         Server server;
+         server.Start();
+         server.PushEvent(1, nullptr, 0);
+         bool isStopped = false;
+         tried.CallEverywhere([&] { isStopped = server.Stop(); });
+         tried.Returns();
+         tried.Holds(
+             isStopped ? server.m_served == 1 && !server.IsRuning() : server.IsRuning() && MemoryLog::Has(kNoMemory),
+             "wrong result");
+         HoldsServing(tried, server);
+     }},
+    {"ContextEventThread::IsRuning()",
+     [](Try& tried) {
+         Server server;
+         server.Start();
+         bool isRunning = false;
+         tried.Call([&] { isRunning = server.IsRuning(); });
+         tried.Returns();
+         tried.Holds(isRunning, "does not run");
+     }},
+    {"ContextEventThread::PushEvent(int, void*, int)",
+     [](Try& tried) {
+         Server server;
+         server.Start();
+         bool isPushed = false;
+         tried.CallEverywhere([&] { isPushed = server.PushEvent(1, nullptr, 0); });
+         tried.Returns();
+         tried.Holds(isPushed || MemoryLog::Has(kNoMemory), "fails without a log line");
+         server.Stop();
+         tried.Holds(server.m_served == (isPushed ? 1 : 0), "serves another number of events");
+         server.Start();
+         HoldsServing(tried, server);
+     }},
+    {"ContextEventThread::PushStaticEvent(TEventMessage*)",
+     [](Try& tried) {
+         TEventMessage message{1, nullptr, false, false, 0};
+         Server server;
+         server.Start();
+         bool isPushed = false;
+         tried.CallEverywhere([&] { isPushed = server.PushStaticEvent(&message); });
+         tried.Returns();
+         server.Stop();
+         tried.Holds(isPushed && server.m_served == 1, "is not served");
+         server.Start();
+         HoldsServing(tried, server);
+     }},
+    {"ContextEventThread::_ComparePriority(void const*, void const*, void*)",
+     [](Try& tried) {
+         const TEventMessage first{};
+         int order = 1;
+         tried.Call([&] { order = ContextEventThread::_ComparePriority(&first, &first, nullptr); });
+         tried.Returns();
+         tried.Holds(order == 0, "wrong order");
+     }},
+    {"ContextEventThread::_Run()", [](Try& tried) { TryRun(tried, [](Server& server) { server._Run(); }); }},
+    {"ContextEventThread::_Thread(void*)",
+     [](Try& tried) {
+         TryRun(tried, [](Server& server) { ContextEventThread::_Thread(static_cast<ContextEventThread*>(&server)); });
+     }},
+    {"ContextTimer::ContextTimer()", TryTimerLife},
+    {"ContextTimer::~ContextTimer()", TryTimerLife},
+    {"ContextTimer::Start()",
+     [](Try& tried) {
+         Timer timer(/*isStarted=*/false);
+         bool isStarted = false;
+         tried.CallEverywhere([&] { isStarted = timer.Start(); });
+         tried.Returns();
+         tried.Holds(isStarted, "does not start");
+         HoldsFiring(tried, timer);
+     },
+     ""},
+    {"ContextTimer::Stop()",
+     [](Try& tried) {
+         Timer timer;
+         bool isStopped = false;
+         tried.CallEverywhere([&] { isStopped = timer.Stop(); });
+         tried.Returns();
+         tried.Holds(isStopped || MemoryLog::Has("Stop Error"), "fails without a log line");
+         if (!isStopped) {  // the tick thread has stopped already
+             tried.Holds(timer.ContextEventThread::Stop(), "the event thread cannot be stopped later");
+         }
+         tried.Holds(timer.Start(), "does not start again");
+         HoldsFiring(tried, timer);
+     },
+     ""},
+    {"ContextTimer::SetTimer(unsigned int, void (*)(int, void*), void*)", TrySetTimer, "timerData != __null"},
+    {"ContextTimer::SetTimer(unsigned int, void (*)(int, void*), void*)", TrySetTimerBeforeStart,
+     "timerData != __null"},
+    {"ContextTimer::KillTimer(int)", TryKillTimer, "ptimerId != __null"},
+    {"ContextTimer::OnEvent(int, void*)", TryTimerEvent, ""},
+    {"ContextTimer::OnThread()",
+     [](Try& tried) {
+         Timer timer(/*isStarted=*/false);
+         ContextThread& tick = timer;
+         tried.Call([&] { tick.OnThread(); });  // not running: returns at once
+         tried.Returns();
+     }},
+    {"CMemoryManager::CMemoryManager()", TryManagerLife},
+    {"CMemoryManager::~CMemoryManager()", TryManagerLife},
+    {"CMemoryManager::SetInstance(CMemoryManager*)",
+     [](Try& tried) {
+         TryTable(tried, [](Manager& manager, void* /*block*/) { CMemoryManager::SetInstance(&manager); });
+     }},
+    {"CMemoryManager::GetInstance()",
+     [](Try& tried) {
+         TryTable(tried, [&](Manager& manager, void* /*block*/) {
+             tried.Holds(CMemoryManager::GetInstance() == &manager, "wrong instance");
+         });
+     }},
+    {"CMemoryManager::Allocate(unsigned int, char const*, int)", TryAllocate},
+    {"CMemoryManager::Allocate(unsigned int, char const*, int)", TryAllocateInFullTable},
+    {"CMemoryManager::Release(void*)",
+     [](Try& tried) {
+         Manager manager;
+         void* block = CMemoryManager::Allocate(10, __FILE__, __LINE__);
+         tried.Call([&] { CMemoryManager::Release(block); });
+         tried.Returns();
+         HoldsTracking(tried, manager);
+     }},
+    {"CMemoryManager::OnThread()", TryChecker},
+    {"CMemoryManager::__AddMemory(TMemHeader*)",
+     [](Try& tried) {
+         TryTable(tried, [&](Manager& manager, void* /*block*/) {
+             TMemHeader header{};
+             tried.Holds(manager.__AddMemory(&header) && manager.Count() == 2, "not counted");
+         });
+     }},
+    {"CMemoryManager::__RemoveMemory(void*)",
+     [](Try& tried) {
+         TryTable(tried, [&](Manager& manager, void*& block) {
+             tried.Holds(manager.__RemoveMemory(block) && manager.Count() == 0, "not removed");
+             block = nullptr;
+         });
+     }},
+    {"CMemoryManager::__CheckMemory()",
+     [](Try& tried) {
+         TryTable(tried, [](Manager& manager, void* /*block*/) { manager.__CheckMemory(); });
+         tried.Holds(!MemoryLog::Has("Memory ERROR"), "finds damage");
+     }},
+};
+
 }  // namespace
 
 Cases ThreadCases() {
-    return {
-        {"ContextThread::ContextThread()", TryLife<Worker>},
-        {"ContextThread::~ContextThread()", TryLife<Worker>},
-        {"ContextThread::Start()",
-         [](Try& tried) {
-             Worker worker;
-             bool isStarted = false;
-             tried.CallEverywhere([&] { isStarted = worker.Start(); });
-             tried.Returns();
-             tried.Holds(isStarted && worker.Stop() && worker.m_runs == 1, "does not run");
-         }},
-        {"ContextThread::Stop()",
-         [](Try& tried) {
-             Worker worker;
-             worker.Start();
-             bool isStopped = false;
-             tried.CallEverywhere([&] { isStopped = worker.Stop(); });
-             tried.Returns();
-             tried.Holds(isStopped && worker.Start() && worker.Stop(), "does not stop and start again");
-         }},
-        {"ContextThread::IsRuning()",
-         [](Try& tried) {
-             Worker worker;
-             bool isRunning = true;
-             tried.Call([&] { isRunning = worker.IsRuning(); });
-             tried.Returns();
-             tried.Holds(!isRunning, "runs");
-         }},
-        {"ContextThread::_Thread(void*)",
-         [](Try& tried) {
-             Worker worker;  // not running: the body returns at once
-             tried.Call([&] { ContextThread::_Thread(static_cast<ContextThread*>(&worker)); });
-             tried.Returns();
-             tried.Holds(worker.m_runs == 1, "does not run the body");
-         }},
-        {"ContextEventThread::ContextEventThread()", TryLife<IdleServer>},
-        {"ContextEventThread::~ContextEventThread()", TryLife<IdleServer>},
-        {"ContextEventThread::Start()",
-         [](Try& tried) {
-             Server server;
-             server.PushEvent(1, nullptr, 0);
-             bool isStarted = false;
-             tried.CallEverywhere([&] { isStarted = server.Start(); });
-             tried.Returns();
-             tried.Holds(isStarted && Waiting::Until([&] { return server.m_served == 1; }), "does not serve");
-             HoldsServing(tried, server);
-         }},
-        {"ContextEventThread::Stop()",
-         [](Try& tried) {
-             Server server;
-             server.Start();
-             server.PushEvent(1, nullptr, 0);
-             bool isStopped = false;
-             tried.CallEverywhere([&] { isStopped = server.Stop(); });
-             tried.Returns();
-             tried.Holds(isStopped ? server.m_served == 1 && !server.IsRuning()
-                                   : server.IsRuning() && MemoryLog::Has(kNoMemory),
-                         "wrong result");
-             HoldsServing(tried, server);
-         }},
-        {"ContextEventThread::IsRuning()",
-         [](Try& tried) {
-             Server server;
-             server.Start();
-             bool isRunning = false;
-             tried.Call([&] { isRunning = server.IsRuning(); });
-             tried.Returns();
-             tried.Holds(isRunning, "does not run");
-         }},
-        {"ContextEventThread::PushEvent(int, void*, int)",
-         [](Try& tried) {
-             Server server;
-             server.Start();
-             bool isPushed = false;
-             tried.CallEverywhere([&] { isPushed = server.PushEvent(1, nullptr, 0); });
-             tried.Returns();
-             tried.Holds(isPushed || MemoryLog::Has(kNoMemory), "fails without a log line");
-             server.Stop();
-             tried.Holds(server.m_served == (isPushed ? 1 : 0), "serves another number of events");
-             server.Start();
-             HoldsServing(tried, server);
-         }},
-        {"ContextEventThread::PushStaticEvent(TEventMessage*)",
-         [](Try& tried) {
-             TEventMessage message{1, nullptr, false, false, 0};
-             Server server;
-             server.Start();
-             bool isPushed = false;
-             tried.CallEverywhere([&] { isPushed = server.PushStaticEvent(&message); });
-             tried.Returns();
-             server.Stop();
-             tried.Holds(isPushed && server.m_served == 1, "is not served");
-             server.Start();
-             HoldsServing(tried, server);
-         }},
-        {"ContextEventThread::_ComparePriority(void const*, void const*, void*)",
-         [](Try& tried) {
-             const TEventMessage first{};
-             int order = 1;
-             tried.Call([&] { order = ContextEventThread::_ComparePriority(&first, &first, nullptr); });
-             tried.Returns();
-             tried.Holds(order == 0, "wrong order");
-         }},
-        {"ContextEventThread::_Run()", [](Try& tried) { TryRun(tried, [](Server& server) { server._Run(); }); }},
-        {"ContextEventThread::_Thread(void*)",
-         [](Try& tried) {
-             TryRun(tried,
-                    [](Server& server) { ContextEventThread::_Thread(static_cast<ContextEventThread*>(&server)); });
-         }},
-        {"ContextTimer::ContextTimer()", TryTimerLife},
-        {"ContextTimer::~ContextTimer()", TryTimerLife},
-        {"ContextTimer::Start()",
-         [](Try& tried) {
-             Timer timer(/*isStarted=*/false);
-             bool isStarted = false;
-             tried.CallEverywhere([&] { isStarted = timer.Start(); });
-             tried.Returns();
-             tried.Holds(isStarted, "does not start");
-             HoldsFiring(tried, timer);
-         },
-         ""},
-        {"ContextTimer::Stop()",
-         [](Try& tried) {
-             Timer timer;
-             bool isStopped = false;
-             tried.CallEverywhere([&] { isStopped = timer.Stop(); });
-             tried.Returns();
-             tried.Holds(isStopped || MemoryLog::Has("Stop Error"), "fails without a log line");
-             if (!isStopped) {  // the tick thread has stopped already
-                 tried.Holds(timer.ContextEventThread::Stop(), "the event thread cannot be stopped later");
-             }
-             tried.Holds(timer.Start(), "does not start again");
-             HoldsFiring(tried, timer);
-         },
-         ""},
-        {"ContextTimer::SetTimer(unsigned int, void (*)(int, void*), void*)", TrySetTimer, "timerData != __null"},
-        {"ContextTimer::SetTimer(unsigned int, void (*)(int, void*), void*)", TrySetTimerBeforeStart,
-         "timerData != __null"},
-        {"ContextTimer::KillTimer(int)", TryKillTimer, "ptimerId != __null"},
-        {"ContextTimer::OnEvent(int, void*)", TryTimerEvent, ""},
-        {"ContextTimer::OnThread()",
-         [](Try& tried) {
-             Timer timer(/*isStarted=*/false);
-             ContextThread& tick = timer;
-             tried.Call([&] { tick.OnThread(); });  // not running: returns at once
-             tried.Returns();
-         }},
-        {"CMemoryManager::CMemoryManager()", TryManagerLife},
-        {"CMemoryManager::~CMemoryManager()", TryManagerLife},
-        {"CMemoryManager::SetInstance(CMemoryManager*)",
-         [](Try& tried) {
-             TryTable(tried, [](Manager& manager, void* /*block*/) { CMemoryManager::SetInstance(&manager); });
-         }},
-        {"CMemoryManager::GetInstance()",
-         [](Try& tried) {
-             TryTable(tried, [&](Manager& manager, void* /*block*/) {
-                 tried.Holds(CMemoryManager::GetInstance() == &manager, "wrong instance");
-             });
-         }},
-        {"CMemoryManager::Allocate(unsigned int, char const*, int)", TryAllocate},
-        {"CMemoryManager::Allocate(unsigned int, char const*, int)", TryAllocateInFullTable},
-        {"CMemoryManager::Release(void*)",
-         [](Try& tried) {
-             Manager manager;
-             void* block = CMemoryManager::Allocate(10, __FILE__, __LINE__);
-             tried.Call([&] { CMemoryManager::Release(block); });
-             tried.Returns();
-             HoldsTracking(tried, manager);
-         }},
-        {"CMemoryManager::OnThread()", TryChecker},
-        {"CMemoryManager::__AddMemory(TMemHeader*)",
-         [](Try& tried) {
-             TryTable(tried, [&](Manager& manager, void* /*block*/) {
-                 TMemHeader header{};
-                 tried.Holds(manager.__AddMemory(&header) && manager.Count() == 2, "not counted");
-             });
-         }},
-        {"CMemoryManager::__RemoveMemory(void*)",
-         [](Try& tried) {
-             TryTable(tried, [&](Manager& manager, void*& block) {
-                 tried.Holds(manager.__RemoveMemory(block) && manager.Count() == 0, "not removed");
-                 block = nullptr;
-             });
-         }},
-        {"CMemoryManager::__CheckMemory()",
-         [](Try& tried) {
-             TryTable(tried, [](Manager& manager, void* /*block*/) { manager.__CheckMemory(); });
-             tried.Holds(!MemoryLog::Has("Memory ERROR"), "finds damage");
-         }},
-    };
+    return {std::begin(kCases), std::end(kCases)};
 }

@@ -63,9 +63,10 @@ std::string Describe(const Case& tried, const Allocations::Plan& plan) {
     return std::string(tried.function) + ": " + how;
 }
 
-/// Tries three times when blocks are left: what is kept for the next call is allocated only once.
+/// Tries again when blocks are left: what is kept for the next call is not allocated every time. The C library keeps
+/// the stacks of up to five ended threads, one or more after each try.
 Result TryHere(const Case& tried, const Allocations::Plan& plan) {
-    constexpr int kAttempts = 3;
+    constexpr int kAttempts = 8;
     for (int attempt = 0; attempt < kAttempts; ++attempt) {
         const long before = Allocations::Live();
         Result result;
