@@ -76,12 +76,11 @@ bool ContextFileUtil::IsSymbolicLink(const char* path) {
         errno = EFAULT;  // the kernel's answer; the C library declares the argument non-null
         return false;
     }
-    // With a 32-bit time_t, lstat() fails for a link whose times lie after 2038, which anyone can give to a link.
     struct stat status {};
     if (lstat(path, &status) == 0) {
         return S_ISLNK(status.st_mode);
     }
-    // With a 32-bit time_t, lstat() cannot return times after 2038; readlink() returns none.
+    // With a 32-bit time_t, lstat() fails for times after 2038, which anyone can give to a link.
     char first = '\0';
     return errno == EOVERFLOW && readlink(path, &first, sizeof(first)) >= 0;
 }
