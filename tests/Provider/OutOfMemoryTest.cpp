@@ -558,8 +558,9 @@ TYPED_TEST(FilterOutOfMemoryTest, AFailedRegistrationChangesNothing) {
     const int failed = WithEachAllocationFailing([&](const Attempt& attempt) {
         TypeParam filter;
         filter.Register(known);
-        filter.Set(known);
         const bool isRegistered = attempt.Succeeds([&] { filter.Register(added); });
+        EXPECT_FALSE(filter.Check());
+        filter.Set(known);
         EXPECT_EQ(filter.Check(), !isRegistered);
         EXPECT_TRUE(attempt.Succeeds([&] {
             filter.Register(known);

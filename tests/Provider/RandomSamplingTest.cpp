@@ -62,6 +62,8 @@ class BoundedSource {
 public:
     explicit BoundedSource(unsigned int seed) : m_state(seed) {}
 
+    unsigned int State() const { return m_state; }
+
     std::uint64_t operator()() {
         constexpr int kMostDraws = 10000;
         if (++m_draws > kMostDraws) {
@@ -347,6 +349,46 @@ TEST_F(RandomSamplingTest, GammaBelowOneAcceptsAValueEqualToItsBound) {
     EXPECT_EQ(draw.Left(), 0U);
 }
 
+TEST_F(RandomSamplingTest, GammaBelowOneAcceptsEqualityInBothBranches) {
+    constexpr double kShape = 0.75;
+    for (int step = 0; step < 100000; ++step) {
+        const double u = 0.3125 + step * 0x1p-20;
+        const double y = -std::log((1.0 - u) / kShape);
+        const double x = std::pow(1.0 - kShape + kShape * y, 1.0 / kShape);
+        const double other = std::floor(-std::expm1(y - x) * 0x1p53) * 0x1p-53;
+        if (-std::log(1.0 - other) + y == x) {
+            Script draw = {u, other};
+            EXPECT_EQ(Variates::Gamma(draw, kShape), x);
+            EXPECT_EQ(draw.Left(), 0U);
+            return;
+        }
+    }
+    FAIL() << "no draws lead to equality";
+}
+
+TEST_F(RandomSamplingTest, GammaAboveOneRedrawsUpToZero) {
+    Script normal = {0.495, 0.45};
+    const double x = Variates::Normal(normal);
+    ASSERT_LT(x, -2.5);
+    const auto valueOf = [x](double shape) { return 1.0 + 1.0 / std::sqrt(9.0 * (shape - 0.3333333333333333)) * x; };
+    double shape = x * x / 9.0 + 0.3333333333333333 - 1e-14;
+    while (valueOf(shape) < 0.0) {
+        shape = std::nextafter(shape, 2.0);
+    }
+    ASSERT_EQ(valueOf(shape), 0.0) << "no shape leads to 0";
+    Script redraws = {0.495, 0.45, 0.4, 0.3, 0.25};
+    Script accepts = {0.4, 0.3, 0.25};
+    EXPECT_EQ(Variates::Gamma(redraws, shape), Variates::Gamma(accepts, shape));
+    EXPECT_EQ(redraws.Left(), 0U);
+    while (valueOf(shape) == 0.0) {
+        shape = std::nextafter(shape, 2.0);
+    }
+    Script rejects = {0.495, 0.45, 0.4, 0.4, 0.3, 0.25};  // a uniform variate follows a value above 0
+    Script acceptsToo = {0.4, 0.3, 0.25};
+    EXPECT_EQ(Variates::Gamma(rejects, shape), Variates::Gamma(acceptsToo, shape));
+    EXPECT_EQ(rejects.Left(), 0U);
+}
+
 TEST_F(RandomSamplingTest, GammaVariatesStayBelowTheirBound) {
     for (const double shape : {0.01, 0.5, 0.99, 1.0, 1.01, 2.0, 30.0}) {
         const double bound = shape > 1.0 ? shape - 0.3333333333333333 : 1.0;
@@ -383,6 +425,42 @@ TEST_F(RandomSamplingTest, BetaUsesLogarithmsWhenBothPowersUnderflow) {
     EXPECT_NEAR(Variates::Beta(draw, kTiny, kTiny), ratio / (1.0 + ratio), 1e-12);
     EXPECT_LT(ratio, 1.0);
     EXPECT_EQ(draw.Left(), 0U);
+}
+
+TEST_F(RandomSamplingTest, BetaUsesLogarithmsAsStated) {
+    constexpr double kTiny = 1e-5;
+    for (int step = 1; step < 100; ++step) {
+        const double u = 0.25 + step * 0x1p-27;
+        const double v = 0.25 + step * step * 0x1p-30;
+        double lx = std::log(u) / kTiny;
+        double ly = std::log(v) / kTiny;
+        const double m = std::max(lx, ly);
+        lx -= m;
+        ly -= m;
+        Script draw = {u, v};
+        ASSERT_EQ(Variates::Beta(draw, kTiny, kTiny), std::exp(lx - std::log(std::exp(lx) + std::exp(ly)))) << step;
+    }
+}
+
+TEST_F(RandomSamplingTest, BetaUsesPowersUnlessBothUnderflow) {
+    const struct {
+        const char* name;
+        double u, v, parameter;
+    } rows[] = {
+        {"nearly 1", 0.46875, 0.484375, 1.0},
+        {"denormal powers", 0.25, 0.2578125, 1.0 / 514.0},
+        {"the first underflows", 0.25, 0.25 + 0x1p-13, 1.0 / 537.6},
+        {"the second underflows", 0.25 + 0x1p-13, 0.25, 1.0 / 537.6},
+    };
+    for (const auto& row : rows) {
+        const double x = std::pow(row.u, 1.0 / row.parameter);
+        const double y = std::pow(row.v, 1.0 / row.parameter);
+        ASSERT_GT(x + y, 0.0) << row.name;
+        Script draw = {row.u, row.v};
+        EXPECT_EQ(Variates::Beta(draw, row.parameter, row.parameter), x / (x + y)) << row.name;
+        EXPECT_EQ(draw.Left(), 0U) << row.name;
+    }
+    EXPECT_EQ(std::pow(0.25, 537.6), 0.0);
 }
 
 TEST_F(RandomSamplingTest, BetaAboveOneIsTheRatioOfGammaVariates) {
@@ -438,22 +516,22 @@ TEST_F(RandomSamplingTest, BetaOfInvalidParametersIsNaN) {
 }
 
 TEST_F(RandomSamplingTest, MinusZeroIsZero) {
-    EXPECT_EQ(StandardGamma(-0.0), 0.0);
-    const double others[] = {0.5, 1.0, 2.0};
-    for (const double other : others) {
-        for (const unsigned int seed : {1U, 99U}) {
-            RandState::Set(seed);
-            const double first = RandomBeta(0.0, other);
-            const double second = RandomBeta(other, 0.0);
-            const unsigned int end = RandState::Get();
-            RandState::Set(seed);
-            EXPECT_EQ(RandomBeta(-0.0, other), first) << other;
-            EXPECT_EQ(RandomBeta(other, -0.0), second) << other;
-            EXPECT_EQ(RandState::Get(), end) << other;
+    const auto expectEqual = [](const auto& variate) {
+        for (const unsigned int seed : {1U, 99U, 12345U}) {
+            BoundedSource zero(seed);
+            BoundedSource minusZero(seed);
+            EXPECT_EQ(variate(minusZero, -0.0), variate(zero, 0.0));
+            EXPECT_EQ(minusZero.State(), zero.State());
         }
+    };
+    expectEqual([](BoundedSource& draw, double zero) { return Variates::Gamma(draw, zero); });
+    for (const double other : {0.5, 1.0, 2.0}) {
+        expectEqual([other](BoundedSource& draw, double zero) { return Variates::Beta(draw, zero, other); });
+        expectEqual([other](BoundedSource& draw, double zero) { return Variates::Beta(draw, other, zero); });
     }
-    EXPECT_TRUE(std::isnan(RandomBeta(-0.0, -0.0)));
-    EXPECT_TRUE(std::isnan(RandomBeta(-0.0, 0.0)));
+    BoundedSource draw(1);
+    EXPECT_TRUE(std::isnan(Variates::Beta(draw, -0.0, -0.0)));
+    EXPECT_TRUE(std::isnan(Variates::Beta(draw, -0.0, 0.0)));
 }
 
 TEST_F(RandomSamplingTest, GammaEndsAsStatedForAnyShape) {
