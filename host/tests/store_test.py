@@ -271,8 +271,7 @@ class StoreTest(HostCase):
     def test_keeps_stored_records_when_killed(self):
         before = self.filled()
         process, number = self.start(HISTORIES / "music_d.csv")
-        self.wait_until((self.store / "usage.db.kept").exists, process)
-        self.wait_until((self.store / "usage.db-journal").exists, process)
+        self.wait_until(self.is_writing, process)
         os.kill(number, signal.SIGKILL)
         process.communicate(timeout=BOUND)
         self.assertEqual(process.returncode, 128 + signal.SIGKILL)
