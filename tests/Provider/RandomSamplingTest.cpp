@@ -77,70 +77,72 @@ private:
     int m_draws = 0;
 };
 
-/// Parameters at which a method, its arithmetic or its comparisons change.
-const std::vector<double>& EdgeParameters() {
-    constexpr double kInfinity = std::numeric_limits<double>::infinity();
-    constexpr double kLargestDouble = std::numeric_limits<double>::max();
-    static const std::vector<double> parameters = [] {
-        std::vector<double> values = {0.0,
-                                      std::numeric_limits<double>::denorm_min(),
-                                      1e-320,
-                                      3.8e-309,
-                                      3.9e-309,
-                                      5.5e-309,
-                                      5.7e-309,
-                                      std::numeric_limits<double>::min(),
-                                      1.1e-307,
-                                      1.2e-307,
-                                      1e-300,
-                                      1e-100,
-                                      1e-30,
-                                      1e-17,
-                                      1e-16,
-                                      1e-8,
-                                      1e-5,
-                                      9.3e-4,
-                                      9.31e-4,
-                                      0.001,
-                                      0.0267,
-                                      0.03,
-                                      0.1,
-                                      1.0 / 3.0,
-                                      0.5,
-                                      std::nextafter(0.5, 0.0),
-                                      std::nextafter(0.5, 1.0),
-                                      0.7,
-                                      0.9999,
-                                      std::nextafter(1.0, 0.0),
-                                      1.0,
-                                      std::nextafter(1.0, 2.0),
-                                      1.0001,
-                                      4.0 / 3.0,
-                                      1.5,
-                                      2.0,
-                                      10.0,
-                                      1e3,
-                                      1e6,
-                                      1e15,
-                                      9007199254740992.0,
-                                      9007199254740994.0,
-                                      1e17,
-                                      1e30,
-                                      1e154,
-                                      1e155,
-                                      1e300,
-                                      1e307,
-                                      kLargestDouble / 9.0,
-                                      kLargestDouble / 2.0,
-                                      kLargestDouble,
-                                      kInfinity,
-                                      kNotANumber};
-        const std::size_t count = values.size();
-        for (std::size_t i = 0; i < count; ++i) {
-            values.push_back(-values[i]);
-        }
-        return values;
-    }();
+constexpr double kInfinity = std::numeric_limits<double>::infinity();
+constexpr double kLargestDouble = std::numeric_limits<double>::max();
+constexpr double kSmallestNormal = std::numeric_limits<double>::min();
+constexpr double kSmallestDouble = std::numeric_limits<double>::denorm_min();
+
+/// Parameters, also used negated, at which a method, its arithmetic or its comparisons change.
+const double kEdges[] = {0.0,
+                         kSmallestDouble,
+                         1e-320,
+                         3.8e-309,
+                         3.9e-309,
+                         5.5e-309,
+                         5.7e-309,
+                         kSmallestNormal,
+                         1.1e-307,
+                         1.2e-307,
+                         1e-300,
+                         1e-100,
+                         1e-30,
+                         1e-17,
+                         1e-16,
+                         1e-8,
+                         1e-5,
+                         9.3e-4,
+                         9.31e-4,
+                         0.001,
+                         0.0268,
+                         0.03,
+                         0.1,
+                         1.0 / 3.0,
+                         0.5 - 0x1p-54,
+                         0.5,
+                         0.5 + 0x1p-53,
+                         0.7,
+                         0.9999,
+                         1.0 - 0x1p-53,
+                         1.0,
+                         1.0 + 0x1p-52,
+                         1.0001,
+                         4.0 / 3.0,
+                         1.5,
+                         2.0,
+                         10.0,
+                         1e3,
+                         1e6,
+                         1e15,
+                         0x1p53,
+                         0x1p53 + 2.0,
+                         1e17,
+                         1e30,
+                         1e154,
+                         1e155,
+                         1e300,
+                         1e307,
+                         kLargestDouble / 9.0,
+                         kLargestDouble / 2.0,
+                         kLargestDouble,
+                         kInfinity,
+                         kNotANumber};
+
+std::vector<double> EdgeParameters() {
+    std::vector<double> parameters;
+    for (const double edge : kEdges) {
+        parameters.push_back(edge);
+        parameters.push_back(-edge);
+    }
     return parameters;
 }
 
@@ -366,27 +368,39 @@ TEST_F(RandomSamplingTest, GammaBelowOneAcceptsEqualityInBothBranches) {
     FAIL() << "no draws lead to equality";
 }
 
+/// @return what the method for shapes above 1 computes from a normal variate; it redraws unless this is above 0.
+double CandidateOf(double shape, double normal) {
+    return 1.0 + 1.0 / std::sqrt(9.0 * (shape - 0.3333333333333333)) * normal;
+}
+
 TEST_F(RandomSamplingTest, GammaAboveOneRedrawsUpToZero) {
-    Script normal = {0.495, 0.45};
-    const double x = Variates::Normal(normal);
-    ASSERT_LT(x, -2.5);
-    const auto valueOf = [x](double shape) { return 1.0 + 1.0 / std::sqrt(9.0 * (shape - 0.3333333333333333)) * x; };
-    double shape = x * x / 9.0 + 0.3333333333333333 - 1e-14;
-    while (valueOf(shape) < 0.0) {
-        shape = std::nextafter(shape, 2.0);
-    }
-    ASSERT_EQ(valueOf(shape), 0.0) << "no shape leads to 0";
-    Script redraws = {0.495, 0.45, 0.4, 0.3, 0.25};
-    Script accepts = {0.4, 0.3, 0.25};
-    EXPECT_EQ(Variates::Gamma(redraws, shape), Variates::Gamma(accepts, shape));
-    EXPECT_EQ(redraws.Left(), 0U);
-    while (valueOf(shape) == 0.0) {
-        shape = std::nextafter(shape, 2.0);
-    }
-    Script rejects = {0.495, 0.45, 0.4, 0.4, 0.3, 0.25};  // a uniform variate follows a value above 0
-    Script acceptsToo = {0.4, 0.3, 0.25};
-    EXPECT_EQ(Variates::Gamma(rejects, shape), Variates::Gamma(acceptsToo, shape));
-    EXPECT_EQ(rejects.Left(), 0U);
+    constexpr double kFirst = 0.495;
+    double second = 0.45;
+    double shape = 0.0;
+    do {  // until some shape gives a candidate of exactly 0
+        second -= 0x1p-30;
+        Script draw = {kFirst, second};
+        const double normal = Variates::Normal(draw);
+        shape = normal * normal / 9.0 + 0.3333333333333333 - 1e-14;
+        while (CandidateOf(shape, normal) < 0.0) {
+            shape = std::nextafter(shape, 2.0);
+        }
+        if (CandidateOf(shape, normal) == 0.0) {
+            Script redraws = {kFirst, second, 0.4, 0.3, 0.25};
+            Script accepts = {0.4, 0.3, 0.25};
+            EXPECT_EQ(Variates::Gamma(redraws, shape), Variates::Gamma(accepts, shape));
+            EXPECT_EQ(redraws.Left(), 0U);
+            while (CandidateOf(shape, normal) == 0.0) {
+                shape = std::nextafter(shape, 2.0);
+            }
+            Script rejects = {kFirst, second, 0.4, 0.4, 0.3, 0.25};  // a uniform variate follows the candidate
+            Script acceptsToo = {0.4, 0.3, 0.25};
+            EXPECT_EQ(Variates::Gamma(rejects, shape), Variates::Gamma(acceptsToo, shape));
+            EXPECT_EQ(rejects.Left(), 0U);
+            return;
+        }
+    } while (second > 0.4499);
+    FAIL() << "no shape leads to 0";
 }
 
 TEST_F(RandomSamplingTest, GammaVariatesStayBelowTheirBound) {
@@ -543,7 +557,7 @@ TEST_F(RandomSamplingTest, GammaEndsAsStatedForAnyShape) {
             ASSERT_EQ(std::isinf(gamma), std::isinf(shape) && shape > 0.0) << shape;
             if (shape >= 0.0 && shape <= 0.00093) {
                 ASSERT_EQ(gamma, 0.0) << shape;
-            } else if (shape > 0.0267) {
+            } else if (shape > 0.0268) {
                 ASSERT_GT(gamma, 0.0) << shape;
             }
         }
