@@ -8,7 +8,6 @@
 
 namespace {
 
-using Fuzz::Input;
 using Fuzz::Same;
 
 // Changes by an hour, by half an hour, by two hours and by a day; changes of the standard time; rules without a file.

@@ -91,7 +91,7 @@ void Fuzz::Test(Input& input) {
     const Kind sourceKind = input.OneOf(kKinds);
     const Kind destinationKind = input.OneOf(kKinds);
     const bool isItself = input.Below(8) == 7;
-    const std::size_t oldSize = 16 * input.Take<std::uint8_t>();
+    const std::size_t oldSize = std::size_t{16} * input.Take<std::uint8_t>();
     const std::size_t repeats = input.Below(16) == 15 ? 300 : 1;  // beyond the buffers of streams
     const std::string piece = input.Rest();
     std::string content;

@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <utility>
 
 namespace {
 
@@ -181,6 +182,15 @@ private:
         return m_at > from;
     }
 
+    /// Reads "e" or "E" and a sign.
+    bool HasExponent() {
+        const bool begins = Is("e") || Is("E");
+        if (begins && !Is("+")) {
+            Is("-");
+        }
+        return begins;
+    }
+
     bool Number(Node& node) {
         const std::size_t from = m_at;
         node.isNegative = Is("-");
@@ -192,7 +202,7 @@ private:
         node.magnitude = std::strtoull(m_text.c_str() + digits, nullptr, 10);
         const bool fits = errno == 0 && (!node.isNegative || node.magnitude <= std::uint64_t{1} << 63);
         const std::size_t whole = m_at;
-        if ((Is(".") && !Digits()) || ((Is("e") || Is("E")) && (Is("+") || Is("-") || true) && !Digits())) {
+        if ((Is(".") && !Digits()) || (HasExponent() && !Digits())) {
             return false;
         }
         node.kind = whole == m_at && fits ? Node::Kind::Integer : Node::Kind::Real;
@@ -247,8 +257,8 @@ Node& Node::At(std::size_t index) {
 }
 
 Node& Node::Append(const Node& element) {
-    const Node copy = element;  // `element` may be part of this value
-    At(elements.size()) = copy;
+    Node copy = element;  // `element` may be part of this value
+    At(elements.size()) = std::move(copy);
     return *this;
 }
 

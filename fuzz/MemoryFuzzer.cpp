@@ -10,7 +10,6 @@
 namespace {
 
 using Fuzz::Holds;
-using Fuzz::Input;
 using Fuzz::Same;
 
 constexpr std::size_t kMostBlocks = 1000;

@@ -10,7 +10,6 @@ namespace {
 using Fuzz::Holds;
 using Fuzz::Input;
 using Fuzz::Node;
-using Fuzz::Same;
 
 /// A page and the JSON texts that it must carry.
 struct Expected {
@@ -108,7 +107,7 @@ public:
     std::string TakeContent() {
         const std::size_t end = m_page.find('<', m_at);
         Holds("the element ends", end != std::string::npos);
-        const std::string content = m_page.substr(m_at, end - m_at);
+        std::string content = m_page.substr(m_at, end - m_at);
         m_at = end;
         return content;
     }

@@ -10,7 +10,6 @@
 
 namespace {
 
-using Fuzz::Holds;
 using Fuzz::Same;
 
 bool IsBlank(char character) {

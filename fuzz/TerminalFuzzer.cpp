@@ -9,8 +9,6 @@
 
 namespace {
 
-using Fuzz::Same;
-
 std::size_t WidthOf(std::uint32_t character) {
     return g_unichar_iszerowidth(character) ? 0 : (g_unichar_iswide(character) ? 2 : 1);
 }
