@@ -190,8 +190,8 @@ std::string KeepFile(const std::string& path, const std::string& keptPath) {
     return link(path.c_str(), keptPath.c_str()) == 0 ? "" : CannotWrite(keptPath);
 }
 
-/// Creates the table of a store that is missing or empty. SQLite replaces the journal of an empty file, so that a second
-/// name would not keep it.
+/// Creates the table of a store that is missing or empty. SQLite replaces the journal of an empty file, so that a
+/// second name would not keep it.
 /// @return the error message; empty if there is none.
 std::string CreateTable(const std::string& path) {
     struct stat status {};
