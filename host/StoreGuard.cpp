@@ -324,7 +324,7 @@ std::string StoreGuard::RemoveKept_() const {
 
 std::string StoreGuard::PutBack_() const {
     // Rolls back the transaction that the reset interrupted: SQLite finds its journal at the second name.
-    const std::string problem = ProblemOfStore(m_keptPath);
+    std::string problem = ProblemOfStore(m_keptPath);
     if (!problem.empty()) {
         return problem;
     }

@@ -372,6 +372,7 @@ std::string RunsOutOfDescriptors(Random& random) {
 std::string ServesManyDatabasesAtOnce(Random&) {
     constexpr int kDatabases = 64;
     std::vector<std::unique_ptr<ContextDatabase>> databases;
+    databases.reserve(kDatabases);
     const auto name = [](int number) { return std::to_string(number) + ".db"; };
     for (int number = 0; number < kDatabases; ++number) {
         databases.push_back(number % 8 == 0
