@@ -30,7 +30,7 @@ const Case kCases[] = {
     {"never in UTF-8", kLong + "\xFF", kLong + "\uFFFD", kLong + "\\xFF", 41},
     {"zero byte", kLong + std::string("\0z", 2), kLong + "\uFFFDz", kLong + "\\x00z", 42},
     {"control sequence", "\033[31m" + kLong, "\uFFFD[31m" + kLong, "\\x1B[31m" + kLong, 45},
-    {"change of direction", kLong + "\xE2\x80\xAE", kLong + "\uFFFD", kLong + "\\xE2\\x80\\xAE", 41},
+    {"change of direction", kLong + "\xE2\x80" + "\xAE", kLong + "\uFFFD", kLong + "\\xE2\\x80\\xAE", 41},
     {"combining", kLong + "e\u0301", kLong + "e\u0301", kLong + "e\u0301", 41},
 };
 
