@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <gtest/gtest.h>
 
+#include <cstdlib>
+
 #include <algorithm>
 #include <ctime>
 #include <functional>
@@ -152,6 +154,9 @@ struct Conversion {
 };
 
 TEST(ContextStringOutOfMemoryTest, ConvertsWithoutLineBreaksOrNotAtAll) {
+    if (std::getenv("GCONV_PATH") != nullptr) {
+        GTEST_SKIP() << "glibc 2.36 frees twice when memory runs out while it loads a converter without its cache";
+    }
     Units text;
     std::string utf8;
     for (int i = 0; i < 20; ++i) {
