@@ -1,9 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-
 #include <algorithm>
+#include <cstdlib>
 #include <ctime>
 #include <functional>
 #include <locale>
