@@ -10,6 +10,7 @@ third of gcc's time. build/mutate/results.txt tells what became of each change, 
 import argparse
 import collections
 import concurrent.futures
+import functools
 import json
 import os
 import pathlib
@@ -40,17 +41,21 @@ def includes(path):
     return {pathlib.Path(name).name for name in re.findall(r'#include "([^"]+)"', path.read_text(encoding="utf-8"))}
 
 
+@functools.lru_cache(maxsize=None)
+def headers_of(path):
+    """@return the names of the headers that a file includes, directly or not."""
+    found, waiting = set(), [path]
+    while waiting:
+        names = includes(waiting.pop()) - found
+        found |= names
+        waiting += [header for folder in ("src", "include", "tests") for header in ROOT.glob(f"{folder}/**/*.h")
+                    if header.name in names]
+    return found
+
+
 def units_of(path):
     """@return the sources that `path` is part of."""
-    if path.suffix == ".cpp":
-        return [path]
-    headers = [header for folder in ("src", "include") for header in ROOT.glob(f"{folder}/**/*.h")]
-    names = {path.name}
-    while True:
-        more = {header.name for header in headers if includes(header) & names} - names
-        if not more:
-            return [source for source in sources() if includes(source) & names]
-        names |= more
+    return [path] if path.suffix == ".cpp" else [source for source in sources() if path.name in headers_of(source)]
 
 
 def tests_of(path):
@@ -66,7 +71,7 @@ def tests_of(path):
         names = includes(test)
         owner = max((stem for stem in stems if test.stem.startswith(stem)), key=len, default=None)
         owners = {owner} if owner else {name.removesuffix(".h") for name in names}
-        if (mine & owners or path.name in names) and (BUILD / "tests" / test.stem).exists():
+        if mine & owners or path.name in names:
             found.append(test.stem)
     return found
 
@@ -89,6 +94,10 @@ class Tests:
             program = next((word for word in command if word.startswith(f"{BUILD}/tests/")), None)
             if program:
                 self._launchers[pathlib.Path(program).name] = command[:command.index(program) + 1]
+
+    def programs(self, path):
+        """@return the programs of the tests of a file, by name."""
+        return {name: self._launchers[name][-1] for name in tests_of(path) if name in self._launchers}
 
     def time(self, name):
         if name not in self._times:
@@ -211,19 +220,20 @@ class Worker:
                                 lambda word: str(self.folder / pathlib.Path(word).name.replace(".cpp", "")))
         pathlib.Path(library).replace(self.folder / "liblumora-common.so.0")
 
-    def _programs(self, path, names):
-        """@return the programs of the tests by name. Those that include a changed header themselves are compiled."""
-        programs = {name: f"{BUILD}/tests/{name}" for name in names}
+    def _compile_tests(self, path, programs):
+        """@return the programs, of which those that include a changed header are compiled with it."""
+        own_programs = dict(programs)
         for file, command in self._compile.items():
             name = pathlib.Path(file).stem
-            if path.suffix == ".h" and name in programs and path.name in includes(pathlib.Path(file)):
+            if path.suffix == ".h" and name in programs and path.name in headers_of(pathlib.Path(file)):
                 own = self.folder / f"{name}.o"
                 compiled = subprocess.run([*command, "-c", file, "-o", own], stderr=subprocess.DEVNULL)
-                programs[name] = None if compiled.returncode else self._link_to(
-                    f"tests/{name}", lambda word, own=own: str(own) if word.endswith(f"/{own.stem}.cpp.o") else word)
-        return programs
+                own_programs[name] = None if compiled.returncode else self._link_to(
+                    str(pathlib.Path(programs[name]).relative_to(BUILD)),
+                    lambda word, own=own: str(own) if word.endswith(f"/{own.stem}.cpp.o") else word)
+        return own_programs
 
-    def try_change(self, path, change, tests, names):
+    def try_change(self, path, change, tests):
         """@return what became of a changed file, and the test that noticed. Leaves the copy as it was."""
         copy = self.folder / path.relative_to(ROOT)
         source = path.read_bytes()
@@ -236,12 +246,13 @@ class Worker:
             copy.write_bytes(source[:change.begin] + change.new.encode() + source[change.end:])
             if not all(self._compile_one(unit) for unit in units):
                 return BROKEN, None
-            if all(file.read_bytes() == content for file, content in before.items()):
+            programs = self._compile_tests(path, tests.programs(path))
+            in_tests = programs != tests.programs(path)
+            if not in_tests and all(file.read_bytes() == content for file, content in before.items()):
                 return SAME, None
             self._link_all()
-            programs = self._programs(path, names)
             noticed = tests.notice(programs, self.folder)
-            if not noticed and all(self._optimise(unit) == self._optimised[unit] for unit in units):
+            if not (noticed or in_tests) and all(self._optimise(unit) == self._optimised[unit] for unit in units):
                 return SAME, None
             noticed = noticed or tests.find_leak(programs, self.folder)
             return KILLED if noticed else SURVIVED, noticed
@@ -283,15 +294,14 @@ def compile_arguments():
 def try_file(path, found, workers, tests, known):
     """@return how often each result came up; prints what survives."""
     counts = collections.Counter()
-    names = tests_of(path)
-    for name in names:
+    for name in tests.programs(path):
         tests.time(name)
 
     def one(change):
         worker = workers.get()
         begin = time.monotonic()
         try:
-            result, noticed = worker.try_change(path, change, tests, names)
+            result, noticed = worker.try_change(path, change, tests)
             return change, result, noticed, time.monotonic() - begin
         finally:
             workers.put(worker)
