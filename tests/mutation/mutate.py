@@ -113,7 +113,7 @@ class Tests:
         @param programs  the program of each test, by name; null if it does not compile.
         @return the test that fails or takes too long, or null."""
         for name in sorted(programs, key=lambda name: self.time(name) / (1 + self._noticed[name])):
-            if not programs[name] or not self._run(name, library, 10 + 4 * self.time(name), programs[name]):
+            if not programs[name] or not self._run(name, library, 4 + 4 * self.time(name), programs[name]):
                 self._noticed[name] += 1
                 return name
         return None
@@ -158,13 +158,22 @@ class Worker:
         self._compile = {entry["file"]: self._own(entry["command"]) for entry in commands}
         self._headers = first._headers if first else self._compile_headers()
         self._links = first._links if first else {}
+        self._optimised = first._optimised if first else {}
+
+    def build(self, first=None):
+        """Compiles the objects, or copies those of the first worker, and links the library."""
         for source in sources():
             if first:
                 shutil.copy(first._object(source), self.folder)
             else:
                 self._compile_one(source)
-        self._optimised = first._optimised if first else {}
         self._link_all()
+
+    def find_changes(self, path):
+        """@return the changes of a file of the tree."""
+        unit = units_of(path)[0]
+        words = [word.replace(str(self.folder), str(ROOT)) for word in self._compile[str(unit)][1:]]
+        return changes.find(path, unit, [*words, "-O0", "-include-pch", f"{self._headers}-O0"])
 
     def _compile_headers(self):
         """Compiles the system's headers once: that is most of the time of a compilation.
@@ -284,13 +293,6 @@ def line_of(path, change):
     return f"{path.relative_to(ROOT)} | {change.function} | {change.text}"
 
 
-def compile_arguments():
-    commands = json.loads((BUILD / "compile_commands.json").read_text(encoding="utf-8"))
-    words = shlex.split(next(entry["command"] for entry in commands if entry["file"].startswith(f"{ROOT}/src/")))
-    return [word for i, word in enumerate(words) if word.startswith(("-I", "-D", "-std")) or words[i - 1] == "-isystem"
-            or word == "-isystem"]
-
-
 def try_file(path, found, workers, tests, known):
     """@return how often each result came up; prints what survives."""
     counts = collections.Counter()
@@ -332,19 +334,20 @@ def main():
     options = parser.parse_args()
     paths = [pathlib.Path(name).resolve() for name in options.file] or sorted(
         path for folder in ("src", "include") for path in ROOT.glob(f"{folder}/**/*") if path.suffix in (".cpp", ".h"))
-    arguments = compile_arguments()
-    found = {path: changes.find(path, units_of(path)[0], arguments)[::options.every]
-             for path in paths if units_of(path)}
+    first = Worker(0)
+    found = {path: first.find_changes(path)[::options.every] for path in paths if units_of(path)}
     if options.list:
         for path, change in ((path, change) for path in found for change in found[path]):
             print(line_of(path, change))
         return 0
     RESULTS.unlink(missing_ok=True)
+    first.build()
     workers = queue.Queue(os.cpu_count() or 1)
-    first = Worker(0)
     workers.put(first)
     for number in range(1, workers.maxsize):
-        workers.put(Worker(number, first))
+        worker = Worker(number, first)
+        worker.build(first)
+        workers.put(worker)
     baseline = WORK / "baseline"
     baseline.mkdir(exist_ok=True)
     shutil.copy(first.folder / "liblumora-common.so.0", baseline)
