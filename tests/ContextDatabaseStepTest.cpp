@@ -138,7 +138,10 @@ TEST_F(ContextDatabaseStepTest, ForgetsTimerIdBeforeStoppingTimer) {
     StepsOf([&] { database = new ContextDatabase("x.db", kCreateTable, /*interval=*/3600); });
     database->OnTimerCb(g_timerId);
     EXPECT_EQ(CapturedLog::Messages(), Messages()) << "the recorded id is not the timer's";
-    g_beforeJoin = [&] { database->OnTimerCb(g_timerId); };
+    g_beforeJoin = [&] {
+        database->OnTimerCb(g_timerId);
+        database->OnTimerCb(0);  // the id is 0 now; no statement is queued
+    };
     StepsOf([&] { delete database; });
     g_beforeJoin = nullptr;
     EXPECT_EQ(CapturedLog::Messages(), Messages({"E NOT matched any timer", "E NOT matched any timer"}))

@@ -29,6 +29,8 @@ WORK = ROOT / "build/mutate"
 BUILD = WORK / "build"
 RESULTS = WORK / "results.txt"
 KNOWN = ROOT / "tests/mutation/survivors.txt"
+# In CI the tests run under sanitizers too. These need no library at run time.
+TRAPS = ("-fsanitize=undefined", "-fno-sanitize=function,vptr", "-fsanitize-trap=all")
 KILLED, SURVIVED, SAME, BROKEN = "killed", "survives", "same object", "does not compile"
 
 
@@ -118,10 +120,11 @@ class Tests:
                 return name
         return None
 
-    def find_leak(self, programs, library):
+    def find_fault(self, programs, library):
         """Runs the tests under LeakSanitizer, except those that fail there with the unchanged library.
 
-        @return the test that finds a leak, or null."""
+        @param library  traps when its behaviour is undefined.
+        @return the test that finds a leak or a trap, or null."""
         for name in programs:
             if name not in self._finds_leaks:
                 self._finds_leaks[name] = self._run(name, self._library, 60, finds_leaks=True)
@@ -200,11 +203,12 @@ class Worker:
         return ["clang++", *(word for word in words[1:] if word != "-Werror"), "-w",
                 f"-ffile-prefix-map={self.folder}={ROOT}"]  # each copy gives the same object
 
-    def _compile_one(self, source, level="-O0", output=None):
+    def _compile_one(self, source, level="-O0", output=None, options=()):
         """@return whether the source compiles."""
         copy = self.folder / source.relative_to(ROOT)
-        return subprocess.run([*self._compile[str(source)], level, "-include-pch", f"{self._headers}{level}", "-c",
-                               copy, "-o", output or self._object(source)], stderr=subprocess.DEVNULL).returncode == 0
+        return subprocess.run([*self._compile[str(source)], level, *options, "-include-pch", f"{self._headers}{level}",
+                               "-c", copy, "-o", output or self._object(source)],
+                              stderr=subprocess.DEVNULL).returncode == 0
 
     def _optimise(self, unit):
         """@return the object of a source, as an optimiser makes it."""
@@ -263,7 +267,9 @@ class Worker:
             noticed = tests.notice(programs, self.folder)
             if not (noticed or in_tests) and all(self._optimise(unit) == self._optimised[unit] for unit in units):
                 return SAME, None
-            noticed = noticed or tests.find_leak(programs, self.folder)
+            if not noticed and all(self._compile_one(unit, options=TRAPS) for unit in units):
+                self._link_all()
+                noticed = tests.find_fault(programs, self.folder)
             return KILLED if noticed else SURVIVED, noticed
         finally:
             copy.write_bytes(source)
