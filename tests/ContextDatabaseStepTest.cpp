@@ -190,6 +190,7 @@ TEST_F(ContextDatabaseRaceTest, StaysClosedIfFileWasClosedInTheMeantime) {
     const std::vector<std::string> origins = CapturedLog::Origins();
     ASSERT_FALSE(origins.empty());
     EXPECT_EQ(origins[0], "6 ContextDatabase.cpp: CheckDatabaseIntegrity_ > DB not opened yet");
+    EXPECT_EQ(CapturedLog::Messages(), Messages({"E DB not opened yet", "E DB not opened yet"})) << "another reset";
     EXPECT_FALSE(Database().IsRunning());
     std::filesystem::remove_all(DatabasePath());
 }

@@ -121,14 +121,14 @@ class Tests:
         return None
 
     def find_fault(self, programs, library):
-        """Runs the tests under LeakSanitizer, except those that fail there with the unchanged library.
+        """Runs the tests again, under LeakSanitizer except those that fail there with the unchanged library.
 
         @param library  traps when its behaviour is undefined.
         @return the test that finds a leak or a trap, or null."""
         for name in programs:
             if name not in self._finds_leaks:
                 self._finds_leaks[name] = self._run(name, self._library, 60, finds_leaks=True)
-            if self._finds_leaks[name] and not self._run(name, library, 60, programs[name], finds_leaks=True):
+            if not self._run(name, library, 60, programs[name], self._finds_leaks[name]):
                 return name
         return None
 
