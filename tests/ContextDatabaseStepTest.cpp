@@ -138,7 +138,10 @@ TEST_F(ContextDatabaseStepTest, ForgetsTimerIdBeforeStoppingTimer) {
     StepsOf([&] { database = new ContextDatabase("x.db", kCreateTable, /*interval=*/3600); });
     database->OnTimerCb(g_timerId);
     EXPECT_EQ(CapturedLog::Messages(), Messages()) << "the recorded id is not the timer's";
-    g_beforeJoin = [&] { database->OnTimerCb(g_timerId); };
+    g_beforeJoin = [&] {
+        database->OnTimerCb(g_timerId);
+        database->OnTimerCb(0);  // the id is 0 now; no statement is queued
+    };
     StepsOf([&] { delete database; });
     g_beforeJoin = nullptr;
     EXPECT_EQ(CapturedLog::Messages(), Messages({"E NOT matched any timer", "E NOT matched any timer"}))
@@ -187,6 +190,7 @@ TEST_F(ContextDatabaseRaceTest, StaysClosedIfFileWasClosedInTheMeantime) {
     const std::vector<std::string> origins = CapturedLog::Origins();
     ASSERT_FALSE(origins.empty());
     EXPECT_EQ(origins[0], "6 ContextDatabase.cpp: CheckDatabaseIntegrity_ > DB not opened yet");
+    EXPECT_EQ(CapturedLog::Messages(), Messages({"E DB not opened yet", "E DB not opened yet"})) << "another reset";
     EXPECT_FALSE(Database().IsRunning());
     std::filesystem::remove_all(DatabasePath());
 }

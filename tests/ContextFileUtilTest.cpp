@@ -133,6 +133,13 @@ TEST_F(ContextFileUtilTest, RecognisesALinkFromTheYear2050) {
     EXPECT_TRUE(IsSymbolicLink(link));
 }
 
+TEST_F(ContextFileUtilTest, TreatsAFileFromTheYear2050AsNoLink) {
+    const std::string file = m_folder / "file";
+    WriteFile(file, "content");
+    ASSERT_EQ(std::system(("touch -d @2524608000 " + file).c_str()), 0);
+    EXPECT_FALSE(IsSymbolicLink(file));
+}
+
 TEST_F(ContextFileUtilTest, TreatsNoOtherFileAsASymbolicLink) {
     const std::string pipe = m_folder / "pipe";
     WriteFile(m_folder / "file", "content");
@@ -224,6 +231,7 @@ TEST_F(ContextFileUtilTest, CopiesEveryByteOfAFile) {
     } rows[] = {
         {"text", "content"},
         {"empty", ""},
+        {"one byte", "x"},
         {"every kind of line end", "a\r\nb\nc\rd\n\r"},
         {"end-of-file and zero bytes", std::string("\x1a\0\x04\xff", 4)},
         {"many full buffers", bytes},
@@ -283,6 +291,17 @@ TEST_F(ContextFileUtilTest, CreatesNothingWhenNeitherFileCanBeOpened) {
     EXPECT_TRUE(fs::is_empty(m_folder.Path()));
 }
 
+TEST_F(ContextFileUtilTest, LeavesAPipeFullWithoutADestination) {
+    ASSERT_EQ(mkfifo(m_source.c_str(), 0600), 0);
+    const int pipe = open(m_source.c_str(), O_RDWR | O_NONBLOCK);
+    ASSERT_EQ(write(pipe, "content", 7), 7);
+    Copy(m_source, m_folder / "missing/destination");
+    char kept[8] = {};
+    EXPECT_EQ(read(pipe, kept, sizeof(kept)), 7);
+    EXPECT_STREQ(kept, "content");
+    close(pipe);
+}
+
 TEST_F(ContextFileUtilTest, IgnoresADestinationThatRejectsWrites) {
     ASSERT_TRUE(fs::is_character_file("/dev/full")) << "this system has no /dev/full";
     WriteFile(m_source, std::string(100000, 'x'));
@@ -297,6 +316,8 @@ TEST_F(ContextFileUtilTest, TreatsANullPathAsAFileThatCannotBeOpened) {
     EXPECT_NO_THROW(ContextFileUtil::Copy(nullptr, m_destination.c_str()));
     EXPECT_TRUE(fs::exists(m_destination));
     EXPECT_EQ(ReadFile(m_destination), "");
+    EXPECT_NE(fcntl(STDIN_FILENO, F_GETFD), -1);
+    EXPECT_NE(fcntl(STDOUT_FILENO, F_GETFD), -1);
 }
 
 TEST_F(ContextFileUtilTest, TruncatesAFileThatIsCopiedOntoItself) {
