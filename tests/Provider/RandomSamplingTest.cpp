@@ -403,6 +403,17 @@ TEST_F(RandomSamplingTest, GammaAboveOneRedrawsUpToZero) {
     FAIL() << "no shape leads to 0";
 }
 
+TEST_F(RandomSamplingTest, GammaAboveOneRejectsAboveItsBound) {
+    // The first two draws give a normal variate of -2.795. For shape 2 the bound of the third is then 0.4238.
+    Script within = {0.495, 0.43, 0.42, 0.4, 0.3, 0.25};
+    EXPECT_NEAR(Variates::Gamma(within, 2.0), 0.0359, 0.0001);
+    EXPECT_EQ(within.Left(), 3U);
+    Script above = {0.495, 0.43, 0.43, 0.4, 0.3, 0.25};
+    Script accepts = {0.4, 0.3, 0.25};
+    EXPECT_EQ(Variates::Gamma(above, 2.0), Variates::Gamma(accepts, 2.0));
+    EXPECT_EQ(above.Left(), 0U);
+}
+
 TEST_F(RandomSamplingTest, GammaVariatesStayBelowTheirBound) {
     for (const double shape : {0.01, 0.5, 0.99, 1.0, 1.01, 2.0, 30.0}) {
         const double bound = shape > 1.0 ? shape - 0.3333333333333333 : 1.0;
