@@ -43,7 +43,7 @@ LUMORA_API double Gauss();
 /// @param shape  0 or more, and finite.
 /// @return at most `shape - 1/3` for shapes above 1, below 1 for other shapes. The textbook variate has no upper limit.
 ///         - 0 if the shape is 0, and where the power underflows: always for shapes up to 0.00093, for some draws for
-///           shapes up to 0.0267 (with the GNU C library), never for greater shapes.
+///           shapes up to 0.0268 (with the GNU C library), never for greater shapes.
 ///         - Infinity if the shape is infinity, otherwise never.
 ///         - NaN, without a draw, if the shape is negative or NaN, otherwise never.
 template <typename T>

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cctype>
 #include <climits>
+#include <cmath>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
@@ -501,6 +502,15 @@ TEST(CuratorDateUnitTest, AccumulatesRecords) {
     }
 }
 
+TEST(CuratorDateUnitTest, ADurationOfZeroChangesNothingAtAnyWeight) {
+    const TimeZone zone("UTC");
+    OpenDateUnit unit;
+    unit.LearnHistory(Usage(kMonday20h, 60), 1.0);
+    const Sums before = unit.Read();
+    unit.LearnHistory(Usage(kMonday20h, 0), HUGE_VAL);
+    EXPECT_EQ(unit.Read(), before);
+}
+
 TEST(CuratorDateUnitTest, WeighsPiecesAndAddsThemInOrder) {
     const TimeZone zone("Europe/Paris");
     for (const double weight : {0.1, 1.0 / 3.0, 0.7, 2.5, 0.0, -1.0, 1e15 + 0.3}) {
@@ -578,6 +588,7 @@ const ChangeRow kChanges[] = {
     {"AAA0BBB,M3.2.0/2:30,M11.1.0/2:30", 1636248600, 3600, 0},
     {"AAA0BBB-0:15,M3.2.0/2:50,M11.1.0/3:05", 1615690200, 0, 900},
     {"AAA0BBB-0:15,M3.2.0/2:50,M11.1.0/3:05", 1636253400, 900, 0},
+    {"AAA0BBB0,M3.2.0/2:30,M11.1.0/2:30", 1615689000, 0, 0},
     // the clock does not change: the turn of a year, and the epoch
     {"UTC", 1609459200, 0, 0},
     {"UTC", 0, 0, 0},

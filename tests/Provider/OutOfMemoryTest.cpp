@@ -9,6 +9,7 @@
 #include <stdexcept>
 #include <string>
 #include <type_traits>
+#include <typeinfo>
 #include <vector>
 
 #include "ContextSubjectFilter.h"
@@ -88,6 +89,14 @@ int WithEachAllocationFailing(const std::function<void(const Attempt&)>& test) {
     EXPECT_FALSE(hasFailed) << "there are more allocations";
     return calls;
 }
+
+/// Names the instances of a suite.
+struct ClassName {
+    template <class Class>
+    static std::string GetName(int /*index*/) {
+        return typeid(Class).name();
+    }
+};
 
 /// @return a text that does not fit into a `std::string` without an allocation.
 std::string Long(const std::string& text) {
@@ -321,7 +330,7 @@ TEST(CuratorOutOfMemoryTest, AFailedCopyOfARecordLeavesItUsable) {
         const bool isClear = attempt.Succeeds([&] { copy.clear(); });
         EXPECT_TRUE(isClear) << "clear() needs memory";
         EXPECT_EQ(copy.GetUnitId() + copy.m_strMetaData, "");
-        attempt.Succeeds([&] { const CuratorBaseData constructed(original); });
+        attempt.Succeeds([&] { EXPECT_EQ(CuratorBaseData(original).m_strMetaData, original.m_strMetaData); });
     });
     EXPECT_EQ(failed, 3 + 3) << "three texts";
 }
@@ -340,7 +349,7 @@ public:
 template <class Unit>
 struct UnitOutOfMemoryTest : public ::testing::Test {};
 using Units = ::testing::Types<CCuratorMRUUnit, CCuratorMFUUnit, CCuratorDateUnit>;
-TYPED_TEST_SUITE(UnitOutOfMemoryTest, Units);
+TYPED_TEST_SUITE(UnitOutOfMemoryTest, Units, ClassName);
 
 TYPED_TEST(UnitOutOfMemoryTest, AFailedAssignmentChangesNothing) {
     using Unit = OpenUnit<TypeParam>;
@@ -442,7 +451,7 @@ struct BanditOutOfMemoryTest : public ::testing::Test {
         std::is_same_v<Agent, ThomsonSamplingAgent> || std::is_same_v<Agent, KalmanFilterAgent> ? 5 : 3;
 };
 using Bandits = ::testing::Types<EpsilonGreedyAgent, SoftmaxAgent, MFUAgent, ThomsonSamplingAgent, KalmanFilterAgent>;
-TYPED_TEST_SUITE(BanditOutOfMemoryTest, Bandits);
+TYPED_TEST_SUITE(BanditOutOfMemoryTest, Bandits, ClassName);
 
 TYPED_TEST(BanditOutOfMemoryTest, AFailedConstructionLeaksNothing) {
     const int failed = WithEachAllocationFailing([](const Attempt& attempt) {
@@ -550,7 +559,7 @@ TEST(ProviderOutOfMemoryTest, AnExceptionOfTheHandlerPassesThrough) {
 template <class Filter>
 struct FilterOutOfMemoryTest : public ::testing::Test {};
 using Filters = ::testing::Types<ContextSubjectFilter, ProviderFilter>;
-TYPED_TEST_SUITE(FilterOutOfMemoryTest, Filters);
+TYPED_TEST_SUITE(FilterOutOfMemoryTest, Filters, ClassName);
 
 TYPED_TEST(FilterOutOfMemoryTest, AFailedRegistrationChangesNothing) {
     const std::string known = Long("known");
@@ -558,8 +567,9 @@ TYPED_TEST(FilterOutOfMemoryTest, AFailedRegistrationChangesNothing) {
     const int failed = WithEachAllocationFailing([&](const Attempt& attempt) {
         TypeParam filter;
         filter.Register(known);
-        filter.Set(known);
         const bool isRegistered = attempt.Succeeds([&] { filter.Register(added); });
+        EXPECT_FALSE(filter.Check());
+        filter.Set(known);
         EXPECT_EQ(filter.Check(), !isRegistered);
         EXPECT_TRUE(attempt.Succeeds([&] {
             filter.Register(known);

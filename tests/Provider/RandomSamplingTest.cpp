@@ -62,6 +62,8 @@ class BoundedSource {
 public:
     explicit BoundedSource(unsigned int seed) : m_state(seed) {}
 
+    unsigned int State() const { return m_state; }
+
     std::uint64_t operator()() {
         constexpr int kMostDraws = 10000;
         if (++m_draws > kMostDraws) {
@@ -75,70 +77,72 @@ private:
     int m_draws = 0;
 };
 
-/// Parameters at which a method, its arithmetic or its comparisons change.
-const std::vector<double>& EdgeParameters() {
-    constexpr double kInfinity = std::numeric_limits<double>::infinity();
-    constexpr double kLargestDouble = std::numeric_limits<double>::max();
-    static const std::vector<double> parameters = [] {
-        std::vector<double> values = {0.0,
-                                      std::numeric_limits<double>::denorm_min(),
-                                      1e-320,
-                                      3.8e-309,
-                                      3.9e-309,
-                                      5.5e-309,
-                                      5.7e-309,
-                                      std::numeric_limits<double>::min(),
-                                      1.1e-307,
-                                      1.2e-307,
-                                      1e-300,
-                                      1e-100,
-                                      1e-30,
-                                      1e-17,
-                                      1e-16,
-                                      1e-8,
-                                      1e-5,
-                                      9.3e-4,
-                                      9.31e-4,
-                                      0.001,
-                                      0.0267,
-                                      0.03,
-                                      0.1,
-                                      1.0 / 3.0,
-                                      0.5,
-                                      std::nextafter(0.5, 0.0),
-                                      std::nextafter(0.5, 1.0),
-                                      0.7,
-                                      0.9999,
-                                      std::nextafter(1.0, 0.0),
-                                      1.0,
-                                      std::nextafter(1.0, 2.0),
-                                      1.0001,
-                                      4.0 / 3.0,
-                                      1.5,
-                                      2.0,
-                                      10.0,
-                                      1e3,
-                                      1e6,
-                                      1e15,
-                                      9007199254740992.0,
-                                      9007199254740994.0,
-                                      1e17,
-                                      1e30,
-                                      1e154,
-                                      1e155,
-                                      1e300,
-                                      1e307,
-                                      kLargestDouble / 9.0,
-                                      kLargestDouble / 2.0,
-                                      kLargestDouble,
-                                      kInfinity,
-                                      kNotANumber};
-        const std::size_t count = values.size();
-        for (std::size_t i = 0; i < count; ++i) {
-            values.push_back(-values[i]);
-        }
-        return values;
-    }();
+constexpr double kInfinity = std::numeric_limits<double>::infinity();
+constexpr double kLargestDouble = std::numeric_limits<double>::max();
+constexpr double kSmallestNormal = std::numeric_limits<double>::min();
+constexpr double kSmallestDouble = std::numeric_limits<double>::denorm_min();
+
+/// Parameters, also used negated, at which a method, its arithmetic or its comparisons change.
+const double kEdges[] = {0.0,
+                         kSmallestDouble,
+                         1e-320,
+                         3.8e-309,
+                         3.9e-309,
+                         5.5e-309,
+                         5.7e-309,
+                         kSmallestNormal,
+                         1.1e-307,
+                         1.2e-307,
+                         1e-300,
+                         1e-100,
+                         1e-30,
+                         1e-17,
+                         1e-16,
+                         1e-8,
+                         1e-5,
+                         9.3e-4,
+                         9.31e-4,
+                         0.001,
+                         0.0268,
+                         0.03,
+                         0.1,
+                         1.0 / 3.0,
+                         0.5 - 0x1p-54,
+                         0.5,
+                         0.5 + 0x1p-53,
+                         0.7,
+                         0.9999,
+                         1.0 - 0x1p-53,
+                         1.0,
+                         1.0 + 0x1p-52,
+                         1.0001,
+                         4.0 / 3.0,
+                         1.5,
+                         2.0,
+                         10.0,
+                         1e3,
+                         1e6,
+                         1e15,
+                         0x1p53,
+                         0x1p53 + 2.0,
+                         1e17,
+                         1e30,
+                         1e154,
+                         1e155,
+                         1e300,
+                         1e307,
+                         kLargestDouble / 9.0,
+                         kLargestDouble / 2.0,
+                         kLargestDouble,
+                         kInfinity,
+                         kNotANumber};
+
+std::vector<double> EdgeParameters() {
+    std::vector<double> parameters;
+    for (const double edge : kEdges) {
+        parameters.push_back(edge);
+        parameters.push_back(-edge);
+    }
     return parameters;
 }
 
@@ -347,6 +351,58 @@ TEST_F(RandomSamplingTest, GammaBelowOneAcceptsAValueEqualToItsBound) {
     EXPECT_EQ(draw.Left(), 0U);
 }
 
+TEST_F(RandomSamplingTest, GammaBelowOneAcceptsEqualityInBothBranches) {
+    constexpr double kShape = 0.75;
+    for (int step = 0; step < 100000; ++step) {
+        const double u = 0.3125 + step * 0x1p-20;
+        const double y = -std::log((1.0 - u) / kShape);
+        const double x = std::pow(1.0 - kShape + kShape * y, 1.0 / kShape);
+        const double other = std::floor(-std::expm1(y - x) * 0x1p53) * 0x1p-53;
+        if (-std::log(1.0 - other) + y == x) {
+            Script draw = {u, other};
+            EXPECT_EQ(Variates::Gamma(draw, kShape), x);
+            EXPECT_EQ(draw.Left(), 0U);
+            return;
+        }
+    }
+    FAIL() << "no draws lead to equality";
+}
+
+/// @return what the method for shapes above 1 computes from a normal variate; it redraws unless this is above 0.
+double CandidateOf(double shape, double normal) {
+    return 1.0 + 1.0 / std::sqrt(9.0 * (shape - 0.3333333333333333)) * normal;
+}
+
+TEST_F(RandomSamplingTest, GammaAboveOneRedrawsUpToZero) {
+    constexpr double kFirst = 0.495;
+    double second = 0.45;
+    double shape = 0.0;
+    do {  // until some shape gives a candidate of exactly 0
+        second -= 0x1p-30;
+        Script draw = {kFirst, second};
+        const double normal = Variates::Normal(draw);
+        shape = normal * normal / 9.0 + 0.3333333333333333 - 1e-14;
+        while (CandidateOf(shape, normal) < 0.0) {
+            shape = std::nextafter(shape, 2.0);
+        }
+        if (CandidateOf(shape, normal) == 0.0) {
+            Script redraws = {kFirst, second, 0.4, 0.3, 0.25};
+            Script accepts = {0.4, 0.3, 0.25};
+            EXPECT_EQ(Variates::Gamma(redraws, shape), Variates::Gamma(accepts, shape));
+            EXPECT_EQ(redraws.Left(), 0U);
+            while (CandidateOf(shape, normal) == 0.0) {
+                shape = std::nextafter(shape, 2.0);
+            }
+            Script rejects = {kFirst, second, 0.4, 0.4, 0.3, 0.25};  // a uniform variate follows the candidate
+            Script acceptsToo = {0.4, 0.3, 0.25};
+            EXPECT_EQ(Variates::Gamma(rejects, shape), Variates::Gamma(acceptsToo, shape));
+            EXPECT_EQ(rejects.Left(), 0U);
+            return;
+        }
+    } while (second > 0.4499);
+    FAIL() << "no shape leads to 0";
+}
+
 TEST_F(RandomSamplingTest, GammaVariatesStayBelowTheirBound) {
     for (const double shape : {0.01, 0.5, 0.99, 1.0, 1.01, 2.0, 30.0}) {
         const double bound = shape > 1.0 ? shape - 0.3333333333333333 : 1.0;
@@ -383,6 +439,42 @@ TEST_F(RandomSamplingTest, BetaUsesLogarithmsWhenBothPowersUnderflow) {
     EXPECT_NEAR(Variates::Beta(draw, kTiny, kTiny), ratio / (1.0 + ratio), 1e-12);
     EXPECT_LT(ratio, 1.0);
     EXPECT_EQ(draw.Left(), 0U);
+}
+
+TEST_F(RandomSamplingTest, BetaUsesLogarithmsAsStated) {
+    constexpr double kTiny = 1e-5;
+    for (int step = 1; step < 100; ++step) {
+        const double u = 0.25 + step * 0x1p-27;
+        const double v = 0.25 + step * step * 0x1p-30;
+        double lx = std::log(u) / kTiny;
+        double ly = std::log(v) / kTiny;
+        const double m = std::max(lx, ly);
+        lx -= m;
+        ly -= m;
+        Script draw = {u, v};
+        ASSERT_EQ(Variates::Beta(draw, kTiny, kTiny), std::exp(lx - std::log(std::exp(lx) + std::exp(ly)))) << step;
+    }
+}
+
+TEST_F(RandomSamplingTest, BetaUsesPowersUnlessBothUnderflow) {
+    const struct {
+        const char* name;
+        double u, v, parameter;
+    } rows[] = {
+        {"nearly 1", 0.46875, 0.484375, 1.0},
+        {"denormal powers", 0.25, 0.2578125, 1.0 / 514.0},
+        {"the first underflows", 0.25, 0.25 + 0x1p-13, 1.0 / 537.6},
+        {"the second underflows", 0.25 + 0x1p-13, 0.25, 1.0 / 537.6},
+    };
+    for (const auto& row : rows) {
+        const double x = std::pow(row.u, 1.0 / row.parameter);
+        const double y = std::pow(row.v, 1.0 / row.parameter);
+        ASSERT_GT(x + y, 0.0) << row.name;
+        Script draw = {row.u, row.v};
+        EXPECT_EQ(Variates::Beta(draw, row.parameter, row.parameter), x / (x + y)) << row.name;
+        EXPECT_EQ(draw.Left(), 0U) << row.name;
+    }
+    EXPECT_EQ(std::pow(0.25, 537.6), 0.0);
 }
 
 TEST_F(RandomSamplingTest, BetaAboveOneIsTheRatioOfGammaVariates) {
@@ -438,22 +530,22 @@ TEST_F(RandomSamplingTest, BetaOfInvalidParametersIsNaN) {
 }
 
 TEST_F(RandomSamplingTest, MinusZeroIsZero) {
-    EXPECT_EQ(StandardGamma(-0.0), 0.0);
-    const double others[] = {0.5, 1.0, 2.0};
-    for (const double other : others) {
-        for (const unsigned int seed : {1U, 99U}) {
-            RandState::Set(seed);
-            const double first = RandomBeta(0.0, other);
-            const double second = RandomBeta(other, 0.0);
-            const unsigned int end = RandState::Get();
-            RandState::Set(seed);
-            EXPECT_EQ(RandomBeta(-0.0, other), first) << other;
-            EXPECT_EQ(RandomBeta(other, -0.0), second) << other;
-            EXPECT_EQ(RandState::Get(), end) << other;
+    const auto expectEqual = [](const auto& variate) {
+        for (const unsigned int seed : {1U, 99U, 12345U}) {
+            BoundedSource zero(seed);
+            BoundedSource minusZero(seed);
+            EXPECT_EQ(variate(minusZero, -0.0), variate(zero, 0.0));
+            EXPECT_EQ(minusZero.State(), zero.State());
         }
+    };
+    expectEqual([](BoundedSource& draw, double zero) { return Variates::Gamma(draw, zero); });
+    for (const double other : {0.5, 1.0, 2.0}) {
+        expectEqual([other](BoundedSource& draw, double zero) { return Variates::Beta(draw, zero, other); });
+        expectEqual([other](BoundedSource& draw, double zero) { return Variates::Beta(draw, other, zero); });
     }
-    EXPECT_TRUE(std::isnan(RandomBeta(-0.0, -0.0)));
-    EXPECT_TRUE(std::isnan(RandomBeta(-0.0, 0.0)));
+    BoundedSource draw(1);
+    EXPECT_TRUE(std::isnan(Variates::Beta(draw, -0.0, -0.0)));
+    EXPECT_TRUE(std::isnan(Variates::Beta(draw, -0.0, 0.0)));
 }
 
 TEST_F(RandomSamplingTest, GammaEndsAsStatedForAnyShape) {
@@ -465,7 +557,7 @@ TEST_F(RandomSamplingTest, GammaEndsAsStatedForAnyShape) {
             ASSERT_EQ(std::isinf(gamma), std::isinf(shape) && shape > 0.0) << shape;
             if (shape >= 0.0 && shape <= 0.00093) {
                 ASSERT_EQ(gamma, 0.0) << shape;
-            } else if (shape > 0.0267) {
+            } else if (shape > 0.0268) {
                 ASSERT_GT(gamma, 0.0) << shape;
             }
         }

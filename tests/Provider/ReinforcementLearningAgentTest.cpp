@@ -558,6 +558,22 @@ TEST_F(ReinforcementLearningAgentTest, KalmanScalesTheRewardAndWidensOtherVarian
     EXPECT_EQ(agent.m_vecVariance, (std::vector<double>{6.0, 2.0 * 6.0 / 8.0, 6.0}));
 }
 
+TEST_F(ReinforcementLearningAgentTest, KalmanCalculatesInTheStatedOrder) {
+    std::mt19937 random(21);
+    std::uniform_real_distribution<double> parameter(0.01, 10.0);
+    for (int round = 0; round < 1000; ++round) {
+        const double r = parameter(random);
+        const double w = parameter(random);
+        SeenKalman agent(1, r, w, parameter(random), parameter(random));
+        const double mean = agent.m_vecMean[0];
+        const double p = agent.m_vecVariance[0] + w;
+        const int reward = static_cast<int>(random() % 100) - 50;
+        agent.UpdateQ(0, reward);
+        ASSERT_EQ(agent.m_vecMean[0], (100.0 * p * reward + r * mean) / (p + r)) << round;
+        ASSERT_EQ(agent.m_vecVariance[0], r * p / (p + r)) << round;
+    }
+}
+
 TEST_F(ReinforcementLearningAgentTest, KalmanChoosesTheLowestOfEqualActions) {
     KalmanFilterAgent agent(4, 1.0, 1.0, 3.0, 7.0);
     EXPECT_EQ(agent.ChooseAction(), 0);
