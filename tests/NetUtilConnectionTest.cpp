@@ -159,6 +159,16 @@ TEST_F(NetUtilConnectionTest, AcceptsClientThatAlreadyWaits) {
     EXPECT_EQ(Received(client, 100).Text(), "to the client");
 }
 
+TEST_F(NetUtilConnectionTest, DescriptorsAreInheritedAcrossExec) {
+    const Descriptor listener(NetUtil::BindPort(0));
+    EXPECT_EQ(NetUtil::AcceptNewSocket(listener, 0), -1);
+    const Descriptor client(NetUtil::ConnectNewSocket(kLoopback, PortOf(listener)));
+    const Descriptor server(NetUtil::AcceptNewSocket(listener, 20));
+    for (const int fd : {static_cast<int>(listener), static_cast<int>(client), static_cast<int>(server)}) {
+        EXPECT_EQ(fcntl(fd, F_GETFD), 0);
+    }
+}
+
 TEST_F(NetUtilConnectionTest, WaitsForClient) {
     const Descriptor listener(NetUtil::BindPort(0));
     EXPECT_EQ(NetUtil::AcceptNewSocket(listener, 0), -1);

@@ -89,6 +89,21 @@ TEST_F(SystemLogTest, PassesLongTextsAndPercentSignsUnchanged) {
     EXPECT_TRUE(EndsWith(Receive(), ": TAG: " + text));
 }
 
+TEST_F(SystemLogTest, PassesTextsOfEveryLengthWhole) {
+    for (const int length : {0, 1, 510, 511, 512, 513, 2000}) {
+        const std::string text(static_cast<std::size_t>(length), 'x');
+        EXPECT_EQ(lumora_log_print(LUMORA_LOG_BUFFER_MAIN, LUMORA_LOG_INFO, "TAG", "%s", text.c_str()), length);
+        EXPECT_TRUE(EndsWith(Receive(), ": TAG: " + text)) << length;
+    }
+}
+
+TEST_F(SystemLogTest, WritesNothingThatCannotBeFormatted) {
+    const wchar_t text[] = {0x2603, 0};  // not a character of the C locale
+    EXPECT_LT(lumora_log_print(LUMORA_LOG_BUFFER_MAIN, LUMORA_LOG_INFO, "TAG", "%ls", text), 0);
+    lumora_log_print(LUMORA_LOG_BUFFER_MAIN, LUMORA_LOG_INFO, "TAG", "next");
+    EXPECT_TRUE(EndsWith(Receive(), ": TAG: next"));
+}
+
 TEST_F(SystemLogTest, LogsShortTextsWithoutMemory) {
     const std::string text(500, 'x');
     int length = 0;
