@@ -267,6 +267,13 @@ class OutputTest(HostCase):
             self.assertEqual((result.stderr.count("\n"), result.stdout), (1, ""))
         self.assertTrue(pipe.is_fifo())
 
+    def test_reports_options_that_exclude_each_other(self):
+        for arguments, message in {("--evaluate", "--weekly"): "--evaluate cannot be combined",
+                                   ("--serve", "0", "--evaluate"): "--serve cannot be combined",
+                                   ("--serve", "0", "--weekly"): "--serve cannot be combined"}.items():
+            with self.subTest(arguments):
+                self.assertIn(message, self.run_host(*arguments, status=2).stderr)
+
 
 if __name__ == "__main__":
     main()

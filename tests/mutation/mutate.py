@@ -51,14 +51,14 @@ def units_of(path):
         names |= more
 
 
-def tests_of(path):
-    """@return the tests of the classes that `path` is part of.
+def tests_of(path, units):
+    """@return the tests of the classes that `units` define, and of the header `path`.
 
     The name of a test begins with the name of its class, and with no longer one's. A test whose name begins with no
     class belongs to those whose headers it includes.
     """
     stems = [source.stem for source in sources()]
-    mine = {unit.stem for unit in units_of(path)}
+    mine = {unit.stem for unit in units}
     found = []
     for test in sorted(ROOT.glob("tests/**/*Test.cpp")):
         names = includes(test)
@@ -187,7 +187,8 @@ class Worker:
         return programs
 
     def try_change(self, path, change, tests, names):
-        """@return what became of a changed file. Leaves the copy as it was."""
+        """@param names  the tests to run, in groups: the second runs only when the first has not noticed the change.
+        @return what became of a changed file. Leaves the copy as it was."""
         copy = self.folder / path.relative_to(ROOT)
         source = path.read_bytes()
         units = units_of(path)
@@ -199,7 +200,8 @@ class Worker:
             if all(file.read_bytes() == content for file, content in before.items()):
                 return SAME
             self._link_all()
-            return KILLED if tests.notice(self._programs(path, names), self.folder) else SURVIVED
+            noticed = any(tests.notice(self._programs(path, some), self.folder) for some in names)
+            return KILLED if noticed else SURVIVED
         finally:
             copy.write_bytes(source)
             for file, content in before.items():
@@ -238,8 +240,12 @@ def compile_arguments():
 def try_file(path, found, workers, tests, known):
     """@return how often each result came up; prints what survives."""
     counts = collections.Counter()
-    names = tests_of(path)
-    for name in names:
+    own = tests_of(path, units_of(path))
+    classes = {unit.stem for unit in units_of(path)}
+    headers = [header for header in ROOT.glob("include/**/*.h") if header.stem in classes]
+    users = tests_of(path, [unit for header in headers for unit in units_of(header)])
+    names = own, [name for name in users if name not in own]
+    for name in own + users:
         tests.time(name)
 
     def one(change):
