@@ -84,6 +84,7 @@ def main():
     problems = [f"tests/coverage/unreachable.txt: reached, or no such line: {': '.join(key)}"
                 for key in sorted(without_unreachable(root, files))]
     totals = {total: ([], []) for total in LEAST}
+    short = set()
     print(f"{'':48} {'lines':>6} {'missed':>7} {'%':>8} {'branches':>9} {'missed':>7} {'%':>8}")
     for name in sorted(files):
         lines, branches = (list(counts.values()) for counts in files[name])
@@ -95,13 +96,18 @@ def main():
         print(row(total, lines, branches))
         least_lines, least_branches = LEAST[total]
         if per_cent(lines) < least_lines or per_cent(branches) < least_branches:
+            short.add(total)
             problems.append(f"{total}: the tests must reach {least_lines} % of the lines and {least_branches} % of the "
                             "branches")
     if print_only or not problems:
         return 0
-    missed = [f"{name}:{line}" for name in sorted(files) for line, count in sorted(files[name][0].items())
-              if count == 0 and total_of(name) == LIBRARY]
-    print("\n" + "\n".join(problems + [f"not reached: {place}" for place in missed]), file=sys.stderr)
+    print("\n" + "\n".join(problems), file=sys.stderr)
+    for name, (lines, branches) in sorted(files.items()):
+        if total_of(name) in short:
+            for line in sorted(line for line, count in lines.items() if count == 0):
+                print(f"{name}:{line}: not reached", file=sys.stderr)
+            for line, column, outcome in sorted(branch for branch, count in branches.items() if count == 0):
+                print(f"{name}:{line}:{column}: never {str(outcome).lower()}", file=sys.stderr)
     return 1
 
 
