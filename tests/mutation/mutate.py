@@ -95,7 +95,7 @@ class Tests:
     def notice(self, programs, library):
         """@param programs  the program of each test, by name; null if it does not compile.
         @return whether a test fails or takes too long."""
-        return not all(programs[name] and self._run(name, library, 10 + 4 * self.time(name), programs[name])
+        return not all(programs[name] and self._run(name, library, 5 + 4 * self.time(name), programs[name])
                        for name in sorted(programs, key=self.time))
 
     def _run(self, name, library, limit, program=None):
@@ -287,7 +287,7 @@ def main():
         for path, change in ((path, change) for path in found for change in found[path]):
             print(line_of(path, change))
         return 0
-    workers = queue.Queue(os.cpu_count() or 1)
+    workers = queue.Queue(2 * (os.cpu_count() or 1))  # most changes of a thread make its tests wait
     first = Worker(0)
     workers.put(first)
     for number in range(1, workers.maxsize):
