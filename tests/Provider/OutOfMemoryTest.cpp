@@ -473,13 +473,14 @@ TYPED_TEST(BanditOutOfMemoryTest, AFailedCopyLeaksNothing) {
 }
 
 TYPED_TEST(BanditOutOfMemoryTest, AFailedAssignmentChangesNothing) {
+    constexpr int kUpdates = 10000;  // enough that a sampled choice is the learnt action, whatever the random state
     const std::unique_ptr<TypeParam> original = NewAgent<TypeParam>(5);
-    for (int update = 0; update < 100; ++update) {
+    for (int update = 0; update < kUpdates; ++update) {
         original->UpdateQ(4, 1);
     }
     const int failed = WithEachAllocationFailing([&](const Attempt& attempt) {
         const std::unique_ptr<TypeParam> agent = NewAgent<TypeParam>(2);
-        for (int update = 0; update < 100; ++update) {
+        for (int update = 0; update < kUpdates; ++update) {
             agent->UpdateQ(1, 1);
         }
         const int last = attempt.Succeeds([&] { *agent = *original; }) ? 4 : 1;
