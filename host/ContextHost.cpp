@@ -30,6 +30,9 @@ constexpr const char* kInsert = "INSERT OR IGNORE INTO usage VALUES (?, ?, ?, ?,
 constexpr const char* kReadMark = "PRAGMA user_version";
 // Another program that reads the store may lock it for a moment.
 constexpr const char* kWaitForLocks = "PRAGMA busy_timeout = 5000";
+// One journal file for all transactions: a second name can keep it. Changing the mode back removes it.
+constexpr const char* kKeepJournal = "PRAGMA journal_mode = TRUNCATE";
+constexpr const char* kRemoveJournal = "PRAGMA journal_mode = DELETE";
 constexpr const char* kSelectBlock =
     "SELECT rowid, unit_id, unit_name, device_name, start_time, duration FROM usage "
     "WHERE (start_time, rowid) > (?, ?) ORDER BY start_time, rowid LIMIT ?";
@@ -40,6 +43,7 @@ ContextHost::ContextHost(const std::string& databaseName)
     : m_database(databaseName, std::string("CREATE TABLE IF NOT EXISTS ") + kTable, kFlushInterval),
       m_batchNumber(QueryNumber_(kReadMark)) {
     QueryNumber_(kWaitForLocks);
+    QueryNumber_(kKeepJournal);
     if (m_batchNumber == 0) {
         WriteMark_(/*immediate=*/true);
     }
@@ -72,6 +76,10 @@ bool ContextHost::WaitForFlush(const std::function<void()>& onWait) {
         g_usleep(kPollMicroseconds);
     }
     return false;
+}
+
+void ContextHost::EndWriting() {
+    QueryNumber_(kRemoveJournal);
 }
 
 int ContextHost::CountRecords() {

@@ -36,6 +36,9 @@ public:
     /// @return false if a write failed, which loses the batch, or after two minutes.
     bool WaitForFlush(const std::function<void()>& onWait);
 
+    /// Removes the journal, which would otherwise stay as an empty file. Call it when nothing more is written.
+    void EndWriting();
+
     /// @return whether every history has been published to its end.
     bool HasEverythingArrived() { return m_arrivals.Check(); }
 

@@ -178,10 +178,43 @@ std::string ProblemOfStore(const std::string& path) {
     return problem.empty() ? "" : "cannot open " + path + ": " + problem;
 }
 
+/// Gives a file a second name, and creates it if it is missing.
+/// @return the error message; empty if there is none.
+std::string KeepFile(const std::string& path, const std::string& keptPath) {
+    constexpr mode_t kMode = 0644;  // as SQLite creates files
+    const int file = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, kMode);
+    if (file < 0) {
+        return CannotWrite(path);
+    }
+    close(file);
+    return link(path.c_str(), keptPath.c_str()) == 0 ? "" : CannotWrite(keptPath);
+}
+
+/// Creates the table of a store that is missing or empty. SQLite replaces the journal of an empty file, so that a
+/// second name would not keep it.
+/// @return the error message; empty if there is none.
+std::string CreateTable(const std::string& path) {
+    struct stat status {};
+    if (lstat(path.c_str(), &status) == 0 && status.st_size > 0) {
+        return "";
+    }
+    sqlite3* opened = nullptr;
+    int result = sqlite3_open(path.c_str(), &opened);
+    const std::unique_ptr<sqlite3, decltype(&sqlite3_close)> database(opened, sqlite3_close);
+    if (result == SQLITE_OK) {
+        result = sqlite3_exec(opened, ContextHost::TableText().c_str(), nullptr, nullptr, nullptr);
+    }
+    return result == SQLITE_OK ? "" : "cannot write to " + path + ": " + sqlite3_errstr(result);
+}
+
 }  // namespace
 
 StoreGuard::StoreGuard(std::string name)
-    : m_name(std::move(name)), m_path(ContextDatabase::kDataDirectory + m_name), m_keptPath(m_path + kKeptSuffix) {}
+    : m_name(std::move(name)),
+      m_path(ContextDatabase::kDataDirectory + m_name),
+      m_journalPath(m_path + kJournalSuffix),
+      m_keptPath(m_path + kKeptSuffix),
+      m_keptJournalPath(m_keptPath + kJournalSuffix) {}
 
 StoreGuard::~StoreGuard() {
     try {
@@ -212,6 +245,9 @@ std::string StoreGuard::Take() {
     if (problem.empty()) {
         problem = ProblemOfStore(m_path);
     }
+    if (problem.empty()) {
+        problem = CreateTable(m_path);
+    }
     return problem.empty() ? Keep_() : problem;
 }
 
@@ -224,11 +260,7 @@ std::string StoreGuard::Release() {
         return "";
     }
     m_isTaken = false;
-    if (IsIntact()) {
-        return unlink(m_keptPath.c_str()) == 0 ? "" : CannotWrite(m_keptPath);
-    }
-    const std::string problem = PutBack_();
-    return problem.empty() ? ProblemOfStore(m_path) : problem;
+    return IsIntact() ? RemoveKept_() : PutBack_();
 }
 
 std::string StoreGuard::Lock_() {
@@ -258,14 +290,10 @@ std::string StoreGuard::Recover_() {
         return "";
     }
     if (IsIntact()) {
-        return unlink(m_keptPath.c_str()) == 0 ? "" : CannotWrite(m_keptPath);
+        return RemoveKept_();
     }
     bool hasRecord = false;
-    std::string problem = ProblemOfFile(m_keptPath, hasRecord);
-    if (!problem.empty()) {
-        return "cannot open " + m_keptPath + ": " + problem;
-    }
-    problem = ProblemOfFile(m_path, hasRecord);
+    const std::string problem = ProblemOfFile(m_path, hasRecord);
     if (!problem.empty() || hasRecord) {
         return m_keptPath + " contains the records of an earlier run, and " + m_path +
                " others: move one of the two away";
@@ -273,25 +301,38 @@ std::string StoreGuard::Recover_() {
     return PutBack_();
 }
 
-/// Gives the store its second name. A new store is created empty, so that it can have one.
+/// Gives the store and its journal their second names. What is missing is created empty, so that it can have one.
 std::string StoreGuard::Keep_() {
-    constexpr mode_t kMode = 0644;  // as SQLite creates files
-    const int file = open(m_path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, kMode);
-    if (file < 0) {
-        return CannotWrite(m_path);
+    if (unlink(m_keptJournalPath.c_str()) != 0 && errno != ENOENT) {  // left over without a store
+        return CannotWrite(m_keptJournalPath);
     }
-    close(file);
-    if (link(m_path.c_str(), m_keptPath.c_str()) != 0) {
-        return CannotWrite(m_keptPath);
+    std::string problem = KeepFile(m_journalPath, m_keptJournalPath);
+    if (problem.empty()) {
+        problem = KeepFile(m_path, m_keptPath);
     }
-    m_isTaken = true;
-    return "";
+    m_isTaken = problem.empty();
+    return problem;
+}
+
+// The journal goes first: a journal without a store is removed by the next Take().
+std::string StoreGuard::RemoveKept_() const {
+    if (unlink(m_keptJournalPath.c_str()) != 0 && errno != ENOENT) {
+        return CannotWrite(m_keptJournalPath);
+    }
+    return unlink(m_keptPath.c_str()) == 0 ? "" : CannotWrite(m_keptPath);
 }
 
 std::string StoreGuard::PutBack_() const {
+    // Rolls back the transaction that the reset interrupted: SQLite finds its journal at the second name.
+    std::string problem = ProblemOfStore(m_keptPath);
+    if (!problem.empty()) {
+        return problem;
+    }
     // The journal of the file that replaced the store must not be applied to the store.
-    if (unlink((m_path + kJournalSuffix).c_str()) != 0 && errno != ENOENT) {
-        return CannotWrite(m_path + kJournalSuffix);
+    for (const std::string& journal : {m_keptJournalPath, m_journalPath}) {
+        if (unlink(journal.c_str()) != 0 && errno != ENOENT) {
+            return CannotWrite(journal);
+        }
     }
     if (std::rename(m_keptPath.c_str(), m_path.c_str()) != 0) {
         return CannotWrite(m_path);

@@ -6,9 +6,12 @@
 
 /// Protects a store from other processes and from ContextDatabase, which wipes a file that it cannot open or write.
 ///
-/// Take() locks the store, refuses a file that is no sound store, and gives the file a second name, NAME.kept. A reset
-/// of the database removes only the first name. Release() then puts the file back, as the last complete transaction
-/// left it. If the program ends before that, the next Take() does it.
+/// Take() locks the store, refuses a file that is no sound store, and gives the file and its journal second names,
+/// NAME.kept and NAME.kept-journal. A reset of the database removes only the first names. Release() then puts the file
+/// back, as the last complete transaction left it. If the program ends before that, the next Take() does it.
+///
+/// The journal must be one file for all transactions, as with `PRAGMA journal_mode = TRUNCATE`: when the disk is full,
+/// a reset leaves half of a transaction in the file, and only the journal can roll it back.
 ///
 /// **Threads.** One thread.
 /// **Errors.** Returned as one line for the user; empty if there is none.
@@ -41,11 +44,14 @@ private:
     std::string Lock_();
     std::string Recover_();
     std::string Keep_();
+    std::string RemoveKept_() const;
     std::string PutBack_() const;
 
     std::string m_name;
     std::string m_path;
+    std::string m_journalPath;
     std::string m_keptPath;
+    std::string m_keptJournalPath;
     int m_lock = -1;  ///< descriptor of the lock file
     bool m_isTaken = false;
 };

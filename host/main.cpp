@@ -93,11 +93,10 @@ ExitStatus Run(ContextHost& host, StoreGuard& guard, std::vector<HistoryProvider
         Interrupts::Catch();
         std::fprintf(stderr, "serving at port %d; try: context-query %d rank mfu 3\n", port, port);
     }
-    if (!providers.empty()) {
-        const ExitStatus status = ImportFiles(host, providers);
-        if (status != EXIT_OK) {
-            return status;
-        }
+    const ExitStatus status = providers.empty() ? EXIT_OK : ImportFiles(host, providers);
+    host.EndWriting();
+    if (status != EXIT_OK) {
+        return status;
     }
     if (!guard.IsIntact()) {
         return EXIT_NOT_STORED;

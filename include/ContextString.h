@@ -24,7 +24,8 @@
 /// `std::bad_alloc`. A function that fails changes none of its arguments, except that Unicode2Utf8() may have filled a
 /// part of its destination, and it leaks nothing. The C library reads the time zone's file at the first use of the
 /// zone; **without memory it silently takes UTC**, and keeps it until `TZ` changes. Call `tzset(3)` when the process
-/// starts.
+/// starts. glibc 2.36 aborts the process when memory runs out while `iconv` loads a converter, unless the system has
+/// the file gconv-modules.cache.
 /// @ingroup base
 class LUMORA_API ContextString {
 public:

@@ -74,10 +74,9 @@ public:
     bool Start();
 
     /// Stops the tick thread, which takes up to 250 ms, then the event thread, which serves all queued requests first.
-    /// @return false when either thread is not running, or when there is no memory for the stop message: the tick
-    /// thread
-    ///         has then stopped and the event thread continues, so call ContextEventThread::Stop() again before the
-    ///         destructor. The error "Stop Error" follows that thread's own error.
+    /// @return false when either thread is not running, or when there is no memory for the stop message. In the latter
+    ///         case the tick thread has stopped and the event thread continues: call ContextEventThread::Stop() again
+    ///         before the destructor. The error "Stop Error" follows that thread's own error.
     bool Stop();
 
     /// Sets a timer that fires every `interval` seconds until it is killed.
@@ -89,8 +88,8 @@ public:
     /// @return the timer's id. Ids count up through the whole process; after 2147483647 they start again at 1, even if
     ///         1 is in use. An id is returned even for a request that is lost: the 17th before Start() ("The Event
     ///         Queue is overflow!!" is logged), or one without memory for its event or, later, for its place in the
-    ///         list
-    ///         ("Memory Allocation Fail"). Without memory for the record, the assertion "timerData != __null" aborts.
+    ///         list ("Memory Allocation Fail"). Without memory for the record, the assertion "timerData != __null"
+    ///         aborts.
     TimerId SetTimer(unsigned int interval, timer_cb callback, void* userData);
 
     /// Removes a timer when the event thread reaches the request. Until then its callback may still run, for example

@@ -31,16 +31,16 @@ enum ELumoraLogPriority : int {
 /// **Threads.** Called from any thread, often while the library holds a lock. **A replacement must not call this
 /// library at all**: some of those locks are process-wide and none is recursive. For example, a failing flush of one
 /// database logs while it holds the locks of all databases; a log call that then defers a write to another database
-/// never returns. Queue the message and process it on your own thread.
+/// never returns. Queue the message and process it on your own thread. A replacement must not throw, either: the
+/// library logs on threads that GLib's C code started.
+/// **Errors.** The default definition neither throws nor changes `errno`. Without memory it still writes texts of up to
+/// 511 bytes, and the first 511 bytes of longer ones. glibc's `syslog(3)` needs memory too for texts of about 1000
+/// bytes or more; without it, it writes "out of memory" instead.
 ///
 /// @param buffer    the log buffer; the default definition ignores it.
 /// @param priority  one of ::ELumoraLogPriority.
 /// @param tag       the name of the module that logs; never null.
 /// @param format    a printf format for the arguments that follow.
-/// **Errors.** The default definition neither throws nor changes `errno`. Without memory it still writes texts of up to
-/// 511 bytes, and the first 511 bytes of longer ones. glibc's `syslog(3)` needs memory too for texts of about 1000
-/// bytes or more; without it, it writes "out of memory" instead.
-///
 /// @return the length of the formatted text in bytes, or a negative value when it could not be formatted; the library
 ///         ignores it.
 extern "C" LUMORA_API int lumora_log_print(int buffer, int priority, const char* tag, const char* format, ...)

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "ContextDatabase.h"
 
+#include <fcntl.h>
 #include <glib.h>
 #include <sqlite3.h>
 #include <strings.h>
@@ -49,8 +50,8 @@ bool IsFileName(const char* path) {
 
 /// @return the type of the file at a path, which is not followed if it is a link; 0 when it cannot be read.
 mode_t FileType(const std::string& path) {
-    struct stat status {};
-    return lstat(path.c_str(), &status) == 0 ? status.st_mode & S_IFMT : 0;
+    struct statx status {};  // unlike lstat(), not limited by a 32-bit time_t: a FIFO may have times after 2038
+    return statx(AT_FDCWD, path.c_str(), AT_SYMLINK_NOFOLLOW, STATX_TYPE, &status) == 0 ? status.stx_mode & S_IFMT : 0;
 }
 
 /// Tells whether a path is a FIFO, a socket or a device.

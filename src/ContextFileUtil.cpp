@@ -76,9 +76,13 @@ bool ContextFileUtil::IsSymbolicLink(const char* path) {
         errno = EFAULT;  // the kernel's answer; the C library declares the argument non-null
         return false;
     }
-    // With a 32-bit time_t, lstat() fails for a link whose times lie after 2038, which anyone can give to a link.
-    struct statx status {};
-    return statx(AT_FDCWD, path, AT_SYMLINK_NOFOLLOW, STATX_TYPE, &status) == 0 && S_ISLNK(status.stx_mode);
+    struct stat status {};
+    if (lstat(path, &status) == 0) {
+        return S_ISLNK(status.st_mode);
+    }
+    // With a 32-bit time_t, lstat() fails for times after 2038, which anyone can give to a link.
+    char first = '\0';
+    return errno == EOVERFLOW && readlink(path, &first, sizeof(first)) >= 0;
 }
 
 void ContextFileUtil::Sync() {

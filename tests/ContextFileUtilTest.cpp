@@ -61,7 +61,10 @@ extern "C" int open64(const char* path, int flags, ...) {
     va_start(arguments, flags);
     const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : 0;
     va_end(arguments);
-    g_openFlags.push_back(flags);
+    {
+        const FailingMemory::Pause pause;
+        g_openFlags.push_back(flags);
+    }
     if (!g_openErrors.empty()) {
         const int error = g_openErrors.front();
         g_openErrors.erase(g_openErrors.begin());

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <ctime>
 #include <functional>
 #include <locale>
@@ -152,6 +153,9 @@ struct Conversion {
 };
 
 TEST(ContextStringOutOfMemoryTest, ConvertsWithoutLineBreaksOrNotAtAll) {
+    if (std::getenv("GCONV_PATH") != nullptr) {
+        GTEST_SKIP() << "glibc 2.36 frees twice when memory runs out while it loads a converter without its cache";
+    }
     Units text;
     std::string utf8;
     for (int i = 0; i < 20; ++i) {

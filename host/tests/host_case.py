@@ -64,6 +64,11 @@ class HostCase(unittest.TestCase):
             return connection.execute("SELECT history, unit_id, unit_name, device_name, start_time, duration "
                                       "FROM usage ORDER BY start_time, rowid").fetchall()
 
+    def is_writing(self):
+        """Whether a host that has taken the store is in the middle of a transaction."""
+        journal = self.store / "usage.db.kept-journal"
+        return journal.exists() and journal.stat().st_size > 0
+
     @contextlib.contextmanager
     def served(self, *arguments):
         """A host that serves; yields its port and its process. Afterwards, self.rest has the rest of its messages."""

@@ -223,9 +223,8 @@ class ImportTest(HostCase):
     def test_keeps_stored_records_when_interrupted(self):
         process = subprocess.Popen(self.command(HISTORIES / "music_d.csv"), stderr=subprocess.PIPE,
                                    stdout=subprocess.PIPE, encoding="utf-8", start_new_session=True)
-        journal = self.store / "usage.db-journal"
         deadline = time.monotonic() + BOUND
-        while not journal.exists() and process.poll() is None and time.monotonic() < deadline:
+        while not self.is_writing() and process.poll() is None and time.monotonic() < deadline:
             time.sleep(0.001)
         os.killpg(process.pid, signal.SIGINT)
         _, stderr = process.communicate(timeout=BOUND)

@@ -60,15 +60,21 @@ class ServingTest(HostCase):
         longest = int(constant("NetUtil.h", "kMaxReplySize")) - len('{"Size":1,"list":[{"Id":"","Score":500.0}]}\n') - 1
         path = self.write("a.csv", HEADER + f"{'f' * longest},,,500,1\n{'t' * (longest + 1)},,,100,500\n")
         with self.served(path, "--max", 1) as (port, _):
-            self.wait_for(port, ["rank", "mru"], {"Size": 1, "list": [{"Id": "f" * longest, "Score": 500.0}]})
+            self.wait_for_refusal(port, "rank", "mfu")  # both records are learnt then
+            self.assertEqual(self.ask(port, "rank", "mru"), {"Size": 1, "list": [{"Id": "f" * longest, "Score": 500.0}]})
             self.assertIn("lower --max", self.ask(port, "rank", "mfu", status=3)["error"])
 
+    def wait_for_refusal(self, port, *request):
+        deadline = time.monotonic() + BOUND
+        while subprocess.run([QUERY, str(port), *request], stdout=subprocess.DEVNULL, timeout=BOUND).returncode != 3:
+            self.assertLess(time.monotonic(), deadline, "the request was never refused")
+            time.sleep(0.05)
+
     def test_learns_records_added_while_serving(self):
-        with self.served(HISTORIES / "music_d.csv") as (port, _):
-            self.assertEqual(self.ask(port, "rank", "mfu"), {"Size": 0})
+        with self.served(HISTORIES / "tv_a.csv") as (port, _):
             self.wait_for(port, ["rank", "mru", "1"],
-                          {"Size": 1, "list": [{"Id": "artist-00232082", "MetaDataSrc": "unspecified",
-                                                "Score": 1650663899.0}]})
+                          {"Size": 1, "list": [{"Id": "show-950df24a", "MetaDataSrc": "Edge OSS - Windows (Cadmium)",
+                                                "Score": 1705427569.0}]})
 
     def test_survives_hostile_and_incomplete_requests(self):
         path = self.write("a.csv", HEADER + "x,X,tv,100,5\n")

@@ -148,6 +148,24 @@ class StoreTest(HostCase):
                              .fetchone(), (500, 500))
             self.assertEqual(connection.execute("PRAGMA integrity_check").fetchone(), ("ok",))
 
+    def test_keeps_records_wherever_the_disk_ends(self):
+        old = self.write("old.csv", history("old", 20000))
+        new = self.write("new.csv", history("new", 15000))
+        free = range(300, 2000, 100)  # kB; some of these end in the journal, others in the store itself
+        result = self.run_script('folder=$1 new=$3 copies=$4 && mount -t tmpfs -o size=64M none "$folder" && '
+                                 '"$0" "$2" >/dev/null && cp "$folder/usage.db" "$copies" && shift 4 && for free; do '
+                                 'size=$(($(stat -c %b "$folder/usage.db") / 2 + free)) && '
+                                 'mount -o remount,size=${size}k "$folder"; "$0" "$new" >&2; echo $?; '
+                                 'mount -o remount,size=64M "$folder"; cp "$folder/usage.db" "$copies/$free.db"; '
+                                 'rm "$folder"/*; cp "$copies/usage.db" "$folder"; done',
+                                 old, new, self.folder, *free)
+        self.assertEqual(result.stdout, "1\n" * len(free), result.stderr)
+        for size in free:
+            with self.subTest(free=size), sqlite3.connect(self.folder / f"{size}.db") as connection:
+                self.assertEqual(connection.execute("PRAGMA integrity_check").fetchone(), ("ok",))
+                self.assertEqual(connection.execute("SELECT COUNT(*), COUNT(unit_id LIKE 'old%' OR NULL) FROM usage")
+                                 .fetchone(), (20000, 20000))
+
     def test_ranks_and_keeps_records_on_a_full_disk(self):
         old = self.write("old.csv", history("old", 500))
         new = self.write("new.csv", history("new", 3000))
@@ -253,8 +271,7 @@ class StoreTest(HostCase):
     def test_keeps_stored_records_when_killed(self):
         before = self.filled()
         process, number = self.start(HISTORIES / "music_d.csv")
-        self.wait_until((self.store / "usage.db.kept").exists, process)
-        self.wait_until((self.store / "usage.db-journal").exists, process)
+        self.wait_until(self.is_writing, process)
         os.kill(number, signal.SIGKILL)
         process.communicate(timeout=BOUND)
         self.assertEqual(process.returncode, 128 + signal.SIGKILL)

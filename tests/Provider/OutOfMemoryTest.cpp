@@ -473,16 +473,20 @@ TYPED_TEST(BanditOutOfMemoryTest, AFailedCopyLeaksNothing) {
 }
 
 TYPED_TEST(BanditOutOfMemoryTest, AFailedAssignmentChangesNothing) {
-    constexpr int kUpdates = 10000;  // enough that a sampled choice is the learnt action, whatever the random state
+    // So many failures of the other actions that no agent chooses them by chance.
+    const auto makeLastBest = [](TypeParam& agent, int n) {
+        for (int update = 0; update < 200; ++update) {
+            for (int action = 0; action < n - 1 && update % 2 == 0; ++action) {
+                agent.UpdateQ(action, 0);
+            }
+            agent.UpdateQ(n - 1, 1);
+        }
+    };
     const std::unique_ptr<TypeParam> original = NewAgent<TypeParam>(5);
-    for (int update = 0; update < kUpdates; ++update) {
-        original->UpdateQ(4, 1);
-    }
+    makeLastBest(*original, 5);
     const int failed = WithEachAllocationFailing([&](const Attempt& attempt) {
         const std::unique_ptr<TypeParam> agent = NewAgent<TypeParam>(2);
-        for (int update = 0; update < kUpdates; ++update) {
-            agent->UpdateQ(1, 1);
-        }
+        makeLastBest(*agent, 2);
         const int last = attempt.Succeeds([&] { *agent = *original; }) ? 4 : 1;
         EXPECT_EQ(agent->ChooseAction(), last);
         agent->UpdateQ(last, 1);  // writes out of bounds if the vectors have different sizes
