@@ -50,6 +50,11 @@ class HostCase(unittest.TestCase):
         self.assertEqual(result.returncode, status, result.stderr)
         return result
 
+    def need_plain_program(self):
+        program = pathlib.Path(PROGRAM).read_bytes()
+        if program[:4] != b"\x7fELF" or b"__asan_init" in program or b"__tsan_init" in program:
+            self.skipTest("an emulator or a sanitizer needs descriptors and address space of its own")
+
     def rank(self, *arguments, zone="UTC"):
         text = self.run_host("--json", *arguments, zone=zone).stdout
         return [(item["Id"], item["Score"]) for item in json.loads(text).get("list", [])]
