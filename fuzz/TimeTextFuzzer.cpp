@@ -167,7 +167,8 @@ void Fuzz::Test(Input& input) {
     const auto unchanged = Guarded([&] { return ContextString::sqltime_cal(text); });
     Same("sqltime_cal", unchanged, text.size() == 14 ? std::nullopt : std::optional<std::string>(text));
     // What is formatted is read back, except in the hour that occurs twice.
-    if (isUtc && seconds >= 0 && static_cast<long long>(seconds) <= INT_MAX) {
+    const long long wide = seconds;  // a `long` of 32 bits is never above INT_MAX
+    if (isUtc && wide >= 0 && wide <= INT_MAX) {
         const std::string compact = ContextString::ConvertTimeFormat(seconds);
         Same("the round trip", static_cast<long>(ContextString::ConvertTimeStringToUTC(compact)), seconds);
     }

@@ -11,9 +11,10 @@
 
 namespace {
 
-thread_local int t_allowed = 0;   ///< allocations left that succeed before the first failure
-thread_local int t_failures = 0;  ///< failures left
-thread_local bool t_hasFailed = false;
+thread_local int t_allowed = 0;        ///< allocations left that succeed before the first failure
+thread_local int t_failures = 0;       ///< failures left
+thread_local int t_failed = 0;         ///< failures so far
+thread_local int t_failedInScope = 0;  ///< failures since the last Scope began
 thread_local bool t_isNewing = false;  ///< inside `new`, whose call of malloc() is not counted again
 thread_local int t_blocks = 0;
 
@@ -22,7 +23,8 @@ bool TakeFailure() {
         return false;
     }
     --t_failures;
-    t_hasFailed = true;
+    ++t_failed;
+    ++t_failedInScope;
     errno = ENOMEM;
     return true;
 }
@@ -108,7 +110,7 @@ void* operator new[](std::size_t size, const std::nothrow_t& /*tag*/) noexcept {
 // NOLINTEND(misc-new-delete-overloads)
 
 FailingMemory::Scope::Scope(int allowed, int failures) {
-    t_hasFailed = false;
+    t_failedInScope = 0;
     t_allowed = allowed;
     t_failures = failures;
 }
@@ -118,13 +120,17 @@ FailingMemory::Scope::~Scope() {
 }
 
 bool FailingMemory::Scope::HasFailed() {
-    return t_hasFailed;
+    return t_failedInScope > 0;
 }
 
 FailingMemory::Pause::Pause() : m_failures(std::exchange(t_failures, 0)) {}
 
 FailingMemory::Pause::~Pause() {
     t_failures = m_failures;
+}
+
+int FailingMemory::Failures() {
+    return t_failed;
 }
 
 int FailingMemory::BlocksInUse() {

@@ -27,7 +27,7 @@ public:
     Scope(const Scope&) = delete;
     Scope& operator=(const Scope&) = delete;
 
-    /// @return true if an allocation has failed.
+    /// @return true if an allocation of this thread has failed in the last Scope.
     static bool HasFailed();
 };
 
@@ -43,13 +43,16 @@ private:
     int m_failures;
 };
 
+/// @return the number of this thread's allocations that have failed in all scopes.
+int Failures();
+
 /// @return the number of blocks that this thread has allocated less those that it has freed; 0 under AddressSanitizer.
 int BlocksInUse();
 
 /// Calls `test(allowed, failures)` again and again: first without a failure, then with the first allocation failing,
 /// then the second and so on, once and for good, until no allocation fails. `test` creates a Scope with its arguments
-/// around the call that it tests. Expects at least one failure, except under AddressSanitizer, and that the calls of
-/// `test` free all blocks.
+/// around each call that it tests. Expects at least one failure, except under AddressSanitizer, and that the calls of
+/// `test` free all blocks. Returns early when an expectation has failed.
 /// @return the number of allocations that failed one by one.
 template <class Test>
 int ForEveryAllocation(Test test) {
@@ -57,13 +60,17 @@ int ForEveryAllocation(Test test) {
     int count = 0;
     for (const int failures : {1, INT_MAX}) {
         bool hasFailed = true;
-        for (count = 0; hasFailed && count < 10000; ++count) {
+        for (count = 0; hasFailed && count < 20000; ++count) {
             SCOPED_TRACE("allocation " + std::to_string(count + 1) +
                          (failures == 1 ? " fails" : " and later ones fail"));
-            const int before = BlocksInUse();
+            const int failuresBefore = Failures();
+            const int blocksBefore = BlocksInUse();
             test(count, failures);
-            hasFailed = Scope::HasFailed();
-            EXPECT_EQ(BlocksInUse(), before) << "blocks not freed";
+            hasFailed = Failures() != failuresBefore;
+            EXPECT_EQ(BlocksInUse(), blocksBefore) << "blocks not freed";
+            if (::testing::Test::HasFailure()) {
+                return count;
+            }
         }
         EXPECT_FALSE(hasFailed) << "allocations without end";
         --count;
