@@ -338,9 +338,7 @@ std::string StoreGuard::PutBack_() const {
         return CannotWrite(m_path);
     }
     const int folder = open(ContextDatabase::kDataDirectory, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (folder >= 0) {
-        fsync(folder);  // as far as the file system can; the store itself was written by SQLite
-        close(folder);
-    }
+    fsync(folder);  // as far as the file system can; the store itself was written by SQLite
+    close(folder);
     return "";
 }
