@@ -158,6 +158,22 @@ class ServingTest(HostCase):
             for client in greedy:
                 self.assertTrue(self.has_hung_up(client), "a client that reads nothing was not disconnected")
 
+    def test_sends_long_answers_as_they_are_read(self):
+        path = self.write("a.csv", HEADER + f"{'x' * 150000},X,,100,5\n")
+        with self.served(path) as (port, _):
+            self.wait_for(port, ["rank", "mfu"], {"Size": 1, "list": [{"Id": "x" * 150000, "Score": 5.0}]})
+            client = self.connect(port)
+            count = 40  # more than the buffers of both sockets hold
+            client.sendall(frame("rank mfu") * count + frame("quit"))
+            self.ask(port, "rank", "mru", "0")  # the server has sent what the buffers hold
+            with client.makefile("rb") as stream:
+                answers = []
+                while header := stream.read(4):
+                    answers.append(stream.read(struct.unpack(">i", header)[0]))
+            self.assertEqual(answers[count:], [b'{"bye":true}\n\0'])
+            self.assertEqual([len(answer) for answer in answers[:count]], [len(answers[0])] * count)
+            self.assertEqual(json.loads(answers[0][:-1])["list"][0]["Id"], "x" * 150000)
+
     def has_hung_up(self, client):
         """Waits, without reading, until the server has disconnected a client."""
         events = select.poll()
@@ -213,6 +229,23 @@ class ServingTest(HostCase):
                 self.assertIn("is not JSON text, or is nested too deeply",
                               self.query(server.getsockname()[1], "rank", "mru"))
                 thread.join()
+
+    def test_query_reports_that_it_has_too_little_memory(self):
+        self.need_plain_program()
+        with self.served(self.write("a.csv", HEADER + "x,X,,100,5\n")) as (port, _):
+            self.wait_for(port, ["rank", "mfu"], {"Size": 1, "list": [{"Id": "x", "Score": 5.0}]})
+
+            def ask_with(limit):  # in kB of address space
+                result = subprocess.run(["sh", "-c", 'ulimit -v "$1" && exec "$0" "$2" rank mfu', QUERY, str(limit),
+                                         str(port)], capture_output=True, encoding="utf-8", timeout=BOUND)
+                return result.returncode, result.stderr
+
+            limit = 60000
+            while ask_with(limit) == (0, ""):
+                limit -= 1000
+            # Of all that the program needs, the buffer for the answer, of 200 kB, is the last and the largest.
+            self.assertIn((1, "context-query: failed: std::bad_alloc\n"),
+                          [ask_with(limit + more) for more in range(0, 1000, 50)])
 
     def test_reports_a_port_in_use(self):
         with socket.create_server(("0.0.0.0", 0)) as taken:
