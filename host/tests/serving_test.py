@@ -8,6 +8,7 @@ import json
 import os
 import pathlib
 import re
+import resource
 import select
 import signal
 import socket
@@ -191,6 +192,24 @@ class ServingTest(HostCase):
         finally:
             os.killpg(process.pid, signal.SIGTERM)
             process.communicate(timeout=BOUND)
+
+    def test_serves_again_after_memory_ran_out(self):
+        self.need_plain_program()
+        path = self.write("a.csv", HEADER + f"{'x' * 150000},X,,100,5\n")
+        # The large texts of an answer are never taken from memory that was freed before.
+        os.environ["GLIBC_TUNABLES"] = ("glibc.malloc.arena_max=1:glibc.malloc.mmap_threshold=65536:"
+                                        "glibc.malloc.trim_threshold=4096:glibc.malloc.top_pad=0")
+        self.addCleanup(os.environ.pop, "GLIBC_TUNABLES")
+        with self.served(path) as (port, process):
+            answer = {"Size": 1, "list": [{"Id": "x" * 150000, "Score": 5.0}]}
+            self.wait_for(port, ["rank", "mfu"], answer)
+            host = int(pathlib.Path(f"/proc/{process.pid}/task/{process.pid}/children").read_text())
+            limits = resource.prlimit(host, resource.RLIMIT_AS)
+            resource.prlimit(host, resource.RLIMIT_AS, (1, limits[1]))
+            self.assertIn("no answer", self.ask(port, "rank", "mfu", status=1))
+            self.assertIn("use: ", self.ask(port, "nonsense", status=3)["error"])
+            resource.prlimit(host, resource.RLIMIT_AS, limits)
+            self.assertEqual(self.ask(port, "rank", "mfu"), answer)
 
     def test_learns_records_that_another_program_replaced(self):
         with self.served(self.write("a.csv", HEADER + "x,X,,100,5\n")) as (port, _):
