@@ -50,11 +50,10 @@ protected:
         return poll(&file, 1, bound) == 1 ? testing::AssertionSuccess() : testing::AssertionFailure() << "no event";
     }
 
-    /// Sends until the client, which reads nothing, accepts no more.
+    /// Sends far more often than the client, which reads nothing, accepts something.
     void FillTheSocket() {
         m_connection.Answer(std::string(64 * 1024 * 1024, 'x'), /*isLast=*/false);
-        pollfd file{m_connection.Socket(), POLLOUT, 0};
-        while (poll(&file, 1, /*timeout=*/100) == 1) {
+        for (int step = 0; step < 100; ++step) {
             m_connection.Send();
         }
     }
@@ -67,7 +66,6 @@ protected:
 
 TEST_F(ConnectionTest, WaitsForAClientThatReadsNothing) {
     FillTheSocket();
-    m_connection.Send();
     EXPECT_TRUE(m_connection.IsSending());
     EXPECT_FALSE(m_connection.IsOver());
 }

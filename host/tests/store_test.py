@@ -7,10 +7,7 @@
 import fcntl
 import os
 import pathlib
-import pwd
-import re
 import signal
-import socket
 import sqlite3
 import struct
 import subprocess
@@ -18,39 +15,10 @@ import sys
 import time
 
 sys.path.insert(0, str(pathlib.Path(__file__).parent))
-from host_case import BOUND, HEADER, HISTORIES, PROGRAM, HostCase, constant, main  # noqa: E402
-
-FOLDER = constant("ContextDatabase.h", "kDataDirectory").rstrip("/")
+from host_case import BOUND, FOLDER, HEADER, HISTORIES, PROGRAM, StoreCase, history, main  # noqa: E402
 
 
-def history(name, count, first=0):
-    return HEADER + "".join(f"{name}{index},Unit {index},device,{first + index},{1 + index % 100}\n"
-                            for index in range(count))
-
-
-class StoreTest(HostCase):
-    def contents(self):
-        """Every file in the data directory, without locks."""
-        return {path.name: os.readlink(path) if path.is_symlink() else path.is_file() and path.read_bytes()
-                for path in self.store.iterdir() if path.suffix != ".lock"}
-
-    def filled(self, count=20):
-        self.run_host(self.write("old.csv", history("old", count)))
-        return self.rows()
-
-    def run_script(self, script, *arguments):
-        return subprocess.run(self.with_store("sh", "-c", script, PROGRAM, FOLDER, *arguments), capture_output=True,
-                              encoding="utf-8", timeout=BOUND, stdin=subprocess.DEVNULL)
-
-    def check_refused(self, path, reason):
-        before = self.contents()
-        for arguments in ([], ["--serve", 0], [self.write("new.csv", history("new", 3))]):
-            result = self.run_host(*arguments, status=5)
-            self.assertIn(path, result.stderr)
-            self.assertIn(reason, result.stderr)
-            self.assertEqual((result.stderr.count("\n"), result.stdout), (1, ""))
-            self.assertEqual(self.contents(), before)
-
+class StoreTest(StoreCase):
     # Files that are no store.
 
     def test_refuses_names_of_files_beside_a_store(self):
@@ -140,164 +108,7 @@ class StoreTest(HostCase):
         self.assertEqual(self.rank(), [])
         self.assertIn("3 new records stored", self.run_host(self.write("new.csv", history("new", 3))).stderr)
 
-    # Names beside a store that something else has.
-
-    def test_refuses_what_has_the_name_of_its_journal(self):
-        self.filled()
-        journal = self.store / "usage.db-journal"
-        with socket.socket(socket.AF_UNIX) as server:
-            server.bind(str(journal))
-        self.check_refused(f"{FOLDER}/usage.db", "it cannot be read: ")
-        journal.unlink()
-        journal.symlink_to("nothing")
-        self.check_refused(f"{FOLDER}/usage.db-journal", "Too many levels of symbolic links")
-
-    def test_reports_folders_with_names_that_it_needs(self):
-        path, kept = self.store / "usage.db", self.store / "usage.db.kept"
-        self.filled()
-        self.check_with_folder("usage.db.kept-journal")
-        os.link(path, kept)
-        self.check_with_folder("usage.db.kept-journal")
-        path.unlink()
-        self.check_with_folder("usage.db-journal")
-        self.assertEqual(len(self.rank("--max", 50)), 20)
-
-    def check_with_folder(self, name):
-        (self.store / name).mkdir()
-        result = self.run_host(status=5)
-        self.assertEqual(result.stderr, f"context-host: cannot write to {FOLDER}/{name}: Is a directory\n")
-        (self.store / name).rmdir()
-
-    def test_leaves_kept_files_that_it_cannot_use_unchanged(self):
-        self.filled()
-        path, kept = self.store / "usage.db", self.store / "usage.db.kept"
-        path.rename(kept)
-        path.write_text("precious notes")
-        self.check_refused(str(path).replace(str(self.store), FOLDER), "move one of the two away")
-        path.unlink()
-        kept.write_text("precious notes")
-        self.check_refused(f"{FOLDER}/usage.db.kept", "it is not a database")
-
-    def test_reports_a_store_on_another_file_system(self):
-        before = self.filled()
-        for name, change, reason in (
-                ("the store", 'mount -t tmpfs none "$2" && cp "$1/usage.db" "$2" && '
-                 'mount --bind "$2/usage.db" "$1/usage.db"', "usage.db.kept: Invalid cross-device link"),
-                ("its second name", 'touch "$1/usage.db.kept" && mount --bind "$1/usage.db" "$1/usage.db.kept"',
-                 "usage.db.kept: Device or resource busy")):
-            with self.subTest(name):
-                result = self.run_script(f'{change} && exec "$0"', self.folder)
-                self.assertEqual(result.stderr, f"context-host: cannot write to {FOLDER}/{reason}\n")
-                self.assertEqual(result.returncode, 5)
-                self.assertEqual(self.rows(), before)
-
-    def test_names_the_owner_of_a_store_it_may_not_write(self):
-        if os.geteuid() != 0:
-            self.skipTest("only root can give files away")
-        self.filled()
-        for owner, name in {1: pwd.getpwuid(1).pw_name, 4000000: "user 4000000"}.items():
-            os.chown(self.store / "usage.db", owner, -1)
-            (self.store / "usage.db").chmod(0o600)
-            result = subprocess.run(self.with_store("setpriv", "--bounding-set", "-dac_override,-dac_read_search",
-                                                    PROGRAM), capture_output=True, encoding="utf-8", timeout=BOUND)
-            self.assertEqual(result.stderr, f"context-host: cannot write to {FOLDER}/usage.db: Permission denied; "
-                             f"run as its owner, {name}\n")
-
-    def test_reports_names_that_change_during_an_import(self):
-        def remove():
-            (self.store / "usage.db.kept").unlink()
-
-        def replace():
-            (self.store / "usage.db.kept-journal").unlink()
-            (self.store / "usage.db.kept-journal").mkdir()
-
-        self.filled()
-        new = self.write("new.csv", history("new", 3))
-        for change, reason in ((remove, "usage.db: No such file or directory"),
-                               (replace, "usage.db.kept-journal: Is a directory")):
-            with self.subTest(reason):
-                other = sqlite3.connect(self.store / "usage.db", isolation_level=None)
-                self.addCleanup(other.close)
-                other.execute("BEGIN IMMEDIATE")  # the import waits
-                with self.served(new) as (_, process):
-                    change()
-                    other.execute("ROLLBACK")
-                    self.assertEqual(process.wait(timeout=BOUND), 5)
-                self.assertIn(f"context-host: cannot write to {FOLDER}/{reason}\n", self.rest)
-                self.assertTrue({row[1] for row in self.rows()} >= {f"old{index}" for index in range(20)})
-
-    # Writes that fail.
-
-    def test_keeps_records_when_the_disk_fills_up(self):
-        old = self.write("old.csv", history("old", 500))
-        new = self.write("new.csv", history("new", 30000))
-        copy = self.folder / "copy.db"
-        result = self.run_script('mount -t tmpfs -o size=1M none "$1" && "$0" --json "$2" && '
-                                 '{ "$0" "$3"; status=$?; cp "$1/usage.db" "$4"; ls "$1"; "$0" --json; exit $status; }',
-                                 old, new, copy)
-        self.assertEqual(result.returncode, 1, result.stderr)
-        self.assertIn("the records could not all be stored", result.stderr)
-        self.assertIn("the records stored before remain", result.stderr)
-        first, *names, last = result.stdout.splitlines()
-        self.assertEqual(names, ["usage.db", "usage.db.lock"])
-        self.assertEqual(last, first)
-        with sqlite3.connect(copy) as connection:
-            self.assertEqual(connection.execute("SELECT COUNT(*), COUNT(unit_id LIKE 'old%' OR NULL) FROM usage")
-                             .fetchone(), (500, 500))
-            self.assertEqual(connection.execute("PRAGMA integrity_check").fetchone(), ("ok",))
-
-    def test_reports_a_disk_too_small_for_a_new_store(self):
-        sizes = range(4, 44, 4)  # kB; some end while the table is created, others after it
-        result = self.run_script('folder=$1 && shift && mount -t tmpfs none "$folder" && for size; do '
-                                 'mount -o remount,size=${size}k "$folder"; "$0" --json >/dev/null; '
-                                 'echo $? $(ls -A "$folder"); rm -f "$folder"/*; done', *sizes)
-        lines = result.stdout.splitlines()
-        self.assertEqual([line[1:] for line in lines], [" usage.db usage.db.lock"] * len(sizes))
-        statuses = [line[0] for line in lines]
-        self.assertEqual(statuses, sorted(statuses, reverse=True))
-        self.assertEqual(set(statuses), {"0", "5"})
-        self.assertEqual(result.stderr.count("\n"), statuses.count("5"))
-        self.assertIn(f"cannot write to {FOLDER}/usage.db: database or disk is full", result.stderr)
-        self.assertIn(f"cannot open {FOLDER}/usage.db; the system log says why", result.stderr)
-
-    def test_stores_no_later_file_when_the_disk_fills_up(self):
-        new = self.write("new.csv", history("new", 30000))
-        later = self.write("later.csv", history("later", 30000))
-        result = self.run_script('mount -t tmpfs -o size=1M none "$1" && shift && "$0" "$@"; echo $?; '
-                                 '"$0" --json --max 40000', new, later)
-        status, ranking = result.stdout.splitlines()
-        self.assertEqual((status, ranking), ("1", '{"Size":0}'), result.stderr)
-        self.assertEqual(result.stderr.count("\n"), 1)
-
-    def test_keeps_records_wherever_the_disk_ends(self):
-        old = self.write("old.csv", history("old", 20000))
-        new = self.write("new.csv", history("new", 15000))
-        free = range(300, 2000, 100)  # kB; some of these end in the journal, others in the store itself
-        result = self.run_script('folder=$1 new=$3 copies=$4 && mount -t tmpfs -o size=64M none "$folder" && '
-                                 '"$0" "$2" >/dev/null && cp "$folder/usage.db" "$copies" && shift 4 && for free; do '
-                                 'size=$(($(stat -c %b "$folder/usage.db") / 2 + free)) && '
-                                 'mount -o remount,size=${size}k "$folder"; "$0" "$new" >&2; echo $?; '
-                                 'mount -o remount,size=64M "$folder"; cp "$folder/usage.db" "$copies/$free.db"; '
-                                 'rm "$folder"/*; cp "$copies/usage.db" "$folder"; done',
-                                 old, new, self.folder, *free)
-        self.assertEqual(result.stdout, "1\n" * len(free), result.stderr)
-        for size in free:
-            with self.subTest(free=size), sqlite3.connect(self.folder / f"{size}.db") as connection:
-                self.assertEqual(connection.execute("PRAGMA integrity_check").fetchone(), ("ok",))
-                self.assertEqual(connection.execute("SELECT COUNT(*), COUNT(unit_id LIKE 'old%' OR NULL) FROM usage")
-                                 .fetchone(), (20000, 20000))
-
-    def test_ranks_and_keeps_records_on_a_full_disk(self):
-        old = self.write("old.csv", history("old", 500))
-        new = self.write("new.csv", history("new", 3000))
-        result = self.run_script('mount -t tmpfs -o size=1M none "$1" && "$0" --json "$2" && '
-                                 '{ cat /dev/zero >"$1/filler" 2>"$4"; "$0" --json && "$0" "$3"; status=$?; '
-                                 '"$0" --json; exit $status; }', old, new, self.folder / "message")
-        self.assertEqual(result.returncode, 1, result.stderr)
-        self.assertIn("the records stored before remain", result.stderr)
-        rankings = result.stdout.splitlines()
-        self.assertEqual(rankings, rankings[:1] * 3)
-        self.assertIn("old", rankings[0])
+    # A store that cannot be written.
 
     def test_keeps_a_store_that_another_program_locks(self):
         before = self.filled()

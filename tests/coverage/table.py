@@ -64,9 +64,10 @@ def without_unreachable(root, files):
             while lines.get(end) == 0:
                 del lines[end]
                 end += 1
-            for branch in [branch for branch, count in branches.items() if count == 0 and line <= branch[0] < end]:
+            missed = [branch for branch, count in branches.items() if count == 0 and line <= branch[0] < end]
+            for branch in missed:
                 del branches[branch]
-            if end > line + 1 or line not in lines:
+            if missed or end > line + 1 or line not in lines:
                 unused.discard((name, code))
     return unused
 
