@@ -59,9 +59,8 @@ std::string Ask(int port, std::string request) {
     const int socket = NetUtil::ConnectNewSocket("127.0.0.1", port);
     std::vector<char> answer(4096);
     int length = 0;
-    const bool isAnswered =
-        NetUtil::sendMessage(socket, request.data(), static_cast<int>(request.size())) == 0 &&
-        NetUtil::getMessage(socket, answer.data(), static_cast<int>(answer.size()), length) == 0;
+    const bool isAnswered = NetUtil::sendMessage(socket, request.data(), static_cast<int>(request.size())) == 0 &&
+                            NetUtil::getMessage(socket, answer.data(), static_cast<int>(answer.size()), length) == 0;
     close(socket);
     return isAnswered ? answer.data() : "no answer";
 }

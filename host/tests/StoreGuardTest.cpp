@@ -62,10 +62,26 @@ TEST(StoreGuardTest, KeepsTheStoreWithoutMemory) {
         } catch (const std::bad_alloc&) {
         }
         EXPECT_NE(isTaken, !problem.empty());
+        EXPECT_EQ(problem.find("damaged"), std::string::npos) << problem;
+        EXPECT_EQ(problem.find("another program"), std::string::npos) << problem;
         EXPECT_TRUE(Surroundings::ReadFile(path) == content) << "the store was changed";
     });
     EXPECT_EQ(StoreGuard(name).Take(), "");
     EXPECT_FALSE(std::filesystem::exists(path + ".kept"));
+}
+
+TEST(StoreGuardTest, CreatesAStoreThatCanBeUsedWithoutMemory) {
+    const std::string name = "usage.db";
+    ForEveryAllocation([&](int allowed, int failures) {
+        try {
+            StoreGuard guard(name);
+            const FailingMemory::Scope failing(allowed, failures);
+            guard.Take();
+        } catch (const std::bad_alloc&) {
+        }
+        EXPECT_EQ(StoreGuard(name).Take(), "");
+        std::filesystem::remove(Surroundings::DataDirectory() + name);
+    });
 }
 
 TEST(StoreGuardTest, PutsTheStoreBackOrKeepsItWithoutMemory) {

@@ -43,6 +43,12 @@ class NamesTest(StoreCase):
         self.assertEqual(result.stderr, f"context-host: cannot write to {FOLDER}/{name}: Is a directory\n")
         (self.store / name).rmdir()
 
+    def test_removes_a_kept_journal_without_a_store(self):
+        self.filled()
+        (self.store / "usage.db.kept-journal").write_bytes(b"of an earlier run")
+        self.assertEqual(len(self.rank("--max", 50)), 20)
+        self.assertEqual(set(self.contents()), {"usage.db"})
+
     def test_leaves_kept_files_that_it_cannot_use_unchanged(self):
         self.filled()
         path, kept = self.store / "usage.db", self.store / "usage.db.kept"

@@ -296,7 +296,8 @@ class OutputTest(HostCase):
         self.assertIn('{"Id":"y","MetaDataSrc":"d","Name":"Y","Score":7.0}', text)
         self.assertNotIn('"Id":"x"', text)
         self.run_host("--page", self.folder / "week.html")
-        self.assertIn('{"Id":"x","MetaDataSrc":"d","Score":5.0}', (self.folder / "week.html").read_text(encoding="utf-8"))
+        text = (self.folder / "week.html").read_text(encoding="utf-8")
+        self.assertIn('{"Id":"x","MetaDataSrc":"d","Score":5.0}', text)
 
     def test_keeps_the_old_page_when_writing_fails(self):
         self.run_host(self.write("a.csv", HEADER + "x,X,d,100,5\n"))

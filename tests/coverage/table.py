@@ -4,8 +4,8 @@
 
   table.py [--print-only] ROOT LCOV JSON
 
-LCOV and JSON are what `llvm-cov export` writes in these formats. Exits with 1 if too little is reached. Lines that no test can reach
-are in unreachable.txt: they do not count.
+LCOV and JSON are what `llvm-cov export` writes in these formats. Exits with 1 if too little is reached. Lines that only
+close a block do not count, nor do those that no test can reach, which unreachable.txt lists.
 """
 import collections
 import json
@@ -90,9 +90,9 @@ def main():
     print_only = "--print-only" in sys.argv
     root, lcov, exported = (pathlib.Path(word).resolve() for word in sys.argv[-3:])
     files = read(root, lcov, exported)
-    without_braces(root, files)
     problems = [f"tests/coverage/unreachable.txt: reached, or no such line: {': '.join(key)}"
                 for key in sorted(without_unreachable(root, files))]
+    without_braces(root, files)
     totals = {total: ([], []) for total in LEAST}
     short = set()
     print(f"{'':48} {'lines':>6} {'missed':>7} {'%':>8} {'branches':>9} {'missed':>7} {'%':>8}")
