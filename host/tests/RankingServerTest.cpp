@@ -7,8 +7,10 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
 #include <functional>
 #include <new>
@@ -22,7 +24,8 @@ namespace {
 
 using Network::NetUtil;
 
-const char* g_failing = "";  // the name of the call that fails
+const char* g_failing = "";                     // the name of the call that fails
+std::atomic<std::size_t> g_mostSent{SIZE_MAX};  // bytes that a socket accepts at once
 
 template <class Call>
 int UnlessFailing(const char* name, Call call) {
@@ -75,6 +78,22 @@ extern "C" int listen(int file, int backlog) noexcept {
 extern "C" int getsockname(int file, sockaddr* address, socklen_t* size) noexcept {
     static const auto original = NextFunction<int(int, sockaddr*, socklen_t*)>("getsockname");
     return UnlessFailing("getsockname", [&] { return original(file, address, size); });
+}
+
+extern "C" ssize_t send(int file, const void* bytes, std::size_t size, int flags) noexcept {
+    static const auto original = NextFunction<ssize_t(int, const void*, std::size_t, int)>("send");
+    return original(file, bytes, std::min<std::size_t>(size, g_mostSent), flags);
+}
+
+TEST(RankingServerTest, SendsTheRestOfAnAnswerLater) {
+    Store store;
+    RankingServer server(store, 10, 0);
+    const int port = server.Open(0);
+    ASSERT_GT(port, 0);
+    g_mostSent = 7;
+    EXPECT_EQ(Ask(port, "rank mfu"), R"({"Size":1,"list":[{"Id":"unit 1","Score":5.0}]})"
+                                     "\n");
+    g_mostSent = SIZE_MAX;
 }
 
 TEST(RankingServerTest, DoesNotOpenAPortThatItCannotServe) {
