@@ -13,16 +13,17 @@
 /// A document either *owns* its value or is a *view* of a `Json::Value` owned elsewhere; only assignment changes this.
 /// Every method works on that value, called the *target*.
 ///
-/// A key is one plain member name, without path or index syntax; a dot has no special meaning. To reach a nested
-/// member, take a sub-document. **Every method that takes a key, getters included, inserts a null member when the key
-/// is absent**, and first turns a null target into an object. Of these methods, only IsValid() and RemoveMember()
-/// remove that member again. Reading an absent key therefore changes the document and its MakeStr().
+/// A key is one plain member name, not null, without path or index syntax; a dot has no special meaning. To reach a
+/// nested member, take a sub-document. **Every method that takes a key, getters included, inserts a null member when
+/// the key is absent**, and first turns a null target into an object. Of these methods, only IsValid() and
+/// RemoveMember() remove that member again. Reading an absent key therefore changes the document and its MakeStr().
 ///
 /// **Ownership.** The owner keeps a viewed value, which must outlive the view. A copy of an owning document owns a deep
 /// copy; a copy of a view is another view of the same value. Assignment does the same: it can make an owning document a
 /// view, or a view an owning document, and never writes to the value that a view showed before. A view from
 /// GetValuePtr() is valid until its element is removed, a value that contains the element is replaced or cleared, or
-/// the document is destroyed.
+/// the document is destroyed. So do not assign a document a view of a value within itself: that value ends first. Walk
+/// down with a view of its own, `ContextData view(document.GetValue())`, or with GetValue().
 /// **Threads.** One thread at a time; using a view counts as using the document that it views. No locking.
 /// **Errors.** MakeData() returns false; nothing else reports a failure. Kinds and conversions are jsoncpp's and differ
 /// slightly between its versions, for example in whether a whole number is a double. Misuse fails as in jsoncpp, with

@@ -48,16 +48,16 @@ struct struct_query_set {
 ///
 /// **Healing, and what it costs.** A fault of the file found at opening, or a failed *write*, causes a reset: the file
 /// and its journal are deleted, and an **empty** file is created. Faults are a damaged file, a file that cannot be
-/// opened (too few descriptors suffice), a symbolic link at the path, which is deleted and not followed, and what is no
-/// regular file: anything else at the journal, or a FIFO, a socket or a device at the path or, if the file is not
-/// empty, at SQLite's "-wal" or "-shm". A write fails when its text is empty or does not compile, a value cannot be
-/// bound, a constraint is violated, the statement yields a row, the disk is full, SQLite has no memory, or another
-/// connection locks the file. The creation statement at each opening is such a write. To keep your data, avoid
-/// statements that can fail: `INSERT OR IGNORE` skips a row with a duplicate key or with NULL in a NOT NULL column, and
-/// `CREATE TABLE IF NOT EXISTS` does nothing if the table exists; but no choice of statement helps against a full disk,
-/// or against a lock that outlasts the busy timeout (0 at first). Read with SelectQuery(), which never resets. When a
-/// reset cannot open the file, the database stays closed: each statement then only logs "DB not opened yet", and only
-/// ResetDatabase() opens it.
+/// opened (too few descriptors suffice, or a link to a file at SQLite's "-wal"), a symbolic link at the path, which is
+/// deleted and not followed, and what is no regular file: anything else at the journal, or a folder, a FIFO, a socket
+/// or a device at the path, or a FIFO, a socket or a device at "-wal" or "-shm" if the file is not empty. A write fails
+/// when its text is empty or does not compile, a value cannot be bound, a constraint is violated, the statement yields
+/// a row, the disk is full, SQLite has no memory, or another connection locks the file. The creation statement at each
+/// opening is such a write. To keep your data, avoid statements that can fail: `INSERT OR IGNORE` skips a row with a
+/// duplicate key or with NULL in a NOT NULL column, and `CREATE TABLE IF NOT EXISTS` does nothing if the table exists;
+/// but no choice of statement helps against a full disk, or against a lock that outlasts the busy timeout (0 at first).
+/// Read with SelectQuery(), which never resets. When a reset cannot open the file, the database stays closed: each
+/// statement then only logs "DB not opened yet", and only ResetDatabase() opens it.
 ///
 /// **Limits a host must know.**
 /// - *One object per file.* After one object resets, another object of the same file still has the deleted file open:
@@ -114,7 +114,7 @@ public:
     /// @param createTableQuery  run at every opening; only the first statement of the text is run. A failure resets the
     ///                          database, so a text that is empty or always fails wipes the file at every opening.
     /// @param interval          seconds between two flushes. With 0 nothing is deferred, but the timer runs; with a
-    ///                          negative interval every tick flushes.
+    ///                          negative interval, and with one that ends after January 2038, every tick flushes.
     ContextDatabase(std::string name, std::string createTableQuery, int interval);
 
     /// Opens the database without a timer. Every write is immediate.
@@ -156,7 +156,8 @@ public:
     void ExecuteQuery(const char* query, const ValueList& values, bool immediate);
 
     /// Runs a query, or a PRAGMA, and appends its rows. Never resets.
-    /// @param query   the query; if there are several, only the first is run.
+    /// @param query   the query; if there are several, only the first is run. Null does not compile; "(null)" is
+    /// logged.
     /// @param values  its values; parameters without a value are NULL.
     /// @param rows    one map from column name to text is appended for each row. An integer is **cut to 32 bits**; text
     ///                ends at its first zero byte; a real, a blob and NULL become an empty text. Select
@@ -178,7 +179,8 @@ public:
     bool IsRunning() const { return m_pDB != nullptr; }
 
     /// Runs the deferred statements. **Called by** the object's timer, on its event thread.
-    /// @param timerId  the id of the object's timer; any other id logs "NOT matched any timer" and does nothing.
+    /// @param timerId  the id of the object's timer, or 0 for an object without one; any other id logs "NOT matched any
+    ///                 timer" and does nothing.
     void OnTimerCb(int timerId);
 
 private:

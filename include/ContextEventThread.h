@@ -74,7 +74,8 @@ public:
     ///         the call counts among the 16).
     bool PushEvent(int eventId, void* data, int priority);
 
-    /// Queues a message that the caller owns. Sets its `bStatic` and uses its other fields unchanged.
+    /// Queues a message that the caller owns. Sets its `bStatic` and uses its other fields unchanged; `bStop` must be
+    /// false.
     ///
     /// The same message may be pushed again while it is queued; it is then served once for each push.
     /// @return false when the worker is stopped ("Not Started!" is logged); unlike PushEvent(), this accepts no events

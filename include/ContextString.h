@@ -94,14 +94,14 @@ public:
 
     /// Formats a time in the compact form.
     /// @param seconds  any time; 0 is the epoch.
-    /// @return the text; its end is missing if the year has five digits. A year that does not fit into an `int` (64-bit
-    ///         `long` only) gives "19000100000000".
+    /// @return the text; its end is missing if the year has more than four characters. A year that does not fit into an
+    ///         `int` (64-bit `long` only) gives "19000100000000".
     static std::string ConvertTimeFormat(long seconds);
 
     /// Formats a time in the display form.
     /// @param seconds  the time; 0 means the present moment.
-    /// @return the text; its end is missing if the year has five digits. A year that does not fit into an `int` gives
-    ///         "1900-01-00 00:00:00+0000".
+    /// @return the text; its end is missing if the year has more than four characters. A year that does not fit into an
+    ///         `int` gives "1900-01-00 00:00:00+0000".
     static std::string ConvertUTCToLocaltime(long seconds);
 
     /// Parses the compact form with `strptime(3)` and looks up whether daylight saving was in force on that date.

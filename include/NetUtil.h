@@ -115,7 +115,9 @@ public:
     static int AcceptNewSocket(int listenFd, int timeoutSeconds);
 
     /// Connects to a server, without a time limit of its own.
-    /// @param ip    an address in dotted form. Names are not resolved: connecting to a name, or to null, fails.
+    /// @param ip    an address in dotted form, or in another one that `inet_addr(3)` reads, such as "127.1". Names are
+    /// not
+    ///              resolved: connecting to a name, or to null, fails.
     /// @param port  the port.
     /// @return -1 after the error "can't create socket" or "can't connect". Success logs the debug line "Connected".
     static int ConnectNewSocket(const char* ip, int port);

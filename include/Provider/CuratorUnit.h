@@ -95,9 +95,10 @@ public:
 /// Hours follow the calendar calls of the C library: a day on which the clock goes forward or back by an hour for
 /// daylight-saving time has 23 or 25 hours. At the end of a 32-bit `time_t`, and where a zone moves its standard time
 /// forward over a full hour without a change of the daylight-saving flag, these calls cannot give the next full hour:
-/// the rest of the usage is credited to the current hour. Where a zone moves its standard time back by an hour in the
-/// same way, a usage that began before the change leaves out the repeated hour: what follows the change is credited one
-/// hour too late.
+/// the rest of the usage is credited to the current hour. The total is always right, but in a usage that covers one of
+/// these changes some seconds are credited to a neighbouring hour: where a zone moves its standard time back without a
+/// change of that flag, what follows is credited as much too late as the clock was moved; and a change for
+/// daylight-saving time at a minute that is no full hour (Pacific/Chatham, 2:45) counts from a full hour.
 ///
 /// LearnHistory() calls `tzset`, so a change of `TZ` takes effect there. If the C library has no memory to read the new
 /// zone, it uses UTC instead, at the longest until `TZ` changes again.

@@ -57,8 +57,9 @@ T StandardGamma(T shape);
 /// @param a   0 or more, and finite.
 /// @param b   0 or more, and finite.
 /// @return 0 to 1, never infinity. The textbook RandomBeta(1.0, 1.0) is uniform; this one favours the middle.
-///         - 0 if `a` is 0, if only `b` is infinity, and if `x + y` overflows, which takes parameters with a sum of
-///           about 1.8e308; otherwise only where rounding gives it, as for an `a` that is tiny or far below `b`.
+///         - 0 if `a` is 0 and `b` is 1.2e-307 or more, if only `b` is infinity, and if `x + y` overflows, which takes
+///           parameters with a sum of about 1.8e308; otherwise only where rounding gives it, as for an `a` that is tiny
+///           or far below `b`.
 ///         - NaN if a parameter is negative or NaN, if both are 0, and if `a` is infinity. Also where the logarithms of
 ///           the method of Jöhnk overflow: always if both parameters are below 3.8e-309, for some draws if both are
 ///           below 1.2e-307. Otherwise never.

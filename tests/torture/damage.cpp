@@ -430,6 +430,7 @@ void AddStrangeFiles(std::vector<Kind>& kinds) {
         add("an empty folder or a symbolic link at `-journal`", Strange(what, "-journal"));
     }
     add("a folder with a file in it at `-journal`", Strange("full folder", "-journal"));
+    add("a symbolic link to a file at `-wal`", Strange("link", "-wal"));
     kinds.push_back({"a folder at `-wal`; every write resets too, until it is removed",
                      Promise::BadWrite,
                      /*isRandom=*/false,
