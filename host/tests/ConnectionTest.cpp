@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <cstddef>
 #include <string>
 
 #include "Waiting.h"
@@ -52,7 +53,7 @@ protected:
 
     /// Sends far more often than the client, which reads nothing, accepts something.
     void FillTheSocket() {
-        m_connection.Answer(std::string(64 * 1024 * 1024, 'x'), /*isLast=*/false);
+        m_connection.Answer(std::string(std::size_t{64} * 1024 * 1024, 'x'), /*isLast=*/false);
         for (int step = 0; step < 100; ++step) {
             m_connection.Send();
         }

@@ -80,7 +80,7 @@ extern "C" int getsockname(int file, sockaddr* address, socklen_t* size) noexcep
     return UnlessFailing("getsockname", [&] { return original(file, address, size); });
 }
 
-extern "C" ssize_t send(int file, const void* bytes, std::size_t size, int flags) noexcept {
+extern "C" ssize_t send(int file, const void* bytes, std::size_t size, int flags) {
     static const auto original = NextFunction<ssize_t(int, const void*, std::size_t, int)>("send");
     return original(file, bytes, std::min<std::size_t>(size, g_mostSent), flags);
 }
