@@ -12,9 +12,9 @@
 
 namespace {
 
-/// @return whether a call on a non-blocking socket failed only because it would have had to wait.
+/// @return whether a call on a non-blocking socket, which no signal interrupts, failed because it would have to wait.
 bool WouldWait() {
-    return errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR;
+    return errno == EAGAIN;
 }
 
 }  // namespace

@@ -32,7 +32,7 @@ std::string Fill(const std::string& page, const std::map<std::string, std::strin
     std::size_t from = 0;
     for (std::size_t at = page.find('@'); at != std::string::npos; at = page.find('@', at + 1)) {
         const std::size_t end = page.find('@', at + 1);
-        const auto text = end == std::string::npos ? texts.end() : texts.find(page.substr(at + 1, end - at - 1));
+        const auto text = texts.find(page.substr(at + 1, end - at - 1));
         if (text != texts.end()) {
             result += page.substr(from, at - from) + text->second;
             from = end + 1;

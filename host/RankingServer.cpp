@@ -180,16 +180,14 @@ std::string RankingServer::Answer_(const std::string& text) {
     if (!request) {
         return Error(kUsage);
     }
-    switch (request->kind) {
-        case RankingRequest::Kind::Weekly: {
-            ContextAutoLock lock(&m_mutex);
-            return CurationResult2JsonData(m_agents[CURATOR_AGENT_DATE]->RunCurate7x24(), CuratorData2ContextData);
-        }
-        case RankingRequest::Kind::Quit:
-            return "{\"bye\":true}\n";
-        default:
-            return Rank_(request->agent, request->count.value_or(m_limit));
+    if (request->kind == RankingRequest::Kind::Quit) {
+        return "{\"bye\":true}\n";
     }
+    if (request->kind == RankingRequest::Kind::Rank) {
+        return Rank_(request->agent, request->count.value_or(m_limit));
+    }
+    ContextAutoLock lock(&m_mutex);
+    return CurationResult2JsonData(m_agents[CURATOR_AGENT_DATE]->RunCurate7x24(), CuratorData2ContextData);
 }
 
 std::string RankingServer::Rank_(ECuratorAgentType type, int count) {

@@ -59,16 +59,16 @@ bool AreSameFile(const std::string& a, const std::string& b) {
 /// @return SQLITE_OK or the error.
 int ReadText(sqlite3* database, const char* query, std::string& text) {
     text.clear();
-    sqlite3_stmt* statement = nullptr;
-    int result = sqlite3_prepare_v2(database, query, /*nByte=*/-1, &statement, /*pzTail=*/nullptr);
+    sqlite3_stmt* prepared = nullptr;
+    int result = sqlite3_prepare_v2(database, query, /*nByte=*/-1, &prepared, /*pzTail=*/nullptr);
+    const std::unique_ptr<sqlite3_stmt, decltype(&sqlite3_finalize)> statement(prepared, sqlite3_finalize);
     if (result == SQLITE_OK) {
-        result = sqlite3_step(statement);
+        result = sqlite3_step(prepared);
     }
     if (result == SQLITE_ROW) {
-        const auto* value = reinterpret_cast<const char*>(sqlite3_column_text(statement, 0));
+        const auto* value = reinterpret_cast<const char*>(sqlite3_column_text(prepared, 0));
         text = value != nullptr ? value : "";
     }
-    sqlite3_finalize(statement);
     return result == SQLITE_ROW || result == SQLITE_DONE ? SQLITE_OK : result;
 }
 
@@ -338,9 +338,7 @@ std::string StoreGuard::PutBack_() const {
         return CannotWrite(m_path);
     }
     const int folder = open(ContextDatabase::kDataDirectory, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (folder >= 0) {
-        fsync(folder);  // as far as the file system can; the store itself was written by SQLite
-        close(folder);
-    }
+    fsync(folder);  // as far as the file system can; the store itself was written by SQLite
+    close(folder);
     return "";
 }

@@ -62,7 +62,8 @@ std::size_t Terminal::WidthOf(int file) {
         return static_cast<std::size_t>(wanted);
     }
     winsize size{};
-    return ioctl(file, TIOCGWINSZ, &size) == 0 && size.ws_col > 0 ? size.ws_col : kDefaultWidth;
+    ioctl(file, TIOCGWINSZ, &size);
+    return size.ws_col > 0 ? size.ws_col : kDefaultWidth;
 }
 
 bool Terminal::IsSmart(int file) {
@@ -128,14 +129,10 @@ std::string Terminal::Fit(const std::string& text, std::size_t width) {
     }
     std::size_t used = 0;
     std::size_t at = 0;
-    while (at < text.size()) {
-        const Character character = CharacterAt(text, at);
-        const std::size_t next = ColumnsOf(character.code);
-        if (used + next + 1 > width) {
-            break;
-        }
-        used += next;
-        at += character.size;
+    // The text is wider than `width`, so this ends before the text does.
+    for (Character next = CharacterAt(text, at); used + ColumnsOf(next.code) < width; next = CharacterAt(text, at)) {
+        used += ColumnsOf(next.code);
+        at += next.size;
     }
     return text.substr(0, at) + "…" + std::string(width - used - 1, ' ');
 }

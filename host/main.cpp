@@ -57,7 +57,7 @@ ExitStatus Import(ContextHost& host, std::vector<HistoryProvider>& providers) {
             return true;
         });
     }
-    isStored = flush() && isStored;
+    isStored = isStored && flush();
     if (!isStored) {
         return EXIT_NOT_STORED;
     }

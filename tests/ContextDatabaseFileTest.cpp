@@ -237,6 +237,15 @@ TEST_F(ContextDatabaseFileTest, NeverBlocksOnFifo) {
     }
 }
 
+TEST_F(ContextDatabaseFileTest, LeavesLinkAtWalToSqlite) {
+    MakeGoodFile();
+    fs::create_symlink("/nowhere", kPath + "-wal");
+    CapturedLog::Clear();
+    ContextDatabase database("x.db", kCreateTable);
+    EXPECT_EQ(CapturedLog::Messages(), Messages());
+    EXPECT_TRUE(database.IsRunning());
+}
+
 TEST_F(ContextDatabaseFileTest, LeavesFifoAtWalOfEmptyFileToSqlite) {
     for (const bool isMissing : {true, false}) {
         fs::remove(kPath);

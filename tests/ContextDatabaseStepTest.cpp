@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <functional>
 #include <memory>
@@ -23,6 +24,7 @@ namespace {
 
 thread_local Messages* t_steps = nullptr;  ///< receives the calls of the thread; null records nothing
 TimerId g_timerId = 0;                     ///< the timer that was set last
+std::function<void()> g_afterOpen;         ///< runs after every recorded sqlite3_open(), if set
 std::function<void()> g_beforeJoin;        ///< runs before every recorded g_thread_join(), if set
 
 void Record(const std::string& step) {
@@ -76,7 +78,12 @@ void g_async_queue_push(GAsyncQueue* queue, gpointer data) {
 
 int sqlite3_open(const char* path, sqlite3** database) {
     Record("open");
-    return NextFunction<decltype(sqlite3_open)>("sqlite3_open")(path, database);
+    const int result = NextFunction<decltype(sqlite3_open)>("sqlite3_open")(path, database);
+    if (t_steps != nullptr && g_afterOpen) {
+        std::function<void()> action = g_afterOpen;  // it may clear the variable
+        action();
+    }
+    return result;
 }
 
 int sqlite3_close(sqlite3* database) {
@@ -193,6 +200,36 @@ TEST_F(ContextDatabaseRaceTest, StaysClosedIfFileWasClosedInTheMeantime) {
     EXPECT_EQ(CapturedLog::Messages(), Messages({"E DB not opened yet", "E DB not opened yet"})) << "another reset";
     EXPECT_FALSE(Database().IsRunning());
     std::filesystem::remove_all(DatabasePath());
+}
+
+TEST_F(ContextDatabaseStepTest, MatchesNoTimerWhileItIsDestroyed) {
+    ContextDatabase* database = nullptr;
+    StepsOf([&] { database = new ContextDatabase("x.db", kCreateTable, /*interval=*/3600); });
+    int calls = 0;
+    g_beforeJoin = [&] {
+        ++calls;
+        database->OnTimerCb(1);
+        database->OnTimerCb(-1);
+    };
+    StepsOf([&] { delete database; });
+    g_beforeJoin = nullptr;
+    EXPECT_GT(calls, 0);
+    EXPECT_EQ(CapturedLog::Count("NOT matched any timer"), 2 * calls);
+}
+
+TEST_F(ContextDatabaseStepTest, ClosesFileThatALinkHasReplaced) {
+    g_afterOpen = [] {
+        g_afterOpen = nullptr;
+        std::filesystem::rename(DatabasePath(), DatabasePath("y.db"));
+        std::filesystem::create_symlink(DatabasePath("y.db"), DatabasePath());
+    };
+    const Messages steps = StepsOf([&] {
+        m_database = std::make_unique<ContextDatabase>("x.db", kCreateTable);
+        m_database.reset();
+    });
+    EXPECT_EQ(CapturedLog::Count(DatabasePath() + " is symbolic link file!"), 1);
+    EXPECT_EQ(std::count(steps.begin(), steps.end(), "open"), 2);
+    EXPECT_EQ(std::count(steps.begin(), steps.end(), "close"), 2);
 }
 
 }  // namespace

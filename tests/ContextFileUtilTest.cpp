@@ -101,7 +101,10 @@ using Surroundings::WriteFile;
 /// Expects after every test that nothing was logged: the tested functions never log.
 class ContextFileUtilTest : public ::testing::Test {
 protected:
-    void SetUp() override { CapturedLog::Clear(); }
+    void SetUp() override {
+        CapturedLog::Clear();
+        g_openFlags.reserve(16);  // so that recording a call needs no memory
+    }
     void TearDown() override { EXPECT_TRUE(CapturedLog::Lines().empty()); }
 
     static bool IsSymbolicLink(const std::string& path) { return ContextFileUtil::IsSymbolicLink(path.c_str()); }
@@ -457,6 +460,28 @@ TEST_F(ContextFileUtilTest, DoesNotCopyTimes) {
     ASSERT_EQ(stat(m_destination.c_str(), &status), 0);
     EXPECT_GT(status.st_mtim.tv_sec, 1000000000);
     EXPECT_GT(status.st_atim.tv_sec, 1000000000);
+}
+
+TEST_F(ContextFileUtilTest, CopiesALastPieceOfOneByte) {
+    WriteFile(m_source, "x");
+    Copy(m_source, m_destination);
+    EXPECT_EQ(ReadFile(m_destination), "x");
+
+    WriteFile(m_source, "abc");
+    g_transfers = {3, 2};  // the read takes all, the first write all but one byte
+    Copy(m_source, m_destination);
+    EXPECT_EQ(ReadFile(m_destination), "abc");
+}
+
+TEST_F(ContextFileUtilTest, LeavesTheStandardStreamsOpenForANullPath) {
+    const auto isOpen = [](int descriptor) { return fcntl(descriptor, F_GETFD) != -1; };
+    const bool inputWasOpen = isOpen(STDIN_FILENO);
+    const bool outputWasOpen = isOpen(STDOUT_FILENO);
+    ASSERT_TRUE(inputWasOpen || outputWasOpen);
+    ContextFileUtil::Copy(nullptr, m_destination.c_str());
+    ContextFileUtil::Copy(m_destination.c_str(), nullptr);
+    EXPECT_EQ(isOpen(STDIN_FILENO), inputWasOpen);
+    EXPECT_EQ(isOpen(STDOUT_FILENO), outputWasOpen);
 }
 
 }  // namespace

@@ -290,4 +290,55 @@ TEST_F(NetUtilConnectionTest, DoesNotWaitForDelayedAcknowledgements) {
     EXPECT_TRUE(answers.get());
 }
 
+TEST_F(NetUtilConnectionTest, ConnectsToTheGivenAddressOnly) {
+    const Descriptor listener(socket(AF_INET, SOCK_STREAM, 0));
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    ASSERT_EQ(inet_pton(AF_INET, "127.0.0.2", &address.sin_addr), 1);
+    ASSERT_EQ(bind(listener, reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
+    ASSERT_EQ(listen(listener, 1), 0);
+    EXPECT_GE(Descriptor(NetUtil::ConnectNewSocket("127.0.0.2", PortOf(listener))), 0);
+    EXPECT_EQ(NetUtil::ConnectNewSocket(kLoopback, PortOf(listener)), -1);
+}
+
+/// Frees descriptor 0, which the next call that opens one gets, and restores it.
+class FreeDescriptorZero {
+public:
+    FreeDescriptorZero() : m_kept(dup(STDIN_FILENO)) { close(STDIN_FILENO); }
+    ~FreeDescriptorZero() {
+        close(STDIN_FILENO);
+        if (m_kept >= 0) {
+            dup2(m_kept, STDIN_FILENO);
+            close(m_kept);
+        }
+    }
+    FreeDescriptorZero(const FreeDescriptorZero&) = delete;
+    FreeDescriptorZero& operator=(const FreeDescriptorZero&) = delete;
+
+private:
+    int m_kept;
+};
+
+TEST_F(NetUtilConnectionTest, AcceptsOnDescriptorZero) {
+    const FreeDescriptorZero freed;
+    ASSERT_EQ(NetUtil::BindPort(0), STDIN_FILENO);
+    EXPECT_EQ(NetUtil::AcceptNewSocket(STDIN_FILENO, 0), -1);  // makes it listen
+    const Descriptor client(NetUtil::ConnectNewSocket(kLoopback, PortOf(STDIN_FILENO)));
+    EXPECT_GE(client, 0);
+    EXPECT_GE(Descriptor(NetUtil::AcceptNewSocket(STDIN_FILENO, 20)), 0);
+}
+
+TEST_F(NetUtilConnectionTest, ConnectsAsDescriptorZero) {
+    const Descriptor listener(NetUtil::BindPort(0));
+    EXPECT_EQ(NetUtil::AcceptNewSocket(listener, 0), -1);  // makes it listen
+    {
+        const FreeDescriptorZero freed;
+        EXPECT_EQ(NetUtil::ConnectNewSocket(kLoopback, PortOf(listener)), STDIN_FILENO);
+    }
+    {
+        const FreeDescriptorZero freed;
+        EXPECT_EQ(NetUtil::AcceptNewSocketBlock(listener), STDIN_FILENO);
+    }
+}
+
 }  // namespace

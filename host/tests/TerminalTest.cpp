@@ -72,3 +72,12 @@ TEST(TerminalTest, FitsATextIntoItsColumns) {
     EXPECT_EQ(Terminal::Fit("日本語", 1), "…");
     EXPECT_EQ(Terminal::Fit("", 2), "  ");
 }
+
+TEST(TerminalTest, ReplacesWhatSeparatesLinesOrDirectsText) {
+    for (const char* character : {"\u2028", "\u2029", "\u202A", "\u202E", "\u2066", "\u2069"}) {
+        EXPECT_EQ(Terminal::Printable(kLong + character), kLong + "\uFFFD") << character;
+    }
+    for (const char* character : {"\u2027", "\u202F", "\u2065", "\u206A"}) {
+        EXPECT_EQ(Terminal::Printable(kLong + character), kLong + character) << character;
+    }
+}

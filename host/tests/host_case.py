@@ -29,6 +29,14 @@ def constant(header, name):
     return re.search(rf'\b{name} = "?([^";]+)"?;', text)[1]
 
 
+FOLDER = constant("ContextDatabase.h", "kDataDirectory").rstrip("/")
+
+
+def history(name, count, first=0):
+    return HEADER + "".join(f"{name}{index},Unit {index},device,{first + index},{1 + index % 100}\n"
+                            for index in range(count))
+
+
 class HostCase(unittest.TestCase):
     """Gives each test a folder and a store, both empty."""
 
@@ -49,6 +57,11 @@ class HostCase(unittest.TestCase):
                                 stdin=subprocess.DEVNULL, env={**os.environ, "TZ": zone})
         self.assertEqual(result.returncode, status, result.stderr)
         return result
+
+    def need_plain_program(self):
+        program = pathlib.Path(PROGRAM).read_bytes()
+        if program[:4] != b"\x7fELF" or b"__asan_init" in program or b"__tsan_init" in program:
+            self.skipTest("an emulator or a sanitizer needs descriptors and address space of its own")
 
     def rank(self, *arguments, zone="UTC"):
         text = self.run_host("--json", *arguments, zone=zone).stdout
@@ -92,6 +105,32 @@ class HostCase(unittest.TestCase):
         while self.ask(port, *request) != wanted:
             self.assertLess(time.monotonic(), deadline, "the answer never came")
             time.sleep(0.05)
+
+
+class StoreCase(HostCase):
+    """Compares the files in the data directory."""
+
+    def contents(self):
+        """Every file in the data directory, without locks."""
+        return {path.name: os.readlink(path) if path.is_symlink() else path.is_file() and path.read_bytes()
+                for path in self.store.iterdir() if path.suffix != ".lock"}
+
+    def filled(self, count=20):
+        self.run_host(self.write("old.csv", history("old", count)))
+        return self.rows()
+
+    def run_script(self, script, *arguments):
+        return subprocess.run(self.with_store("sh", "-c", script, PROGRAM, FOLDER, *arguments), capture_output=True,
+                              encoding="utf-8", timeout=BOUND, stdin=subprocess.DEVNULL)
+
+    def check_refused(self, path, reason):
+        before = self.contents()
+        for arguments in ([], ["--serve", 0], [self.write("new.csv", history("new", 3))]):
+            result = self.run_host(*arguments, status=5)
+            self.assertIn(path, result.stderr)
+            self.assertIn(reason, result.stderr)
+            self.assertEqual((result.stderr.count("\n"), result.stdout), (1, ""))
+            self.assertEqual(self.contents(), before)
 
 
 def main():

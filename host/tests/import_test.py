@@ -132,6 +132,7 @@ class ImportTest(HostCase):
             "after a name of two lines": ('y,"Y\nY",d,1,2\nz,Z,d\n', 5, "expected 5 fields, found 3"),
             "after blank lines": ("\n\r\n\ny,Y,d,1\n", 6, "expected 5 fields, found 4"),
             "after a lone return": ("y,Y,d,1,2\rz,Z,d,1\n", 3, "expected 5 fields, found 4"),
+            "both rows of a line": ("y,Y,d\rz,Z,d,1\n", 3, "expected 5 fields, found 3"),
             "blank line in a name": ('y,"Y\n\n",d,1,2\nz,Z\n', 6, "expected 5 fields, found 2"),
             "escape sequence": ("y,Y,d,\x1b[31m\u202e,2\n", 3,
                                 'start_time is not a whole number of seconds that fits into 32 bits: '
@@ -179,6 +180,14 @@ class ImportTest(HostCase):
             result = self.run_host(path, status=3)
             self.assertIn(str(path), result.stderr)
             self.assertEqual(result.stderr.count("\n"), 1)
+
+    def test_refuses_a_file_larger_than_512_mib(self):
+        self.need_plain_program()
+        path = self.folder / "large.csv"
+        with open(path, "wb") as file:
+            file.truncate(512 * 1024 * 1024 + 1)  # without blocks on the disk
+        self.assertEqual(self.run_host(path, status=3).stderr,
+                         f"context-host: cannot read {path}: it is larger than 512 MiB; split it\n")
 
     # The store.
 

@@ -4,6 +4,7 @@
 
   output_test.py ROOT CONTEXT_HOST CONTEXT_QUERY
 """
+import contextlib
 import fcntl
 import json
 import os
@@ -18,6 +19,7 @@ import struct
 import subprocess
 import sys
 import termios
+import time
 import unicodedata
 
 sys.path.insert(0, str(pathlib.Path(__file__).parent))
@@ -104,6 +106,26 @@ class OutputTest(HostCase):
         self.assertEqual(lines[3].count("Ein Lied"), 7)
         self.assertIn("Nothing to rank", self.run_host("--max", 0).stdout)
 
+    def test_names_the_hour_that_it_ranks_for(self):
+        self.run_host(self.write("a.csv", HEADER + "x,X,d,100,5\n"))
+        hours = [time.strftime("%a at %H:00", time.gmtime())]
+        title = self.run_host("--agent", "date").stdout.splitlines()[0]
+        hours.append(time.strftime("%a at %H:00", time.gmtime()))  # the hour may have changed in between
+        self.assertIn(title, [f"Usual on {hour}, of 1 records" for hour in hours])
+
+    def test_shows_that_there_is_nothing_to_rank(self):
+        self.assertIn("Nothing to rank. Import a history: context-host FILE", self.run_host().stdout)
+        self.assertIn("Nothing to predict: at least five records", self.run_host("--evaluate").stdout)
+        self.run_host(self.write("a.csv", HEADER + "x,X,d,100,5\n"))
+        self.assertIn("Nothing to rank.\n", self.run_host("--max", 0).stdout)
+        lines = self.run_host("--weekly", "--max", 0).stdout.splitlines()
+        self.assertEqual(lines[3].split(), ["00:00"] + ["-"] * 7)
+
+    def test_evaluates_only_uses_that_are_long_enough(self):
+        path = self.write("a.csv", HEADER + "".join(f"u,U,d,{100 * index},{index % 2}\n" for index in range(20)))
+        self.assertIn(": 4 uses, the last fifth of 20 records", self.run_host("--evaluate", path).stdout)
+        self.assertIn(": 2 uses, ", self.run_host("--evaluate", "--min-duration", 1).stdout)
+
     def test_counts_the_buffers_of_an_import(self):
         path = self.write("a.csv", HEADER + "x,X,tv,100,5\n")
         self.assertIn(f"0 blocks in use, 0 bytes; at most {path.stat().st_size} bytes at once",
@@ -147,6 +169,8 @@ class OutputTest(HostCase):
         self.assertTrue(drawn.endswith("\r\033[K0 new records stored\n"), drawn)
         self.assertIn("\r\033[Kstoring: 1 of 1 records\r", self.run_on_terminal(path, width=40)[1])
         self.assertEqual(self.run_on_terminal(path, TERM="dumb")[1], "0 new records stored\n")
+        drawn = self.run_on_terminal(self.write("empty.csv", HEADER), "--json")[1]
+        self.assertIn(f"[{'#' * 40}] storing: 0 of 0 records", drawn)
 
     NAMES = ["Ein recht langer Name eines Liedes", "日本語の名前はとても広い文字です", "Cafe\u0301 e\u0301te\u0301 " * 5, "x",
              "a\x1b[31mb\u2028c\u202ed"]
@@ -171,6 +195,7 @@ class OutputTest(HostCase):
                     ends = {columns(row[:re.search(number, row).end()]) for row in rows}
                     self.assertEqual(len(ends), 1, "the columns are not aligned")
                     self.assertEqual("…" in text, width == 36 or width == 80 and "--evaluate" not in arguments)
+        self.assertEqual(self.run_on_terminal(width=0, NO_COLOR="1"), self.run_on_terminal(width=80, NO_COLOR="1"))
         narrow = self.run_on_terminal(width=10, NO_COLOR="1")[0]
         self.assertEqual(len(re.findall(r" \d+\.\d h$", narrow, re.M)), 5, "a number was cut")
         wide = self.run_on_terminal(width=40, COLUMNS="300", NO_COLOR="1")[0]
@@ -214,6 +239,20 @@ class OutputTest(HostCase):
         self.assertEqual((self.store / "usage.db.lock").read_bytes(), b"", "another file took its place")
         self.assertEqual(len(self.rows()), 1)
 
+    def test_reports_a_pipe_that_is_full(self):
+        self.run_host(self.write("a.csv", HEADER + "x,X,d,100,5\n"))
+        ours, theirs = os.pipe()
+        os.set_blocking(theirs, False)
+        with contextlib.suppress(BlockingIOError):
+            while True:
+                os.write(theirs, bytes(4096))
+        result = subprocess.run(self.command("--json"), stdout=theirs, stderr=subprocess.PIPE, encoding="utf-8",
+                                timeout=BOUND)
+        os.close(theirs)
+        os.close(ours)
+        self.assertEqual(result.returncode, 8)
+        self.assertIn("cannot write to standard output", result.stderr)
+
     def test_ends_quietly_when_its_reader_closes_the_pipe(self):
         self.run_host(self.write("a.csv", HEADER + "".join(f"u{index},X,d,{index},5\n" for index in range(200))))
         for arguments in (["--max", 1], ["--json", "--weekly", "--max", 200]):
@@ -242,6 +281,24 @@ class OutputTest(HostCase):
                 self.assertEqual(page.read_text(encoding="utf-8"), text)
         self.assertEqual(sorted(entry.name for entry in self.folder.iterdir()), ["a.csv", "store", "week.html"])
 
+    def test_names_the_time_zone_on_the_page(self):
+        page = self.folder / "week.html"
+        for zone, name in {"": "UTC", ":Europe/Paris": "Europe/Paris", "Asia/Tokyo": "Asia/Tokyo"}.items():
+            with self.subTest(zone):
+                self.run_host("--page", page, zone=zone)
+                self.assertIn(f'{{"Records":0,"Zone":"{name}"}}', page.read_text(encoding="utf-8"))
+
+    def test_writes_units_without_a_name_to_a_page_beside(self):
+        path = self.write("a.csv", HEADER + "x,,d,100,5\ny,Y,d,200,7\n")
+        subprocess.run(self.command("--evaluate", "--max", 1, "--page", "week.html", path), check=True,
+                       cwd=self.folder, timeout=BOUND, capture_output=True, env={**os.environ, "TZ": "UTC"})
+        text = (self.folder / "week.html").read_text(encoding="utf-8")
+        self.assertIn('{"Id":"y","MetaDataSrc":"d","Name":"Y","Score":7.0}', text)
+        self.assertNotIn('"Id":"x"', text)
+        self.run_host("--page", self.folder / "week.html")
+        text = (self.folder / "week.html").read_text(encoding="utf-8")
+        self.assertIn('{"Id":"x","MetaDataSrc":"d","Score":5.0}', text)
+
     def test_keeps_the_old_page_when_writing_fails(self):
         self.run_host(self.write("a.csv", HEADER + "x,X,d,100,5\n"))
         page = self.folder / "week.html"
@@ -266,6 +323,13 @@ class OutputTest(HostCase):
             self.assertIn(advice, result.stderr)
             self.assertEqual((result.stderr.count("\n"), result.stdout), (1, ""))
         self.assertTrue(pipe.is_fifo())
+
+    def test_reports_options_that_exclude_each_other(self):
+        for arguments, message in {("--evaluate", "--weekly"): "--evaluate cannot be combined",
+                                   ("--serve", "0", "--evaluate"): "--serve cannot be combined",
+                                   ("--serve", "0", "--weekly"): "--serve cannot be combined"}.items():
+            with self.subTest(arguments):
+                self.assertIn(message, self.run_host(*arguments, status=2).stderr)
 
 
 if __name__ == "__main__":

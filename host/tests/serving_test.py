@@ -8,6 +8,7 @@ import json
 import os
 import pathlib
 import re
+import resource
 import select
 import signal
 import socket
@@ -176,6 +177,24 @@ class ServingTest(HostCase):
             os.killpg(process.pid, signal.SIGTERM)
             process.communicate(timeout=BOUND)
 
+    def test_serves_again_after_memory_ran_out(self):
+        self.need_plain_program()
+        path = self.write("a.csv", HEADER + f"{'x' * 150000},X,,100,5\n")
+        # The large texts of an answer are never taken from memory that was freed before.
+        os.environ["GLIBC_TUNABLES"] = ("glibc.malloc.arena_max=1:glibc.malloc.mmap_threshold=65536:"
+                                        "glibc.malloc.trim_threshold=4096:glibc.malloc.top_pad=0")
+        self.addCleanup(os.environ.pop, "GLIBC_TUNABLES")
+        with self.served(path) as (port, process):
+            answer = {"Size": 1, "list": [{"Id": "x" * 150000, "Score": 5.0}]}
+            self.wait_for(port, ["rank", "mfu"], answer)
+            host = int(pathlib.Path(f"/proc/{process.pid}/task/{process.pid}/children").read_text())
+            limits = resource.prlimit(host, resource.RLIMIT_AS)
+            resource.prlimit(host, resource.RLIMIT_AS, (1, limits[1]))
+            self.assertIn("no answer", self.ask(port, "rank", "mfu", status=1))
+            self.assertIn("use: ", self.ask(port, "nonsense", status=3)["error"])
+            resource.prlimit(host, resource.RLIMIT_AS, limits)
+            self.assertEqual(self.ask(port, "rank", "mfu"), answer)
+
     def test_learns_records_that_another_program_replaced(self):
         with self.served(self.write("a.csv", HEADER + "x,X,,100,5\n")) as (port, _):
             self.wait_for(port, ["rank", "mfu"], {"Size": 1, "list": [{"Id": "x", "Score": 5.0}]})
@@ -213,6 +232,23 @@ class ServingTest(HostCase):
                 self.assertIn("is not JSON text, or is nested too deeply",
                               self.query(server.getsockname()[1], "rank", "mru"))
                 thread.join()
+
+    def test_query_reports_that_it_has_too_little_memory(self):
+        self.need_plain_program()
+        with self.served(self.write("a.csv", HEADER + "x,X,,100,5\n")) as (port, _):
+            self.wait_for(port, ["rank", "mfu"], {"Size": 1, "list": [{"Id": "x", "Score": 5.0}]})
+
+            def ask_with(limit):  # in kB of address space
+                result = subprocess.run(["sh", "-c", 'ulimit -v "$1" && exec "$0" "$2" rank mfu', QUERY, str(limit),
+                                         str(port)], capture_output=True, encoding="utf-8", timeout=BOUND)
+                return result.returncode, result.stderr
+
+            limit = 60000
+            while ask_with(limit) == (0, ""):
+                limit -= 1000
+            # Of all that the program needs, the buffer for the answer, of 200 kB, is the last and the largest.
+            self.assertIn((1, "context-query: failed: std::bad_alloc\n"),
+                          [ask_with(limit + more) for more in range(0, 1000, 50)])
 
     def test_reports_a_port_in_use(self):
         with socket.create_server(("0.0.0.0", 0)) as taken:

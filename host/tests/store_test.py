@@ -7,47 +7,18 @@
 import fcntl
 import os
 import pathlib
-import re
 import signal
 import sqlite3
+import struct
 import subprocess
 import sys
 import time
 
 sys.path.insert(0, str(pathlib.Path(__file__).parent))
-from host_case import BOUND, HEADER, HISTORIES, PROGRAM, HostCase, constant, main  # noqa: E402
-
-FOLDER = constant("ContextDatabase.h", "kDataDirectory").rstrip("/")
+from host_case import BOUND, FOLDER, HEADER, HISTORIES, PROGRAM, StoreCase, history, main  # noqa: E402
 
 
-def history(name, count, first=0):
-    return HEADER + "".join(f"{name}{index},Unit {index},device,{first + index},{1 + index % 100}\n"
-                            for index in range(count))
-
-
-class StoreTest(HostCase):
-    def contents(self):
-        """Every file in the data directory, without locks."""
-        return {path.name: os.readlink(path) if path.is_symlink() else path.read_bytes()
-                for path in self.store.iterdir() if path.suffix != ".lock"}
-
-    def filled(self, count=20):
-        self.run_host(self.write("old.csv", history("old", count)))
-        return self.rows()
-
-    def run_script(self, script, *arguments):
-        return subprocess.run(self.with_store("sh", "-c", script, PROGRAM, FOLDER, *arguments), capture_output=True,
-                              encoding="utf-8", timeout=BOUND, stdin=subprocess.DEVNULL)
-
-    def check_refused(self, path, reason):
-        before = self.contents()
-        for arguments in ([], ["--serve", 0], [self.write("new.csv", history("new", 3))]):
-            result = self.run_host(*arguments, status=5)
-            self.assertIn(path, result.stderr)
-            self.assertIn(reason, result.stderr)
-            self.assertEqual((result.stderr.count("\n"), result.stdout), (1, ""))
-            self.assertEqual(self.contents(), before)
-
+class StoreTest(StoreCase):
     # Files that are no store.
 
     def test_refuses_names_of_files_beside_a_store(self):
@@ -128,55 +99,16 @@ class StoreTest(HostCase):
         self.assertNotIn("lost", [unit for unit, _ in self.rank("--max", 3000)])
         self.assertEqual(self.rows(), before)
 
-    # Writes that fail.
+    def test_begins_again_after_an_interrupted_first_write(self):
+        self.filled()
+        path = self.store / "usage.db"
+        path.write_bytes(path.read_bytes()[:4096])
+        header = bytes.fromhex("d9d505f920a163d7") + struct.pack(">5I", 0, 0, 0, 512, 4096)  # of no page before
+        (self.store / "usage.db-journal").write_bytes(header.ljust(512, b"\0"))
+        self.assertEqual(self.rank(), [])
+        self.assertIn("3 new records stored", self.run_host(self.write("new.csv", history("new", 3))).stderr)
 
-    def test_keeps_records_when_the_disk_fills_up(self):
-        old = self.write("old.csv", history("old", 500))
-        new = self.write("new.csv", history("new", 30000))
-        copy = self.folder / "copy.db"
-        result = self.run_script('mount -t tmpfs -o size=1M none "$1" && "$0" --json "$2" && '
-                                 '{ "$0" "$3"; status=$?; cp "$1/usage.db" "$4"; ls "$1"; "$0" --json; exit $status; }',
-                                 old, new, copy)
-        self.assertEqual(result.returncode, 1, result.stderr)
-        self.assertIn("the records could not all be stored", result.stderr)
-        self.assertIn("the records stored before remain", result.stderr)
-        first, *names, last = result.stdout.splitlines()
-        self.assertEqual(names, ["usage.db", "usage.db.lock"])
-        self.assertEqual(last, first)
-        with sqlite3.connect(copy) as connection:
-            self.assertEqual(connection.execute("SELECT COUNT(*), COUNT(unit_id LIKE 'old%' OR NULL) FROM usage")
-                             .fetchone(), (500, 500))
-            self.assertEqual(connection.execute("PRAGMA integrity_check").fetchone(), ("ok",))
-
-    def test_keeps_records_wherever_the_disk_ends(self):
-        old = self.write("old.csv", history("old", 20000))
-        new = self.write("new.csv", history("new", 15000))
-        free = range(300, 2000, 100)  # kB; some of these end in the journal, others in the store itself
-        result = self.run_script('folder=$1 new=$3 copies=$4 && mount -t tmpfs -o size=64M none "$folder" && '
-                                 '"$0" "$2" >/dev/null && cp "$folder/usage.db" "$copies" && shift 4 && for free; do '
-                                 'size=$(($(stat -c %b "$folder/usage.db") / 2 + free)) && '
-                                 'mount -o remount,size=${size}k "$folder"; "$0" "$new" >&2; echo $?; '
-                                 'mount -o remount,size=64M "$folder"; cp "$folder/usage.db" "$copies/$free.db"; '
-                                 'rm "$folder"/*; cp "$copies/usage.db" "$folder"; done',
-                                 old, new, self.folder, *free)
-        self.assertEqual(result.stdout, "1\n" * len(free), result.stderr)
-        for size in free:
-            with self.subTest(free=size), sqlite3.connect(self.folder / f"{size}.db") as connection:
-                self.assertEqual(connection.execute("PRAGMA integrity_check").fetchone(), ("ok",))
-                self.assertEqual(connection.execute("SELECT COUNT(*), COUNT(unit_id LIKE 'old%' OR NULL) FROM usage")
-                                 .fetchone(), (20000, 20000))
-
-    def test_ranks_and_keeps_records_on_a_full_disk(self):
-        old = self.write("old.csv", history("old", 500))
-        new = self.write("new.csv", history("new", 3000))
-        result = self.run_script('mount -t tmpfs -o size=1M none "$1" && "$0" --json "$2" && '
-                                 '{ cat /dev/zero >"$1/filler" 2>"$4"; "$0" --json && "$0" "$3"; status=$?; '
-                                 '"$0" --json; exit $status; }', old, new, self.folder / "message")
-        self.assertEqual(result.returncode, 1, result.stderr)
-        self.assertIn("the records stored before remain", result.stderr)
-        rankings = result.stdout.splitlines()
-        self.assertEqual(rankings, rankings[:1] * 3)
-        self.assertIn("old", rankings[0])
+    # A store that cannot be written.
 
     def test_keeps_a_store_that_another_program_locks(self):
         before = self.filled()
@@ -193,11 +125,6 @@ class StoreTest(HostCase):
         other.execute("ROLLBACK")
         self.assertEqual(self.rows(), before)
         self.assertIn("3 new records stored", self.run_host(new).stderr)
-
-    def need_plain_program(self):
-        program = pathlib.Path(PROGRAM).read_bytes()
-        if program[:4] != b"\x7fELF" or b"__asan_init" in program or b"__tsan_init" in program:
-            self.skipTest("an emulator or a sanitizer needs descriptors and address space of its own")
 
     def test_keeps_the_store_with_too_few_descriptors(self):
         self.need_plain_program()

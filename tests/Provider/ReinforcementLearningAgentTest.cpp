@@ -602,4 +602,12 @@ TEST_F(ReinforcementLearningAgentTest, KalmanSamplesWithOneNormalVariateAndTheVa
     EXPECT_EQ(agent.ChooseAction(), 1);
 }
 
+TEST_F(ReinforcementLearningAgentTest, GreedyChoiceOfOneActionDrawsOnce) {
+    EpsilonGreedyAgent agent(1, 0.0);
+    agent.UpdateQ(0, 1);
+    RandState::Set(1);
+    EXPECT_EQ(agent.ChooseAction(), 0);
+    EXPECT_EQ(RandState::Draws(), 1) << "it explored";
+}
+
 }  // namespace
