@@ -148,8 +148,26 @@ std::string ProblemOf(const Finding& finding) {
 /// must do.
 /// @param hasRecord  receives whether the file is a store that has a record.
 /// @return why the file cannot be used as a store; empty if it can, or if there is none.
+/// SQLite would wait for the other end of a FIFO.
+/// @return what lies beside a store at a name that SQLite opens; empty if it may be opened.
+std::string ProblemBeside(const std::string& path) {
+    for (const char* suffix : {kJournalSuffix, "-wal", "-shm"}) {
+        struct stat status {};
+        const std::string name = path + suffix;
+        if (lstat(name.c_str(), &status) == 0 &&
+            (S_ISFIFO(status.st_mode) || S_ISCHR(status.st_mode) || S_ISBLK(status.st_mode))) {
+            return name + " is not a regular file";
+        }
+    }
+    return "";
+}
+
 std::string ProblemOfFile(const std::string& path, bool& hasRecord) {
     hasRecord = false;
+    std::string beside = ProblemBeside(path);
+    if (!beside.empty()) {
+        return beside;
+    }
     struct stat status {};
     if (lstat(path.c_str(), &status) != 0) {
         return errno == ENOENT ? "" : std::string("it cannot be read: ") + g_strerror(errno);

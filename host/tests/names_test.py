@@ -27,6 +27,20 @@ class NamesTest(StoreCase):
         journal.symlink_to("nothing")
         self.check_refused(f"{FOLDER}/usage.db-journal", "Too many levels of symbolic links")
 
+    def test_opens_no_fifo_beside_the_store(self):
+        self.filled()
+        store = self.store / "usage.db"
+        for suffix in ("-journal", "-wal", "-shm"):
+            with self.subTest(suffix):
+                fifo = self.store / f"usage.db{suffix}"
+                os.mkfifo(fifo)  # opened for reading, it would block without end
+                self.check_refused(f"{FOLDER}/usage.db", f"{FOLDER}/usage.db{suffix} is not a regular file")
+                store.rename(self.store / "elsewhere")
+                self.check_refused(f"{FOLDER}/usage.db", f"{FOLDER}/usage.db{suffix} is not a regular file")
+                (self.store / "elsewhere").rename(store)
+                fifo.unlink()
+        self.assertEqual(len(self.rank("--max", 50)), 20)
+
     def test_reports_folders_with_names_that_it_needs(self):
         path, kept = self.store / "usage.db", self.store / "usage.db.kept"
         self.filled()
