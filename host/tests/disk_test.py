@@ -55,22 +55,20 @@ class DiskTest(StoreCase):
         self.assertEqual(result.stderr.count("\n"), 1)
 
     def test_keeps_records_wherever_the_disk_ends(self):
-        old = self.write("old.csv", history("old", 20000))
         new = self.write("new.csv", history("new", 15000))
-        free = range(300, 2000, 100)  # kB; some of these end in the journal, others in the store itself
-        result = self.run_script('folder=$1 new=$3 copies=$4 && mount -t tmpfs -o size=64M none "$folder" && '
-                                 '"$0" "$2" >/dev/null && cp "$folder/usage.db" "$copies" && shift 4 && for free; do '
-                                 'size=$(($(stat -c %b "$folder/usage.db") / 2 + free)) && '
-                                 'mount -o remount,size=${size}k "$folder"; "$0" "$new" >&2; echo $?; '
-                                 'mount -o remount,size=64M "$folder"; cp "$folder/usage.db" "$copies/$free.db"; '
-                                 'rm "$folder"/*; cp "$copies/usage.db" "$folder"; done',
-                                 old, new, self.folder, *free)
-        self.assertEqual(result.stdout, "1\n" * len(free), result.stderr)
-        for size in free:
-            with self.subTest(free=size), sqlite3.connect(self.folder / f"{size}.db") as connection:
-                self.assertEqual(connection.execute("PRAGMA integrity_check").fetchone(), ("ok",))
-                self.assertEqual(connection.execute("SELECT COUNT(*), COUNT(unit_id LIKE 'old%' OR NULL) FROM usage")
-                                 .fetchone(), (20000, 20000))
+        stored, after = self.folder / "stored.db", self.folder / "after.db"
+        self.filled(20000)
+        (self.store / "usage.db").rename(stored)
+        for free in range(300, 2000, 150):  # kB; some of these end in the journal, others in the store itself
+            with self.subTest(free=free):
+                result = self.run_script(f'mount -t tmpfs -o size=$(($(stat -c %b "$3") / 2 + {free}))k none "$1" && '
+                                         'cp "$3" "$1/usage.db" && { "$0" "$2"; status=$?; cp "$1/usage.db" "$4"; } && '
+                                         'exit $status', new, stored, after)
+                self.assertEqual(result.returncode, 1, result.stderr)
+                with sqlite3.connect(after) as connection:
+                    self.assertEqual(connection.execute("PRAGMA integrity_check").fetchone(), ("ok",))
+                    self.assertEqual(connection.execute("SELECT COUNT(*), COUNT(unit_id LIKE 'old%' OR NULL) FROM usage")
+                                     .fetchone(), (20000, 20000))
 
     def test_ranks_and_keeps_records_on_a_full_disk(self):
         old = self.write("old.csv", history("old", 500))
