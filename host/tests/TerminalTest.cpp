@@ -74,8 +74,11 @@ TEST(TerminalTest, FitsATextIntoItsColumns) {
 }
 
 TEST(TerminalTest, ReplacesWhatSeparatesLinesOrDirectsText) {
-    for (const char* character : {"\u2028", "\u2029", "\u202A", "\u202E", "\u2066", "\u2069"}) {
-        EXPECT_EQ(Terminal::Printable(kLong + character), kLong + "\uFFFD") << character;
+    for (const char last : {'\xA8', '\xA9', '\xAA', '\xAE'}) {  // U+2028, U+2029, U+202A, U+202E
+        EXPECT_EQ(Terminal::Printable(kLong + "\xE2\x80" + last), kLong + "\uFFFD");
+    }
+    for (const char last : {'\xA6', '\xA9'}) {  // U+2066, U+2069
+        EXPECT_EQ(Terminal::Printable(kLong + "\xE2\x81" + last), kLong + "\uFFFD");
     }
     for (const char* character : {"\u2027", "\u202F", "\u2065", "\u206A"}) {
         EXPECT_EQ(Terminal::Printable(kLong + character), kLong + character) << character;
