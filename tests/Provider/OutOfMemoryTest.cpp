@@ -392,9 +392,6 @@ TYPED_TEST(UnitOutOfMemoryTest, LearningAndScoringNeedNoMemory) {
 }
 
 TEST(CuratorOutOfMemoryTest, AZoneThatCannotBeReadIsUTC) {
-    if (!FailingMemory::kIsMallocReplaced) {
-        GTEST_SKIP() << "the C library's allocations do not fail";
-    }
     const CuratorBaseData usage = Usage("", 60);
     const auto learnIn = [&usage](const char* zone, int failures) {
         CCuratorDateUnit unit("unit");
@@ -405,7 +402,7 @@ TEST(CuratorOutOfMemoryTest, AZoneThatCannotBeReadIsUTC) {
     };
     const Surroundings::TimeZone zone("UTC");
     EXPECT_STREQ(learnIn("Asia/Kolkata", 0), "local");
-    EXPECT_STREQ(learnIn("Asia/Kathmandu", INT_MAX), "UTC");
+    EXPECT_STREQ(learnIn("Asia/Kathmandu", INT_MAX), FailingMemory::kIsMallocReplaced ? "UTC" : "local");
     EXPECT_STREQ(learnIn("Asia/Kolkata", 0), "local");
 }
 
